@@ -1,0 +1,99 @@
+/*
+ * KRV XML: functions the library also shows to other components of the kit.
+ * Applications use krv_xml.h; these are the building blocks underneath it:
+ * allocation routing, memory sessions, raw node records, the file forwarders
+ * and the growable output buffer.
+ */
+#ifndef KRV_XML_COMPONENT_H
+#define KRV_XML_COMPONENT_H
+
+#include "krv_xml.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ===== Memory sessions ================================================== */
+
+/* Begins a session with one zero-filled block of `size` data bytes.
+ * Returns the session, or null when size <= 0 or the allocation failed. */
+KRV_XML_API XmlMemSession *XML_MemSessionBegin(int32_t size);
+
+/* Carves `n` zero bytes from the session: the oldest block with room serves
+ * the request (first fit); when none has room, a new block is appended whose
+ * capacity is the last block's, doubled until the request fits. Requests are
+ * rounded up to 8 bytes so that records stay aligned. Returns null for a null
+ * session, n <= 0, a request above 2^30 bytes, or an allocation failure (the
+ * chain is then unchanged). */
+KRV_XML_API void *XML_MemSpecialMalloc(XmlMemSession *session, int32_t n);
+
+/* Releases every block of the session. Returns 1, or 0 for a null session. */
+KRV_XML_API int32_t XML_MemSessionEnd(XmlMemSession *session);
+
+/* ===== Allocation routing =============================================== */
+/* A context node names the tree that memory belongs to. The tree is
+ * session-owned when its top record (reached through `parent`, an attribute
+ * stepping to its owner) has no siblings and a non-null `mem`; memory for it
+ * then comes from that session and is never freed piecewise. Otherwise, and
+ * for a null context, the heap is used. */
+
+/* `size` bytes for the context's tree; null on failure (no heap fallback). */
+KRV_XML_API void *XML_Malloc(XmlNode *context, uint64_t size);
+/* Zero-filled heap memory; null on failure. */
+KRV_XML_API void *XML_Calloc(size_t count, size_t size);
+/* Releases ptr by the release rule: freed to the heap unless the context's
+ * tree is session-owned. Null ptr: nothing. */
+KRV_XML_API void XML_Free(XmlNode *context, void *ptr);
+/* A copy of text (not null) for the context's tree. Returns null for an empty
+ * text (nothing allocated) or on allocation failure. */
+KRV_XML_API char *XML_Strdup(XmlNode *context, const char *text);
+
+/* ===== Node records ===================================================== */
+
+/* A zeroed record of the shape for `kind` (12 document, 1 attribute, any
+ * other value element), carved from `session` or from the heap when it is
+ * null. `kind` is set, `mem` is the session, a document has ownsSession 1.
+ * Returns null on allocation failure. */
+KRV_XML_API XmlNode *XML_NewNode(XmlMemSession *session, int32_t kind);
+
+/* Fills prefix, name and value with copies routed by `context` (null: heap).
+ * Null or "" inputs leave a field alone. Copies are made first, so a failure
+ * (KRV_XML_ERR_NO_MEMORY) leaves the node untouched; replaced strings are
+ * released by the release rule. Results: KRV_XML_OK, KRV_XML_ERR_INVALID_PARAM
+ * (node null), KRV_XML_ERR_NO_MEMORY. */
+KRV_XML_API uint32_t XML_SetNode(XmlNode *context, XmlNode *node, const char *prefix,
+                                 const char *name, const char *value);
+
+/* Releases node, every sibling after it, and all their attributes and
+ * descendants. A record that owns a session ends it and stops there. Works
+ * without recursion at any depth. Null: nothing. */
+KRV_XML_API void XML_FreeNode(XmlNode *node);
+
+/* Releases one record and the strings it owns, routed by the record itself;
+ * links are neither read nor changed. Null: nothing. */
+KRV_XML_API void XML_FreeSingleNode(XmlNode *node);
+
+/* Drops an attribute record that was never completed or linked: does nothing
+ * when it is null or carved from a session, else as XML_FreeSingleNode. */
+KRV_XML_API void XML_FreeSingleAttrNode(XmlNode *attr);
+
+/* ===== Attribute lists ================================================== */
+/* (linking attribute records) */
+
+/* Appends attr (a detached attribute record) to the element's attribute list
+ * and sets its parent. Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (either
+ * null, or the element is an attribute record); KRV_XML_ERR_ALREADY_EXISTS
+ * (an attribute with the same prefix and name is there; nothing changed). */
+KRV_XML_API uint32_t XML_AddAttrNode(XmlNode *attr, XmlNode *element);
+
+/* ===== File forwarders ================================================== */
+/* (the registered file functions, called through the library) */
+
+/* ===== Growable output buffer =========================================== */
+/* (the serializer's NUL-terminated heap buffer) */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KRV_XML_COMPONENT_H */

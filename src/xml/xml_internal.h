@@ -1,0 +1,87 @@
+// Declarations shared by the library's own sources only.
+#ifndef KRV_XML_INTERNAL_H
+#define KRV_XML_INTERNAL_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "krv_xml.h"
+#include "krv_xml_component.h"
+#include "platform/krv_platform.h"
+
+// Record shapes: an attribute ends after `next`, an element after `firstAttr`,
+// a document after `nameTable`. Shorter records are allocated shorter, so code
+// must check `kind` before touching a field that a shape lacks.
+constexpr size_t kAttrRecordSize = offsetof(XmlNode, prev);
+constexpr size_t kElementRecordSize = offsetof(XmlNode, nameTable);
+constexpr size_t kDocumentRecordSize = sizeof(XmlNode);
+static_assert(kAttrRecordSize % 8 == 0 && kElementRecordSize % 8 == 0, "records stay 8-aligned");
+static_assert(offsetof(XmlNode, mem) == 0 && offsetof(XmlNode, next) < kAttrRecordSize,
+              "attribute records hold the fields from mem to next");
+
+constexpr uint8_t kKindElement = KRV_XML_NODE_ELEMENT;
+constexpr uint8_t kKindAttribute = KRV_XML_NODE_ATTRIBUTE;
+constexpr uint8_t kKindDocument = KRV_XML_NODE_DOCUMENT;
+
+// Size of the record for a kind argument, as XML_NewNode chooses it.
+inline size_t xmlRecordSize(int32_t kind)
+{
+    return kind == KRV_XML_NODE_DOCUMENT    ? kDocumentRecordSize
+           : kind == KRV_XML_NODE_ATTRIBUTE ? kAttrRecordSize
+                                            : kElementRecordSize;
+}
+
+inline bool xmlIsAttr(const XmlNode *node)
+{
+    return node->kind == kKindAttribute;
+}
+
+// One block of a memory session; the session is its first block. The data
+// area follows the header. The bookkeeping fields after `nextBlock` are kept
+// in the first block only (see xml_node.cpp).
+struct SessionIndex;
+struct XmlMemSession {
+    uint8_t *cursor;           // next free byte of this block
+    int32_t freeBytes;         // bytes not yet handed out
+    int32_t capacity;          // size of the data area
+    XmlMemSession *nextBlock;  // null for the last block
+    XmlMemSession *lastBlock;
+    XmlMemSession *firstNonFull;
+    SessionIndex *index;
+    int32_t ordinal;           // position of this block in the chain
+};
+
+// Every session in the library starts with this many bytes.
+constexpr int32_t kSessionInitialSize = 8192;
+
+// The session that owns the tree of `context`, or null when that tree is not
+// session-owned (a null context, an ownerless attribute on the way up, a top
+// record with a sibling, or a top record without `mem`).
+XmlMemSession *xmlSessionOf(XmlNode *context);
+
+// The release rule: hands ptr to the heap unless `session` is non-null.
+inline void xmlReleaseTo(XmlMemSession *session, void *ptr)
+{
+    if (session == nullptr) {
+        krvHeapFree(ptr);
+    }
+}
+
+// The root of node's tree for the editing functions: the first record up the
+// `parent` chain (an attribute stepping to its owner) that is not an attribute
+// and has no parent. Null when an ownerless attribute is met, or when that
+// record has a sibling: such trees have no usable root.
+XmlNode *xmlFindRoot(XmlNode *node);
+
+// Unlinks an element or document from its parent and siblings (links only).
+void xmlUnlink(XmlNode *node);
+
+// First attribute of the element that matches prefix and name, or null.
+// Prefix null matches only attributes without prefix; likewise the name.
+XmlNode *xmlGetAttr(XmlNode *element, const char *prefix, const char *name);
+
+// Moves node's owned name into the first matching or empty slot of the
+// document's name table, releasing the former string by the release rule.
+void XML_InternName(XmlNode *document, XmlNode *node);
+
+#endif  // KRV_XML_INTERNAL_H

@@ -1,0 +1,660 @@
+// Node records, memory sessions, allocation routing, create/set/free and the
+// library services.
+#include <cstring>
+
+#include "xml/xml_internal.h"
+
+// ===== Memory sessions =====================================================
+//
+// A session is a chain of zero-filled blocks, identified by its first block.
+// Requests are served first fit: the oldest block with room. To keep that
+// exact without walking the chain per request, the first block keeps
+//   - `firstNonFull`: every block before it is full, so when it has room it is
+//     the first fit;
+//   - `index`: a max-tree over the blocks' free bytes, built once a second
+//     block exists. Its leaves may be stale (too high, never too low), so the
+//     leftmost leaf that claims room is checked against the block and mended
+//     when it lied. A request thus costs O(1) or O(log blocks).
+
+struct SessionIndex {
+    int32_t leaves;  // power of two
+    int32_t count;   // blocks indexed
+    int32_t *maxFree;  // 2 * leaves entries; node 1 is the root
+    XmlMemSession **blocks;  // leaves entries
+};
+
+namespace {
+
+constexpr size_t kBlockHeader = (sizeof(XmlMemSession) + 7) & ~static_cast<size_t>(7);
+constexpr int32_t kMaxRequest = 1 << 30;
+
+uint8_t *blockData(XmlMemSession *block)
+{
+    return reinterpret_cast<uint8_t *>(block) + kBlockHeader;
+}
+
+XmlMemSession *newBlock(int32_t capacity)
+{
+    auto *block = static_cast<XmlMemSession *>(
+        krvHeapCalloc(1, kBlockHeader + static_cast<size_t>(capacity)));
+    if (block == nullptr) {
+        return nullptr;
+    }
+    block->cursor = blockData(block);
+    block->freeBytes = capacity;
+    block->capacity = capacity;
+    return block;
+}
+
+void *carve(XmlMemSession *block, int32_t n)
+{
+    uint8_t *p = block->cursor;
+    block->cursor += n;
+    block->freeBytes -= n;
+    return p;
+}
+
+void indexSet(SessionIndex *index, int32_t leaf, int32_t value)
+{
+    int32_t node = index->leaves + leaf;
+    index->maxFree[node] = value;
+    for (node /= 2; node >= 1; node /= 2) {
+        int32_t l = index->maxFree[2 * node];
+        int32_t r = index->maxFree[2 * node + 1];
+        index->maxFree[node] = l > r ? l : r;
+    }
+}
+
+SessionIndex *indexAlloc(int32_t leaves)
+{
+    size_t bytes = sizeof(SessionIndex) + sizeof(int32_t) * 2 * static_cast<size_t>(leaves) +
+                   sizeof(XmlMemSession *) * static_cast<size_t>(leaves);
+    auto *index = static_cast<SessionIndex *>(krvHeapCalloc(1, bytes));
+    if (index == nullptr) {
+        return nullptr;
+    }
+    index->leaves = leaves;
+    index->maxFree = reinterpret_cast<int32_t *>(index + 1);
+    index->blocks = reinterpret_cast<XmlMemSession **>(index->maxFree + 2 * leaves);
+    return index;
+}
+
+// Makes room in the index for one more block; returns the index to use (the
+// old one, or a doubled copy), or null when memory ran out (nothing changed).
+SessionIndex *indexReserve(XmlMemSession *first)
+{
+    SessionIndex *old = first->index;
+    if (old != nullptr && old->count < old->leaves) {
+        return old;
+    }
+    int32_t leaves = old == nullptr ? 64 : old->leaves * 2;
+    SessionIndex *index = indexAlloc(leaves);
+    if (index == nullptr) {
+        return nullptr;
+    }
+    if (old == nullptr) {
+        index->blocks[0] = first;
+        index->count = 1;
+        indexSet(index, 0, first->freeBytes);
+    } else {
+        index->count = old->count;
+        for (int32_t i = 0; i < old->count; ++i) {
+            index->blocks[i] = old->blocks[i];
+            index->maxFree[leaves + i] = old->maxFree[old->leaves + i];
+        }
+        for (int32_t node = leaves - 1; node >= 1; --node) {
+            int32_t l = index->maxFree[2 * node];
+            int32_t r = index->maxFree[2 * node + 1];
+            index->maxFree[node] = l > r ? l : r;
+        }
+        krvHeapFree(old);
+    }
+    first->index = index;
+    return index;
+}
+
+// The oldest block with at least n free bytes, or null.
+XmlMemSession *findFirstFit(XmlMemSession *first, int32_t n)
+{
+    XmlMemSession *head = first->firstNonFull;
+    while (head != nullptr && head->freeBytes == 0) {
+        head = head->nextBlock;
+    }
+    first->firstNonFull = head;
+    if (head == nullptr) {
+        return nullptr;
+    }
+    if (head->freeBytes >= n) {
+        return head;
+    }
+    SessionIndex *index = first->index;
+    if (index == nullptr) {
+        return nullptr;
+    }
+    while (index->maxFree[1] >= n) {
+        int32_t node = 1;
+        while (node < index->leaves) {
+            node = index->maxFree[2 * node] >= n ? 2 * node : 2 * node + 1;
+        }
+        int32_t leaf = node - index->leaves;
+        XmlMemSession *block = index->blocks[leaf];
+        if (block->freeBytes >= n) {
+            return block;
+        }
+        indexSet(index, leaf, block->freeBytes);  // the leaf was stale: mend it
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+XmlMemSession *XML_MemSessionBegin(int32_t size)
+{
+    if (size <= 0) {
+        return nullptr;
+    }
+    XmlMemSession *first = newBlock(size);
+    if (first != nullptr) {
+        first->lastBlock = first;
+        first->firstNonFull = first;
+    }
+    return first;
+}
+
+void *XML_MemSpecialMalloc(XmlMemSession *session, int32_t n)
+{
+    if (session == nullptr || n <= 0 || n > kMaxRequest) {
+        return nullptr;
+    }
+    n = (n + 7) & ~7;  // records are carved from the same blocks as strings
+    XmlMemSession *fit = findFirstFit(session, n);
+    if (fit != nullptr) {
+        void *p = carve(fit, n);
+        if (session->index != nullptr && fit != session->firstNonFull) {
+            indexSet(session->index, fit->ordinal, fit->freeBytes);
+        }
+        return p;
+    }
+    XmlMemSession *last = session->lastBlock;
+    int32_t capacity = last->capacity;
+    while (capacity < n) {
+        capacity *= 2;  // n <= 2^30, so this cannot overflow
+    }
+    SessionIndex *index = indexReserve(session);
+    if (index == nullptr) {
+        return nullptr;
+    }
+    XmlMemSession *block = newBlock(capacity);
+    if (block == nullptr) {
+        return nullptr;  // a grown index is kept; the chain is unchanged
+    }
+    void *p = carve(block, n);
+    block->ordinal = last->ordinal + 1;
+    last->nextBlock = block;
+    session->lastBlock = block;
+    index->blocks[index->count++] = block;
+    indexSet(index, block->ordinal, block->freeBytes);
+    if (session->firstNonFull == nullptr) {
+        session->firstNonFull = block;
+    }
+    return p;
+}
+
+int32_t XML_MemSessionEnd(XmlMemSession *session)
+{
+    if (session == nullptr) {
+        return 0;
+    }
+    krvHeapFree(session->index);
+    while (session != nullptr) {
+        XmlMemSession *next = session->nextBlock;
+        krvHeapFree(session);
+        session = next;
+    }
+    return 1;
+}
+
+// ===== Allocation routing ==================================================
+
+XmlMemSession *xmlSessionOf(XmlNode *context)
+{
+    XmlNode *top = context;
+    while (top != nullptr && (xmlIsAttr(top) || top->parent != nullptr)) {
+        top = top->parent;  // an ownerless attribute ends the walk with null
+    }
+    if (top == nullptr || top->prev != nullptr || top->next != nullptr) {
+        return nullptr;
+    }
+    return top->mem;
+}
+
+XmlNode *xmlFindRoot(XmlNode *node)
+{
+    XmlNode *top = node;
+    while (top != nullptr && (xmlIsAttr(top) || top->parent != nullptr)) {
+        top = top->parent;
+    }
+    if (top == nullptr || top->prev != nullptr || top->next != nullptr) {
+        return nullptr;
+    }
+    return top;
+}
+
+void *XML_Malloc(XmlNode *context, uint64_t size)
+{
+    XmlMemSession *session = xmlSessionOf(context);
+    if (session != nullptr) {
+        return size > static_cast<uint64_t>(INT32_MAX)
+                   ? nullptr
+                   : XML_MemSpecialMalloc(session, static_cast<int32_t>(size));
+    }
+    if (size > SIZE_MAX) {
+        return nullptr;
+    }
+    return krvHeapMalloc(static_cast<size_t>(size));
+}
+
+void *XML_Calloc(size_t count, size_t size)
+{
+    return krvHeapCalloc(count, size);
+}
+
+void XML_Free(XmlNode *context, void *ptr)
+{
+    if (ptr != nullptr) {
+        xmlReleaseTo(xmlSessionOf(context), ptr);
+    }
+}
+
+namespace {
+
+// A copy of a non-empty text in the session, or on the heap when it is null.
+char *copyText(XmlMemSession *session, const char *text)
+{
+    size_t len = std::strlen(text);
+    if (len == 0) {
+        return nullptr;
+    }
+    char *copy;
+    if (session != nullptr) {
+        if (len >= static_cast<size_t>(INT32_MAX)) {
+            return nullptr;
+        }
+        copy = static_cast<char *>(XML_MemSpecialMalloc(session, static_cast<int32_t>(len + 1)));
+    } else {
+        copy = static_cast<char *>(krvHeapMalloc(len + 1));
+    }
+    if (copy != nullptr) {
+        strncpy_s(copy, len + 1, text, len);
+    }
+    return copy;
+}
+
+bool nonEmpty(const char *text)
+{
+    return text != nullptr && text[0] != '\0';
+}
+
+}  // namespace
+
+char *XML_Strdup(XmlNode *context, const char *text)
+{
+    if (text == nullptr || text[0] == '\0') {
+        return nullptr;
+    }
+    return copyText(xmlSessionOf(context), text);
+}
+
+// ===== Node records ========================================================
+
+XmlNode *XML_NewNode(XmlMemSession *session, int32_t kind)
+{
+    size_t size = xmlRecordSize(kind);
+    void *raw = session != nullptr ? XML_MemSpecialMalloc(session, static_cast<int32_t>(size))
+                                   : krvHeapMalloc(size);
+    if (raw == nullptr) {
+        return nullptr;
+    }
+    memset_s(raw, size, 0, size);
+    auto *node = static_cast<XmlNode *>(raw);
+    // The stored kind always matches the shape, so no record claims fields
+    // that it lacks.
+    node->kind = kind == KRV_XML_NODE_DOCUMENT    ? kKindDocument
+                 : kind == KRV_XML_NODE_ATTRIBUTE ? kKindAttribute
+                                                  : kKindElement;
+    node->ownsSession = kind == KRV_XML_NODE_DOCUMENT ? 1 : 0;
+    node->mem = session;
+    return node;
+}
+
+uint32_t XML_SetNode(XmlNode *context, XmlNode *node, const char *prefix, const char *name,
+                     const char *value)
+{
+    if (node == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    // The routing is decided once: the tree does not change during the call.
+    XmlMemSession *session = xmlSessionOf(context);
+    char *newPrefix = nullptr;
+    char *newName = nullptr;
+    char *newValue = nullptr;
+    if (nonEmpty(prefix) && (newPrefix = copyText(session, prefix)) == nullptr) {
+        return KRV_XML_ERR_NO_MEMORY;
+    }
+    if (nonEmpty(name) && (newName = copyText(session, name)) == nullptr) {
+        xmlReleaseTo(session, newPrefix);
+        return KRV_XML_ERR_NO_MEMORY;
+    }
+    if (nonEmpty(value) && (newValue = copyText(session, value)) == nullptr) {
+        xmlReleaseTo(session, newPrefix);
+        xmlReleaseTo(session, newName);
+        return KRV_XML_ERR_NO_MEMORY;
+    }
+    if (newName != nullptr) {
+        if (node->nameOwned) {
+            xmlReleaseTo(session, node->name);
+        }
+        node->name = newName;
+        node->nameOwned = 1;
+    }
+    if (newPrefix != nullptr) {
+        xmlReleaseTo(session, node->nsPrefix);
+        node->nsPrefix = newPrefix;
+    }
+    if (newValue != nullptr) {
+        if (node->valueOwned) {
+            xmlReleaseTo(session, node->value);
+        }
+        node->value = newValue;
+        node->valueOwned = 1;
+    }
+    return KRV_XML_OK;
+}
+
+// ===== Releasing ===========================================================
+
+namespace {
+
+// Releases one record and its owned strings to the heap, or not at all when
+// `session` says that the tree is session-owned.
+void releaseRecord(XmlMemSession *session, XmlNode *node)
+{
+    if (session != nullptr) {
+        return;
+    }
+    if (node->nameOwned) {
+        krvHeapFree(node->name);
+    }
+    if (node->valueOwned) {
+        krvHeapFree(node->value);
+    }
+    krvHeapFree(node->nsPrefix);
+    krvHeapFree(node);
+}
+
+void releaseAttrList(XmlMemSession *session, XmlNode *attr)
+{
+    while (attr != nullptr) {
+        XmlNode *next = attr->next;
+        releaseRecord(session, attr);
+        attr = next;
+    }
+}
+
+}  // namespace
+
+void XML_FreeNode(XmlNode *node)
+{
+    if (node == nullptr) {
+        return;
+    }
+    if (xmlIsAttr(node)) {
+        // An attribute chain: records without children.
+        releaseAttrList(xmlSessionOf(node), node);
+        return;
+    }
+    // One routing decision for the whole release: records are released
+    // children first, so every record's walk to the top would find the same
+    // top record as this one.
+    XmlMemSession *session = xmlSessionOf(node);
+    if (session != nullptr && !(node->ownsSession && node->mem != nullptr)) {
+        return;  // everything below lies in the session and goes with it
+    }
+    // Post-order walk without recursion: descend through first children,
+    // release a record once its children are gone, then go on with its next
+    // sibling or climb to its parent. `depth` 0 is the starting chain, whose
+    // parent is not ours to release.
+    XmlNode *cur = node;
+    size_t depth = 0;
+    for (;;) {
+        XmlNode *parent = cur->parent;
+        bool chainEnds = false;
+        if (cur->ownsSession && cur->mem != nullptr) {
+            // Ending the session releases the record and everything carved
+            // from it; the rest of this chain is not visited.
+            XML_MemSessionEnd(cur->mem);
+            chainEnds = true;
+        } else if (cur->firstChild != nullptr) {
+            cur = cur->firstChild;
+            ++depth;
+            continue;
+        }
+        // Release records whose children are gone, climbing while a chain ends.
+        for (;;) {
+            if (!chainEnds) {
+                XmlNode *next = cur->next;
+                releaseAttrList(session, cur->firstAttr);
+                releaseRecord(session, cur);
+                if (next != nullptr) {
+                    cur = next;
+                    break;
+                }
+            }
+            if (depth == 0) {
+                return;
+            }
+            --depth;
+            cur = parent;
+            parent = cur->parent;
+            chainEnds = false;
+        }
+    }
+}
+
+void XML_FreeSingleNode(XmlNode *node)
+{
+    if (node != nullptr) {
+        releaseRecord(xmlSessionOf(node), node);
+    }
+}
+
+void XML_FreeSingleAttrNode(XmlNode *attr)
+{
+    if (attr != nullptr && attr->mem == nullptr) {
+        XML_FreeSingleNode(attr);
+    }
+}
+
+// ===== Exported create / set / remove / free ===============================
+
+uint32_t KRV_XML_CreateNode(int32_t kind, const char *prefix, const char *name, const char *value,
+                            XmlNode **out)
+{
+    if ((kind != KRV_XML_NODE_ELEMENT && kind != KRV_XML_NODE_DOCUMENT) || out == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    XmlNode *node = XML_NewNode(nullptr, kind);
+    if (node == nullptr) {
+        return KRV_XML_ERR_NO_MEMORY;
+    }
+    uint32_t rc = XML_SetNode(nullptr, node, prefix, name, value);
+    if (rc != KRV_XML_OK) {
+        krvHeapFree(node);
+        return rc;
+    }
+    *out = node;
+    return KRV_XML_OK;
+}
+
+uint32_t KRV_XML_CreateNodeEx(XmlMemSession *session, int32_t kind, const char *prefix,
+                              const char *name, const char *value, XmlNode **out)
+{
+    if ((kind != KRV_XML_NODE_ELEMENT && kind != KRV_XML_NODE_DOCUMENT) || out == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    XmlMemSession *use = session;
+    if (kind == KRV_XML_NODE_DOCUMENT) {
+        use = XML_MemSessionBegin(kSessionInitialSize);
+        if (use == nullptr) {
+            return KRV_XML_ERR_NO_MEMORY;
+        }
+    }
+    XmlNode *node = XML_NewNode(use, kind);
+    if (node == nullptr) {
+        if (kind == KRV_XML_NODE_DOCUMENT) {
+            XML_MemSessionEnd(use);
+        }
+        return KRV_XML_ERR_NO_MEMORY;
+    }
+    uint32_t rc = XML_SetNode(node, node, prefix, name, value);
+    if (rc != KRV_XML_OK) {
+        XML_FreeNode(node);
+        return rc;
+    }
+    *out = node;
+    return KRV_XML_OK;
+}
+
+uint32_t KRV_XML_SetNode(XmlNode *node, const char *prefix, const char *name, const char *value)
+{
+    if (node == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    bool clearPrefix = prefix != nullptr && prefix[0] == '\0';
+    bool clearName = name != nullptr && name[0] == '\0';
+    bool clearValue = value != nullptr && value[0] == '\0';
+    if (clearPrefix || clearName || clearValue) {
+        XmlMemSession *session = xmlSessionOf(node);
+        if (clearPrefix) {
+            xmlReleaseTo(session, node->nsPrefix);
+            node->nsPrefix = nullptr;
+        }
+        if (clearName) {
+            if (node->nameOwned) {
+                xmlReleaseTo(session, node->name);
+            }
+            node->name = nullptr;
+        }
+        if (clearValue) {
+            if (node->valueOwned) {
+                xmlReleaseTo(session, node->value);
+            }
+            node->value = nullptr;
+        }
+    }
+    return XML_SetNode(node, node, prefix, name, value);
+}
+
+void xmlUnlink(XmlNode *node)
+{
+    if (node->prev != nullptr) {
+        node->prev->next = node->next;
+    }
+    if (node->next != nullptr) {
+        node->next->prev = node->prev;
+    }
+    XmlNode *parent = node->parent;
+    if (parent != nullptr) {
+        if (parent->firstChild == node) {
+            parent->firstChild = node->next;
+        }
+        if (parent->lastChild == node) {
+            parent->lastChild = node->prev;
+        }
+    }
+    node->prev = nullptr;
+    node->next = nullptr;
+    node->parent = nullptr;
+}
+
+uint32_t KRV_XML_RemoveNode(XmlNode *node)
+{
+    if (node == nullptr || xmlIsAttr(node)) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    if (node->parent == nullptr && node->prev == nullptr && node->next == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    xmlUnlink(node);
+    return KRV_XML_OK;
+}
+
+void KRV_XML_FreeNode(XmlNode *node)
+{
+    if (node == nullptr) {
+        return;
+    }
+    if (xmlIsAttr(node)) {
+        XmlNode *owner = node->parent;
+        if (owner == nullptr) {
+            XML_FreeSingleAttrNode(node);  // an ownerless session record stays put
+            return;
+        }
+        if (owner->firstAttr == node) {
+            owner->firstAttr = node->next;
+        } else {
+            XmlNode *a = owner->firstAttr;
+            while (a != nullptr && a->next != node) {
+                a = a->next;
+            }
+            if (a != nullptr) {
+                a->next = node->next;
+            }
+        }
+        node->next = nullptr;
+        XML_FreeSingleNode(node);  // routed by the owner's tree: parent still set
+        return;
+    }
+    // A parsed heap document heads its following top-level elements: release
+    // them with it rather than leave them behind.
+    bool headsFollowers = node->kind == kKindDocument && node->parent == nullptr &&
+                          node->prev == nullptr && node->next != nullptr;
+    if (!headsFollowers && (node->parent != nullptr || node->prev != nullptr || node->next != nullptr)) {
+        xmlUnlink(node);
+    }
+    XML_FreeNode(node);
+}
+
+void KRV_XML_FreeMem(void *ptr)
+{
+    krvHeapFree(ptr);
+}
+
+// ===== Library services ====================================================
+
+namespace {
+constexpr char kVersionText[] = "KRV XML 2.1.9";
+constexpr uint32_t kVersionSize = sizeof(kVersionText);  // 14, with the NUL
+}  // namespace
+
+uint32_t KRV_XML_GetVersion(char *buffer, uint32_t size)
+{
+    if (buffer == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    if (size < kVersionSize) {
+        return KRV_XML_ERR_BUFFER_TOO_SMALL;
+    }
+    strncpy_s(buffer, size, kVersionText, size - 1);
+    return KRV_XML_OK;
+}
+
+uint32_t KRV_XML_RegDebugFunc(KrvXmlDebugFn)
+{
+    return KRV_XML_ERR_NOT_FOUND;
+}
+
+uint32_t KRV_XML_RegMemFunc(KrvXmlMallocFn, KrvXmlFreeFn)
+{
+    return KRV_XML_OK;
+}
