@@ -641,6 +641,9 @@ uint32_t KRV_XML_CloneNodeSelf(XmlNode *source, XmlNode **out)
 
 uint32_t KRV_XML_CloneNode(XmlNode *source, XmlNode **out)
 {
+    if (out == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
     XmlNode *copy = nullptr;
     uint32_t rc = cloneTop(source, &copy);
     if (rc != KRV_XML_OK) {
