@@ -313,7 +313,7 @@ TEST(Tree, RefusedInsertionsLeaveBothTreesUnchanged)
     KRV_XML_FreeNode(otherDoc);
 }
 
-TEST(Tree, HeapRootWithSiblingsTakesLinksButNoNames)
+TEST(Tree, HeapRootWithSiblingsTakesLinksButNoNamesOrCopies)
 {
     krvtest::LeakGuard guard;
     XmlNode *doc = document(false);
@@ -331,10 +331,19 @@ TEST(Tree, HeapRootWithSiblingsTakesLinksButNoNames)
     EXPECT_EQ(KRV_XML_SetAttr(child, nullptr, "k", "stands"), KRV_XML_OK);
     EXPECT_STREQ(child->firstAttr->value, "stands");
     EXPECT_EQ(child->firstAttr->nameOwned, 1);
-    XmlNode *copy = reinterpret_cast<XmlNode *>(0x1);
-    EXPECT_EQ(KRV_XML_CloneNode(child, &copy), KRV_XML_ERR_INVALID_PARAM);
-    EXPECT_EQ(KRV_XML_CloneNodeSelf(child, &copy), KRV_XML_ERR_INVALID_PARAM);
-    EXPECT_EQ(copy, reinterpret_cast<XmlNode *>(0x1));
+    // Copies are refused there too, and every refusal allocates nothing.
+    XmlNode *ownerless = XML_NewNode(nullptr, KRV_XML_NODE_ATTRIBUTE);
+    long live = krv_test::LiveBlocks();
+    for (auto clone : {KRV_XML_CloneNode, KRV_XML_CloneNodeSelf}) {
+        XmlNode *out = reinterpret_cast<XmlNode *>(0x1);
+        for (XmlNode *source : {child, doc, static_cast<XmlNode *>(nullptr), child->firstAttr, ownerless}) {
+            EXPECT_EQ(clone(source, &out), KRV_XML_ERR_INVALID_PARAM);
+        }
+        EXPECT_EQ(clone(beside, nullptr), KRV_XML_ERR_INVALID_PARAM);
+        EXPECT_EQ(out, reinterpret_cast<XmlNode *>(0x1));
+    }
+    EXPECT_EQ(krv_test::LiveBlocks(), live);
+    XML_FreeSingleAttrNode(ownerless);
     KRV_XML_FreeNode(beside);
     KRV_XML_FreeNode(doc);
 }
@@ -723,7 +732,7 @@ void expectAllIn(XmlNode *copy, XmlMemSession *mem, XmlNode *sourceDoc)
 
 }  // namespace
 
-TEST(Clone, CopiesAreDetachedWithAttributesAndSubtreeInOrder)
+TEST(Clone, CopiesAreDetachedInTheSourceRegimeWithAttributesAndSubtree)
 {
     for (bool session : {false, true}) {
         SCOPED_TRACE(session ? "session document" : "heap document");
@@ -732,8 +741,21 @@ TEST(Clone, CopiesAreDetachedWithAttributesAndSubtreeInOrder)
         ASSERT_EQ(f.source->name, f.doc->nameTable[1]) << "fixture: e's name is interned";
         XmlNode *self = nullptr;
         XmlNode *deep = nullptr;
+        XmlNode *docCopy = nullptr;
         ASSERT_EQ(KRV_XML_CloneNodeSelf(f.source, &self), KRV_XML_OK);
         ASSERT_EQ(KRV_XML_CloneNode(f.source, &deep), KRV_XML_OK);
+        ASSERT_EQ(KRV_XML_CloneNode(f.doc, &docCopy), KRV_XML_OK);
+        const std::string docText = content(f.doc);
+
+        // A document copy: a table of its own, starting empty, and a session
+        // of its own when the source has one.
+        EXPECT_EQ(docCopy->kind, KRV_XML_NODE_DOCUMENT);
+        EXPECT_EQ(docCopy->ownsSession, 1);
+        EXPECT_EQ(docCopy->nameTable[0][0], '\0');
+        EXPECT_EQ(docCopy->mem != nullptr, session);
+        EXPECT_TRUE(docCopy->mem == nullptr || docCopy->mem != f.doc->mem);
+        expectAllIn(docCopy, docCopy->mem, f.doc);
+        EXPECT_EQ(content(docCopy), docText);
         for (XmlNode *c : {self, deep}) {
             EXPECT_EQ(c->parent, nullptr);
             EXPECT_EQ(c->prev, nullptr);
@@ -758,66 +780,16 @@ TEST(Clone, CopiesAreDetachedWithAttributesAndSubtreeInOrder)
             EXPECT_EQ(KRV_XML_AppendChildNode(f.doc, deep), KRV_XML_OK) << "same session: may join";
             EXPECT_EQ(deep->name, f.doc->nameTable[1]) << "interned when inserted";
             KRV_XML_FreeNode(f.doc);
+            EXPECT_EQ(content(docCopy), docText) << "the document copy outlives its source";
         } else {
             KRV_XML_FreeNode(f.doc);  // heap copies are independent of the source
             EXPECT_EQ(content(deep), "0-:e=text[a=1 p:b=- c=3];1-:x=-[q:xa=xv];2-:y=deep[];1-:z=-[];");
+            EXPECT_EQ(content(docCopy), docText);
             KRV_XML_FreeNode(self);
             KRV_XML_FreeNode(deep);
         }
+        KRV_XML_FreeNode(docCopy);  // ends its own session; the guard sees the rest
     }
-}
-
-TEST(Clone, DocumentCopyTakesItsOwnSession)
-{
-    for (bool session : {false, true}) {
-        SCOPED_TRACE(session ? "session document" : "heap document");
-        krvtest::LeakGuard guard;
-        CloneFixture f = cloneFixture(session);
-        const std::string text = content(f.doc);
-        XmlNode *copy = nullptr;
-        ASSERT_EQ(KRV_XML_CloneNode(f.doc, &copy), KRV_XML_OK);
-        EXPECT_EQ(copy->kind, KRV_XML_NODE_DOCUMENT);
-        EXPECT_EQ(copy->ownsSession, 1);
-        EXPECT_EQ(copy->nameTable[0][0], '\0') << "the table starts empty";
-        if (session) {
-            ASSERT_NE(copy->mem, nullptr);
-            EXPECT_NE(copy->mem, f.doc->mem);
-        } else {
-            EXPECT_EQ(copy->mem, nullptr);
-        }
-        expectAllIn(copy, copy->mem, f.doc);
-        KRV_XML_FreeNode(f.doc);
-        EXPECT_EQ(content(copy), text) << "the copy outlives its source";
-        KRV_XML_FreeNode(copy);  // ends its own session; the guard sees the rest
-    }
-}
-
-TEST(Clone, RefusalsAllocateNothing)
-{
-    krvtest::LeakGuard guard;
-    XmlNode *el = element("e");
-    ASSERT_EQ(KRV_XML_AddAttr(el, nullptr, "a", "1"), KRV_XML_OK);
-    XmlNode *beside = element("beside");
-    XmlNode *child = element("child");
-    ASSERT_EQ(KRV_XML_AppendChildNode(beside, child), KRV_XML_OK);
-    ASSERT_EQ(KRV_XML_AddNextSiblingNode(el, beside), KRV_XML_OK);
-    XmlNode *ownerless = XML_NewNode(nullptr, KRV_XML_NODE_ATTRIBUTE);
-    XmlNode *single = element("single");
-    long live = krv_test::LiveBlocks();
-    for (auto clone : {KRV_XML_CloneNode, KRV_XML_CloneNodeSelf}) {
-        XmlNode *out = reinterpret_cast<XmlNode *>(0x1);
-        EXPECT_EQ(clone(nullptr, &out), KRV_XML_ERR_INVALID_PARAM);
-        EXPECT_EQ(clone(single, nullptr), KRV_XML_ERR_INVALID_PARAM);
-        EXPECT_EQ(clone(el->firstAttr, &out), KRV_XML_ERR_INVALID_PARAM);
-        EXPECT_EQ(clone(ownerless, &out), KRV_XML_ERR_INVALID_PARAM);
-        EXPECT_EQ(clone(child, &out), KRV_XML_ERR_INVALID_PARAM) << "root has a sibling";
-        EXPECT_EQ(out, reinterpret_cast<XmlNode *>(0x1));
-    }
-    EXPECT_EQ(krv_test::LiveBlocks(), live);
-    KRV_XML_FreeNode(beside);
-    KRV_XML_FreeNode(el);
-    KRV_XML_FreeNode(single);
-    XML_FreeSingleAttrNode(ownerless);
 }
 
 TEST(Clone, AllocationFailuresLeaveNothingBehind)
