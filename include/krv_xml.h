@@ -247,7 +247,7 @@ KRV_XML_API uint32_t KRV_XML_SetAttrValueEx(XmlNode *element, const char *prefix
 
 /* Reads the value of the element's attribute prefix:name (prefix null: an
  * attribute without prefix) as `type` into *out, as KRV_XML_GetNodeValueEx
- * does. An empty name is looked up like any other and is never found.
+ * does. An empty prefix or name is looked up like any other and never found.
  * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (element, name or out null,
  * type above KRV_XML_VALUE_UINT8, an attribute record given as the element,
  * an attribute without value, or a text that is not a value of that type);

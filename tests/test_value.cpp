@@ -278,7 +278,8 @@ TEST(TypedValue, AttrReaderFindsByPrefixAndName)
 TEST(TypedValue, AttrWriterAddsLastThenChangesInPlace)
 {
     krvtest::LeakGuard guard;
-    XmlNode *el = newElement("e");
+    XmlNode *el = nullptr;  // a heap document: new names are interned, old ones freed
+    ASSERT_EQ(KRV_XML_CreateNode(KRV_XML_NODE_DOCUMENT, nullptr, "e", nullptr, &el), KRV_XML_OK);
     XmlNode *a = addAttr(el, nullptr, "a", "x");
     const int16_t minus5 = -5, seven = 7;
     ASSERT_EQ(KRV_XML_SetAttrValueEx(el, nullptr, "n", kI16, &minus5), KRV_XML_OK);
@@ -286,6 +287,7 @@ TEST(TypedValue, AttrWriterAddsLastThenChangesInPlace)
     ASSERT_EQ(list.size(), 2u);
     XmlNode *n = list[1];
     EXPECT_EQ(list[0], a);
+    EXPECT_EQ(n->name, el->nameTable[0]);
     EXPECT_STREQ(n->name, "n");
     EXPECT_STREQ(n->value, "-5");
     EXPECT_EQ(n->parent, el);

@@ -38,59 +38,57 @@ bool isDigit(char c)
     return c >= '0' && c <= '9';
 }
 
+// The caller's variable, read or written at exactly its own width; the
+// pointer need not be aligned.
+template <class T>
+T readAs(const void *p)
+{
+    T v;
+    memcpy_s(&v, sizeof v, p, sizeof v);
+    return v;
+}
+
+template <class T>
+void writeAs(void *p, T v)
+{
+    memcpy_s(p, sizeof v, &v, sizeof v);
+}
+
+constexpr size_t kMaxValueChars = kValueTextSize - 1;
+
+bool formatSigned(int32_t v, char (&text)[kValueTextSize])
+{
+    return snprintf_s(text, sizeof text, kMaxValueChars, "%d", static_cast<int>(v)) > 0;
+}
+
+bool formatUnsigned(uint32_t v, char (&text)[kValueTextSize])
+{
+    return snprintf_s(text, sizeof text, kMaxValueChars, "%u", static_cast<unsigned>(v)) > 0;
+}
+
 // Formats the value at `value`, read at the type's width, into `text`.
 // Signed values are widened with their sign, unsigned ones with zeros.
 bool formatValue(uint32_t type, const void *value, char (&text)[kValueTextSize])
 {
-    constexpr size_t kMaxCount = kValueTextSize - 1;
-    int written = -1;
     switch (type) {
-    case KRV_XML_VALUE_BOOL: {
-        uint32_t v;
-        memcpy_s(&v, sizeof v, value, sizeof v);
-        written = snprintf_s(text, sizeof text, kMaxCount, "%s", v != 0 ? "true" : "false");
-        break;
-    }
-    case KRV_XML_VALUE_INT32: {
-        int32_t v;
-        memcpy_s(&v, sizeof v, value, sizeof v);
-        written = snprintf_s(text, sizeof text, kMaxCount, "%d", static_cast<int>(v));
-        break;
-    }
-    case KRV_XML_VALUE_INT16: {
-        int16_t v;
-        memcpy_s(&v, sizeof v, value, sizeof v);
-        written = snprintf_s(text, sizeof text, kMaxCount, "%d", static_cast<int>(v));
-        break;
-    }
-    case KRV_XML_VALUE_INT8: {
-        int8_t v;
-        memcpy_s(&v, sizeof v, value, sizeof v);
-        written = snprintf_s(text, sizeof text, kMaxCount, "%d", static_cast<int>(v));
-        break;
-    }
-    case KRV_XML_VALUE_UINT32: {
-        uint32_t v;
-        memcpy_s(&v, sizeof v, value, sizeof v);
-        written = snprintf_s(text, sizeof text, kMaxCount, "%u", static_cast<unsigned>(v));
-        break;
-    }
-    case KRV_XML_VALUE_UINT16: {
-        uint16_t v;
-        memcpy_s(&v, sizeof v, value, sizeof v);
-        written = snprintf_s(text, sizeof text, kMaxCount, "%u", static_cast<unsigned>(v));
-        break;
-    }
-    case KRV_XML_VALUE_UINT8: {
-        uint8_t v;
-        memcpy_s(&v, sizeof v, value, sizeof v);
-        written = snprintf_s(text, sizeof text, kMaxCount, "%u", static_cast<unsigned>(v));
-        break;
-    }
+    case KRV_XML_VALUE_BOOL:
+        return snprintf_s(text, sizeof text, kMaxValueChars, "%s",
+                          readAs<uint32_t>(value) != 0 ? "true" : "false") > 0;
+    case KRV_XML_VALUE_INT32:
+        return formatSigned(readAs<int32_t>(value), text);
+    case KRV_XML_VALUE_INT16:
+        return formatSigned(readAs<int16_t>(value), text);
+    case KRV_XML_VALUE_INT8:
+        return formatSigned(readAs<int8_t>(value), text);
+    case KRV_XML_VALUE_UINT32:
+        return formatUnsigned(readAs<uint32_t>(value), text);
+    case KRV_XML_VALUE_UINT16:
+        return formatUnsigned(readAs<uint16_t>(value), text);
+    case KRV_XML_VALUE_UINT8:
+        return formatUnsigned(readAs<uint8_t>(value), text);
     default:
-        break;
+        return false;
     }
-    return written > 0;
 }
 
 // Reads `text` as an integer of the type. The magnitude is accumulated in 64
@@ -136,21 +134,15 @@ void storeInteger(uint32_t type, uint32_t magnitude, bool negative, void *out)
     // Two's complement negation in 32 bits; narrowing keeps the low bytes.
     uint32_t bits = negative ? 0u - magnitude : magnitude;
     switch (kValueTypes[type].width) {
-    case 4: {
-        uint32_t v = bits;
-        memcpy_s(out, sizeof v, &v, sizeof v);
+    case 4:
+        writeAs(out, bits);
         break;
-    }
-    case 2: {
-        auto v = static_cast<uint16_t>(bits);
-        memcpy_s(out, sizeof v, &v, sizeof v);
+    case 2:
+        writeAs(out, static_cast<uint16_t>(bits));
         break;
-    }
-    default: {
-        auto v = static_cast<uint8_t>(bits);
-        memcpy_s(out, sizeof v, &v, sizeof v);
+    default:
+        writeAs(out, static_cast<uint8_t>(bits));
         break;
-    }
     }
 }
 
@@ -192,7 +184,7 @@ uint32_t xmlGetValueEx(XmlNode *node, uint32_t type, void *out)
         } else {
             return KRV_XML_ERR_INVALID_PARAM;
         }
-        memcpy_s(out, sizeof v, &v, sizeof v);
+        writeAs(out, v);
         return KRV_XML_OK;
     }
     uint32_t magnitude = 0;
