@@ -396,8 +396,91 @@ KRV_XML_API uint32_t KRV_XML_CloneNode(XmlNode *source, XmlNode **out);
 /* ===== Typed values ===================================================== */
 /* (values as booleans and 8-, 16- and 32-bit integers) */
 
+/* Texts written and read, by type code (the caller's variable has exactly the
+ * type's width: 4, 4, 4, 2, 2, 1 or 1 bytes):
+ *   KRV_XML_VALUE_BOOL    uint32_t; writes "true" (any non-zero) or "false";
+ *                         reads exactly "true" or "1" as 1, "false" or "0" as 0
+ *   KRV_XML_VALUE_INT32   int32_t,  -2147483648 .. 2147483647
+ *   KRV_XML_VALUE_UINT32  uint32_t, 0 .. 4294967295
+ *   KRV_XML_VALUE_INT16   int16_t,  -32768 .. 32767
+ *   KRV_XML_VALUE_UINT16  uint16_t, 0 .. 65535
+ *   KRV_XML_VALUE_INT8    int8_t,   -128 .. 127
+ *   KRV_XML_VALUE_UINT8   uint8_t,  0 .. 255
+ * Integers are written in decimal ("-128", "255"). The reader is strict: one
+ * optional '-' or '+' for the signed types only, then decimal digits and
+ * nothing else (no white space, no other bases, no point or exponent);
+ * leading zeros are skipped ("0001" is 1, "-0" is 0), more than 24 digits
+ * after them are refused, and the value must lie in the type's range. Every
+ * text the writer makes reads back as the value written. */
+
+/* Writes *value, read at the width of `type`, as the node's value text. The
+ * node may be an element, a document or an attribute. An old value the node
+ * owns is released first; one it does not own is only dropped. The new text
+ * is a copy made in the regime of the node's tree and is owned by the node.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (node or value null, type
+ * above KRV_XML_VALUE_UINT8; nothing changed); KRV_XML_ERR_NO_MEMORY (the
+ * node's value is null afterwards: the old text is already gone). */
+KRV_XML_API uint32_t KRV_XML_SetNodeValueEx(XmlNode *node, uint32_t type, const void *value);
+
+/* Reads the node's value text as `type` into *out, written at exactly the
+ * type's width and only on success. The node may be an element, a document or
+ * an attribute.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (node or out null, type
+ * above KRV_XML_VALUE_UINT8, the node has no value, or its text is not a
+ * value of that type). */
+KRV_XML_API uint32_t KRV_XML_GetNodeValueEx(XmlNode *node, uint32_t type, void *out);
+
+/* Writes *value as the value of the element's attribute prefix:name (prefix
+ * null: an attribute without prefix), as KRV_XML_SetNodeValueEx does. When
+ * there is no such attribute it is made and appended as the element's last
+ * attribute, its record and strings in the regime of the element's tree; in a
+ * document its name may move into the document's name table. The element is
+ * an element or document record.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (element, name or value
+ * null, empty name, type above KRV_XML_VALUE_UINT8, an attribute record given
+ * as the element, or the attribute is missing and the top of the element's
+ * tree has a sibling; nothing changed); KRV_XML_ERR_ALREADY_EXISTS (the
+ * attribute was missing under the given prefix but the new record, whose
+ * empty prefix counts as none, equals an existing one; nothing changed);
+ * KRV_XML_ERR_NO_MEMORY (a new attribute is not added; an existing one has a
+ * null value afterwards). */
+KRV_XML_API uint32_t KRV_XML_SetAttrValueEx(XmlNode *element, const char *prefix, const char *name,
+                                            uint32_t type, const void *value);
+
+/* Reads the value of the element's attribute prefix:name (prefix null: an
+ * attribute without prefix) as `type` into *out, as KRV_XML_GetNodeValueEx
+ * does. An empty prefix or name is looked up like any other and never found.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (element, name or out null,
+ * type above KRV_XML_VALUE_UINT8, an attribute record given as the element,
+ * an attribute without value, or a text that is not a value of that type);
+ * KRV_XML_ERR_NOT_FOUND (no such attribute). *out is written on success only. */
+KRV_XML_API uint32_t KRV_XML_GetAttrValueEx(XmlNode *element, const char *prefix, const char *name,
+                                            uint32_t type, void *out);
+
 /* ===== Path lookup ====================================================== */
 /* (finding a node by a dotted path) */
+
+/* Finds a node by a path of dot-separated segments, the first of which names
+ * `start` itself; each further name segment goes down to the first child of
+ * that name, and a segment of digits n after a name segment picks the n-th
+ * child of that name instead of the first (counting only children of that
+ * name; "01" is 1). Example: "config.server.2" is the second child named
+ * server of a start node named config.
+ * A segment "name" matches a node by its local name whatever its prefix;
+ * "p:name" matches a node with prefix p and name name, or a node without
+ * prefix whose name is "p:name". Runs of dots count as one, dots at either end
+ * are ignored, and "\." stands for a dot inside a name (the backslash goes;
+ * any other backslash stays). The path is at most 511 bytes; the caller's
+ * string is never changed, nothing is allocated and the tree is only read.
+ * On success *out is the node found, which belongs to the tree.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (start, url or out null,
+ * empty url, url longer than 511 bytes, or start is an attribute record);
+ * KRV_XML_ERR_NOT_FOUND (only dots, the first segment does not match start, no
+ * child answers a name segment, an index of more than 9 digits, fewer children
+ * of that name than the index); KRV_XML_ERR_URL_NOT_FOUND (an index right
+ * after the first segment or after another index, or an index of 0).
+ * *out is written on success only. */
+KRV_XML_API uint32_t KRV_XML_GetNodeByUrl(XmlNode *start, const char *url, XmlNode **out);
 
 /* ===== Parsing and file functions ======================================= */
 /* (text or files to trees; the replaceable file functions) */
