@@ -270,6 +270,8 @@ TEST(TypedValue, AttrReaderFindsByPrefixAndName)
     EXPECT_EQ(KRV_XML_GetAttrValueEx(nullptr, nullptr, "x", kI32, &target), KRV_XML_ERR_INVALID_PARAM);
     EXPECT_EQ(KRV_XML_GetAttrValueEx(el, nullptr, "x", kI32, nullptr), KRV_XML_ERR_INVALID_PARAM);
     EXPECT_EQ(KRV_XML_GetAttrValueEx(el, nullptr, "x", kBadType, &target), KRV_XML_ERR_INVALID_PARAM);
+    EXPECT_EQ(KRV_XML_GetAttrValueEx(el, nullptr, "missing", kBadType, &target), KRV_XML_ERR_NOT_FOUND)
+        << "the lookup comes before the type code";
     EXPECT_EQ(KRV_XML_GetAttrValueEx(x, nullptr, "x", kI32, &target), KRV_XML_ERR_INVALID_PARAM);
     EXPECT_EQ(target, 99);
     KRV_XML_FreeNode(el);

@@ -290,10 +290,10 @@ uint32_t KRV_XML_SetAttrValueEx(XmlNode *element, const char *prefix, const char
 uint32_t KRV_XML_GetAttrValueEx(XmlNode *element, const char *prefix, const char *name,
                                 uint32_t type, void *out)
 {
-    if (element == nullptr || name == nullptr || out == nullptr || type >= kTypeCount ||
-        xmlIsAttr(element)) {
+    if (element == nullptr || name == nullptr || out == nullptr || xmlIsAttr(element)) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
+    // A missing attribute is reported before the type code is looked at.
     XmlNode *attr = xmlGetAttr(element, prefix, name);
     if (attr == nullptr) {
         return KRV_XML_ERR_NOT_FOUND;
