@@ -184,6 +184,11 @@ inline void ReleaseTop(Pool &pool, XmlNode *t)
 inline std::string CheckTypedRoundTrip(XmlNode *node, uint32_t type, uint32_t raw, bool attr,
                                        const char *attrPrefix, const char *attrName)
 {
+    // The setter makes a new attribute with an empty prefix as one without
+    // prefix, while the getter looks an empty prefix up as it is.
+    if (attrPrefix != nullptr && attrPrefix[0] == '\0') {
+        attrPrefix = nullptr;
+    }
     uint32_t back = 0xA5A5A5A5u;
     uint32_t rc = attr ? KRV_XML_GetAttrValueEx(node, attrPrefix, attrName, type, &back)
                        : KRV_XML_GetNodeValueEx(node, type, &back);
