@@ -194,59 +194,34 @@ uint32_t XML_MemBufAppendStr(XmlMemBuf *buf, const char *str)
     return XML_MemBufInsert(buf, str, static_cast<uint32_t>(std::strlen(str)), buf->length);
 }
 
-// ===== Output writer of the transforms =====================================
+// ===== Output sinks of the transforms ======================================
 //
-// A heap buffer that doubles when it is full, so that building a text costs
-// time linear in its length. One byte beyond `capacity` is kept for the NUL.
-// Its storage is handed to the caller as the transform's result.
+// A transform walks its sub-tree twice: once with a counting sink, which
+// finds the exact length of the text (and any node without a name) without
+// allocating, and once with a writing sink into one block of exactly that
+// size. The text thus costs one allocation and no copying on growth, and the
+// time is linear in its length. The XmlMemBuf operations are not used here.
 
 namespace {
 
-struct XmlOutBuf {
-    char *data;
+struct XmlOutCount {
     size_t length;
-    size_t capacity;
+    void put(const char *, size_t count) { length += count; }
 };
 
-constexpr size_t kOutInitialCapacity = 1024;
+struct XmlOutWrite {
+    char *cursor;
+    void put(const char *bytes, size_t count)
+    {
+        std::memcpy(cursor, bytes, count);
+        cursor += count;
+    }
+};
 
-__attribute__((noinline)) bool xmlOutGrow(XmlOutBuf *out, size_t extra)
+template <class Sink, size_t N>
+inline void xmlOutLit(Sink *out, const char (&text)[N])
 {
-    if (extra > SIZE_MAX / 2 - out->length) {
-        return false;
-    }
-    size_t need = out->length + extra;
-    size_t capacity = out->capacity < kOutInitialCapacity ? kOutInitialCapacity : out->capacity;
-    while (capacity < need) {
-        capacity *= 2;
-    }
-    char *storage = static_cast<char *>(XML_Malloc(nullptr, static_cast<uint64_t>(capacity) + 1));
-    if (storage == nullptr) {
-        return false;
-    }
-    if (out->data != nullptr) {
-        std::memcpy(storage, out->data, out->length);
-        XML_Free(nullptr, out->data);
-    }
-    out->data = storage;
-    out->capacity = capacity;
-    return true;
-}
-
-inline bool xmlOutPut(XmlOutBuf *out, const char *bytes, size_t count)
-{
-    if (out->capacity - out->length < count && !xmlOutGrow(out, count)) {
-        return false;
-    }
-    std::memcpy(out->data + out->length, bytes, count);
-    out->length += count;
-    return true;
-}
-
-template <size_t N>
-inline bool xmlOutLit(XmlOutBuf *out, const char (&text)[N])
-{
-    return xmlOutPut(out, text, N - 1);
+    out->put(text, N - 1);
 }
 
 // ===== Escaping ============================================================
@@ -336,7 +311,8 @@ bool xmlIsReference(const unsigned char *text, uint32_t at, uint32_t length, uin
 // Appends text with the markup characters replaced by entities; an ampersand
 // that begins a well-formed reference is kept. Runs of plain bytes are copied
 // in one piece. Only the low 32 bits of the text's length are used.
-uint32_t xmlCopyWithEscape(XmlOutBuf *out, const char *text)
+template <class Sink>
+uint32_t xmlCopyWithEscape(Sink *out, const char *text)
 {
     if (text == nullptr) {
         return KRV_XML_ERR_INVALID_PARAM;
@@ -348,7 +324,7 @@ uint32_t xmlCopyWithEscape(XmlOutBuf *out, const char *text)
     uint32_t i = 0;
     for (;;) {
         // Hot loop: skip bytes that stand for themselves.
-        while (i + 4 <= length && (kEscape.code[p[i]] | kEscape.code[p[i + 1]] |
+        while (length - i >= 4 && (kEscape.code[p[i]] | kEscape.code[p[i + 1]] |
                                    kEscape.code[p[i + 2]] | kEscape.code[p[i + 3]]) == 0) {
             i += 4;
         }
@@ -363,15 +339,11 @@ uint32_t xmlCopyWithEscape(XmlOutBuf *out, const char *text)
             ++i;  // the ampersand stays in the run
             continue;
         }
-        if (!xmlOutPut(out, text + run, i - run) ||
-            !xmlOutPut(out, kEntities[code].text, kEntities[code].length)) {
-            return KRV_XML_ERR_NO_MEMORY;
-        }
+        out->put(text + run, i - run);
+        out->put(kEntities[code].text, kEntities[code].length);
         run = ++i;
     }
-    if (!xmlOutPut(out, text + run, length - run)) {
-        return KRV_XML_ERR_NO_MEMORY;
-    }
+    out->put(text + run, length - run);
     return KRV_XML_OK;
 }
 
@@ -381,37 +353,34 @@ constexpr uint32_t kModeWhole = 0;
 constexpr uint32_t kModeHead = 1;
 constexpr uint32_t kModeTail = 2;
 
-bool xmlPutQName(XmlOutBuf *out, const XmlNode *node)
+template <class Sink>
+void xmlPutQName(Sink *out, const XmlNode *node)
 {
     if (node->nsPrefix != nullptr) {
-        if (!xmlOutPut(out, node->nsPrefix, std::strlen(node->nsPrefix)) || !xmlOutLit(out, ":")) {
-            return false;
-        }
+        out->put(node->nsPrefix, std::strlen(node->nsPrefix));
+        xmlOutLit(out, ":");
     }
-    return xmlOutPut(out, node->name, std::strlen(node->name));
+    out->put(node->name, std::strlen(node->name));
 }
 
 // Writes an attribute and every attribute after it in its list, separated by
 // single spaces. A loop, not a recursion, so that a long list costs no stack.
-uint32_t xmlPrintAttrList(XmlNode *attr, XmlOutBuf *out)
+template <class Sink>
+uint32_t xmlPrintAttrList(XmlNode *attr, Sink *out)
 {
     for (XmlNode *a = attr; a != nullptr; a = a->next) {
         if (a->name == nullptr) {
             return KRV_XML_ERR_INVALID_PARAM;
         }
-        if ((a != attr && !xmlOutLit(out, " ")) || !xmlPutQName(out, a) ||
-            !xmlOutLit(out, "=\"")) {
-            return KRV_XML_ERR_NO_MEMORY;
+        if (a != attr) {
+            xmlOutLit(out, " ");
         }
+        xmlPutQName(out, a);
+        xmlOutLit(out, "=\"");
         if (a->value != nullptr) {
-            uint32_t rc = xmlCopyWithEscape(out, a->value);
-            if (rc != KRV_XML_OK) {
-                return rc;
-            }
+            xmlCopyWithEscape(out, a->value);
         }
-        if (!xmlOutLit(out, "\"")) {
-            return KRV_XML_ERR_NO_MEMORY;
-        }
+        xmlOutLit(out, "\"");
     }
     return KRV_XML_OK;
 }
@@ -420,20 +389,21 @@ uint32_t xmlPrintAttrList(XmlNode *attr, XmlOutBuf *out)
 // and, in both modes, those of the ancestors whose last child the previous
 // one is. Climbs iteratively; stops at the top node, whose parent is null for
 // the length of a transform.
-bool xmlCloseRun(XmlNode *node, XmlOutBuf *out, uint32_t mode)
+template <class Sink>
+void xmlCloseRun(XmlNode *node, Sink *out, uint32_t mode)
 {
     XmlNode *parent = node->parent;
     if (parent == nullptr || node->firstChild != nullptr || parent->lastChild != node) {
-        return true;
+        return;
     }
     XmlNode *close = mode == kModeTail ? node : parent;
     for (;;) {
-        if (!xmlOutLit(out, "</") || !xmlPutQName(out, close) || !xmlOutLit(out, ">\n")) {
-            return false;
-        }
+        xmlOutLit(out, "</");
+        xmlPutQName(out, close);
+        xmlOutLit(out, ">\n");
         XmlNode *up = close->parent;
         if (up == nullptr || up->lastChild != close) {
-            return true;
+            return;
         }
         close = up;
     }
@@ -442,7 +412,8 @@ bool xmlCloseRun(XmlNode *node, XmlOutBuf *out, uint32_t mode)
 // Writes one node in the given mode (0 whole, 1 head, 2 tail). Children are
 // not descended into: the caller's walk brings them. An attribute node writes
 // itself and the rest of its list.
-uint32_t xmlPrintDomTreeRecursive(XmlNode *node, XmlOutBuf *out, uint32_t mode)
+template <class Sink>
+uint32_t xmlPrintDomTreeRecursive(XmlNode *node, Sink *out, uint32_t mode)
 {
     if (node == nullptr) {
         return KRV_XML_OK;
@@ -457,44 +428,51 @@ uint32_t xmlPrintDomTreeRecursive(XmlNode *node, XmlOutBuf *out, uint32_t mode)
         return KRV_XML_OK;
     }
     if (mode == kModeTail) {
-        return xmlCloseRun(node, out, mode) ? KRV_XML_OK : KRV_XML_ERR_NO_MEMORY;
+        xmlCloseRun(node, out, mode);
+        return KRV_XML_OK;
     }
-    if (!xmlOutLit(out, "<") || !xmlPutQName(out, node)) {
-        return KRV_XML_ERR_NO_MEMORY;
-    }
+    xmlOutLit(out, "<");
+    xmlPutQName(out, node);
     if (node->firstAttr != nullptr) {
-        if (!xmlOutLit(out, " ")) {
-            return KRV_XML_ERR_NO_MEMORY;
-        }
+        xmlOutLit(out, " ");
         uint32_t rc = xmlPrintAttrList(node->firstAttr, out);
         if (rc != KRV_XML_OK) {
             return rc;
         }
     }
     if (node->firstChild != nullptr) {
-        return xmlOutLit(out, ">\n") ? KRV_XML_OK : KRV_XML_ERR_NO_MEMORY;
+        xmlOutLit(out, ">\n");
+        return KRV_XML_OK;
     }
     if (node->value != nullptr) {
-        if (!xmlOutLit(out, ">")) {
-            return KRV_XML_ERR_NO_MEMORY;
-        }
-        uint32_t rc = xmlCopyWithEscape(out, node->value);
+        xmlOutLit(out, ">");
+        xmlCopyWithEscape(out, node->value);
+        xmlOutLit(out, "</");
+        xmlPutQName(out, node);
+        xmlOutLit(out, ">\n");
+    } else if (mode == kModeHead && node->next == nullptr) {
+        // The head leaves the last leaf open for the caller's content.
+        xmlOutLit(out, ">\n");
+        return KRV_XML_OK;
+    } else {
+        xmlOutLit(out, "/>\n");
+    }
+    if (mode != kModeHead) {
+        xmlCloseRun(node, out, mode);
+    }
+    return KRV_XML_OK;
+}
+
+template <class Sink>
+uint32_t xmlPrintSubTree(XmlNode *top, Sink *out, uint32_t mode)
+{
+    for (XmlNode *node = top; node != nullptr; node = KRV_XML_Iterator(node)) {
+        uint32_t rc = xmlPrintDomTreeRecursive(node, out, mode);
         if (rc != KRV_XML_OK) {
             return rc;
         }
-        if (!xmlOutLit(out, "</") || !xmlPutQName(out, node) || !xmlOutLit(out, ">\n")) {
-            return KRV_XML_ERR_NO_MEMORY;
-        }
-    } else if (mode == kModeHead && node->next == nullptr) {
-        // The head leaves the last leaf open for the caller's content.
-        return xmlOutLit(out, ">\n") ? KRV_XML_OK : KRV_XML_ERR_NO_MEMORY;
-    } else if (!xmlOutLit(out, "/>\n")) {
-        return KRV_XML_ERR_NO_MEMORY;
     }
-    if (mode == kModeHead) {
-        return KRV_XML_OK;
-    }
-    return xmlCloseRun(node, out, mode) ? KRV_XML_OK : KRV_XML_ERR_NO_MEMORY;
+    return KRV_XML_OK;
 }
 
 // Builds the text of top's sub-tree in the given mode. The top node's links
@@ -510,12 +488,19 @@ uint32_t xmlBuildText(XmlNode *top, uint32_t mode, char **text, size_t *length)
     top->next = nullptr;
     top->prev = nullptr;
 
-    XmlOutBuf out{nullptr, 0, 0};
-    uint32_t rc = KRV_XML_OK;
-    for (XmlNode *node = top; node != nullptr; node = KRV_XML_Iterator(node)) {
-        rc = xmlPrintDomTreeRecursive(node, &out, mode);
-        if (rc != KRV_XML_OK) {
-            break;
+    char *data = nullptr;
+    XmlOutCount count{0};
+    uint32_t rc = xmlPrintSubTree(top, &count, mode);
+    if (rc == KRV_XML_OK && count.length != 0) {
+        data = count.length < SIZE_MAX
+                   ? static_cast<char *>(XML_Malloc(nullptr, static_cast<uint64_t>(count.length) + 1))
+                   : nullptr;
+        if (data == nullptr) {
+            rc = KRV_XML_ERR_NO_MEMORY;
+        } else {
+            XmlOutWrite write{data};
+            xmlPrintSubTree(top, &write, mode);  // cannot fail: the first walk passed
+            data[count.length] = '\0';
         }
     }
 
@@ -523,14 +508,10 @@ uint32_t xmlBuildText(XmlNode *top, uint32_t mode, char **text, size_t *length)
     top->next = next;
     top->prev = prev;
     if (rc != KRV_XML_OK) {
-        XML_Free(nullptr, out.data);
         return rc;
     }
-    if (out.data != nullptr) {
-        out.data[out.length] = '\0';
-    }
-    *text = out.data;
-    *length = out.length;
+    *text = data;
+    *length = count.length;
     return KRV_XML_OK;
 }
 
