@@ -237,9 +237,9 @@ KRV_XML_API XmlNode *KRV_XML_Iterator(XmlNode *node);
 KRV_XML_API uint32_t KRV_XML_Transform(XmlNode *top, char **out);
 
 /* The head of a frame: as KRV_XML_Transform, except that no end tags of
- * elements with children are written, and a last leaf without value and
- * without next sibling is left open ("<name attrs>"). The caller streams its
- * own content after the head and closes it with KRV_XML_TransformTail.
+ * elements with children are written, and a leaf with a null value and no
+ * next sibling is left open ("<name attrs>"). The caller streams its own
+ * content after the head and closes it with KRV_XML_TransformTail.
  *
  * Head and tail together frame a well-formed document exactly when top has
  * children, every element with children lies on the chain of last children
