@@ -591,15 +591,18 @@ TEST(Transform, FileHoldsExactlyTheText)
     EXPECT_EQ(KRV_XML_TransformFile(e.config, "/nonexistent-dir/x/out.xml"), KRV_XML_ERR_FILE_OPEN);
     std::remove(path.c_str());
 
-    // A write that cannot complete: more than one stdio buffer to a full device.
+    // Writes that cannot complete on a full device: larger than one stdio
+    // buffer (the write fails) and a short one (only the flush fails).
     if (std::FILE *probe = std::fopen("/dev/full", "w")) {
         std::fclose(probe);
-        XmlNode *big = makeElement("big");
-        std::string value(1 << 20, 'v');
-        big->value = const_cast<char *>(value.c_str());
-        EXPECT_EQ(KRV_XML_TransformFile(big, "/dev/full"), KRV_XML_ERR_FILE_WRITE);
-        big->value = nullptr;
-        KRV_XML_FreeNode(big);
+        for (size_t size : {size_t{1} << 20, size_t{10}}) {
+            XmlNode *node = makeElement("n");
+            std::string value(size, 'v');
+            node->value = const_cast<char *>(value.c_str());
+            EXPECT_EQ(KRV_XML_TransformFile(node, "/dev/full"), KRV_XML_ERR_FILE_WRITE) << size;
+            node->value = nullptr;
+            KRV_XML_FreeNode(node);
+        }
     }
     KRV_XML_FreeNode(e.config);
 }

@@ -567,6 +567,10 @@ uint32_t KRV_XML_TransformFile(XmlNode *top, const char *path)
     }
     size_t items = length == 0 ? 0 : std::fwrite(text, length, 1, file);
     XML_Free(nullptr, text);
+    // A short text sits in the stdio buffer until the flush: a full disk
+    // shows only there, so the flush decides too. The close's own result is
+    // not looked at.
+    bool written = items == 1 && std::fflush(file) == 0;
     std::fclose(file);
-    return items == 1 ? KRV_XML_OK : KRV_XML_ERR_FILE_WRITE;
+    return written ? KRV_XML_OK : KRV_XML_ERR_FILE_WRITE;
 }
