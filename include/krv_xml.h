@@ -551,7 +551,8 @@ KRV_XML_API uint32_t KRV_XML_TransformTail(XmlNode *top, char **out);
  * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (top or path null, top an
  * attribute record, a null name in the sub-tree); KRV_XML_ERR_NO_MEMORY;
  * KRV_XML_ERR_FILE_OPEN (file not opened); KRV_XML_ERR_FILE_WRITE (the
- * write did not complete; the file keeps what was written). */
+ * write or its flush did not complete, as on a full disk; the file keeps
+ * what was written). */
 KRV_XML_API uint32_t KRV_XML_TransformFile(XmlNode *top, const char *path);
 
 /* ===== Library services ================================================= */
