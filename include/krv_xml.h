@@ -488,6 +488,73 @@ KRV_XML_API uint32_t KRV_XML_GetNodeByUrl(XmlNode *start, const char *url, XmlNo
 /* ===== Printing ========================================================= */
 /* (trees back to XML text, as a string or a file) */
 
+/* Output format shared by the transforms. The text of a sub-tree is compact
+ * and line-oriented: no XML declaration, no indentation, nodes in document
+ * order, and a line feed after each start tag of an element with children,
+ * after each leaf element and after each end tag. Documents print as
+ * elements. Names print as prefix ":" name when the prefix is non-null.
+ *   - an element with children: "<name attrs>", its children, "</name>"; its
+ *     own value, if any, is not written;
+ *   - a leaf with a value (the empty string too): "<name attrs>value</name>";
+ *   - a leaf with a null value: "<name attrs/>".
+ * Attributes print as name="value" separated by single spaces; a null value
+ * gives name="". Values are escaped: " ' < > become &quot; &apos; &lt; &gt;,
+ * and an ampersand becomes &amp; unless a well-formed reference begins there
+ * (&lt; &gt; &amp; &apos; &quot;, "&#" decimal digits ";" or "&#x"
+ * hexadecimal digits ";" up to 0x10FFFF, digits optional), which is kept as
+ * it stands. All other bytes pass unchanged.
+ *
+ * The top node's parent, next and prev are cleared for the length of the call
+ * (the sub-tree is printed alone) and restored before it returns, on every
+ * path. The tree must not be used by another thread meanwhile. Deep trees
+ * and long attribute lists cost no stack.
+ *
+ * Results of every transform: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (top or
+ * out null, top an attribute record, or a node or attribute of the sub-tree
+ * with a null name: the partial text is discarded); KRV_XML_ERR_NO_MEMORY.
+ * On failure *out is not written and nothing stays allocated. */
+
+/* The whole text of top's sub-tree (top: an element or document). On success
+ * *out is the NUL-terminated text, from the heap, the caller's to release with
+ * KRV_XML_FreeMem. Example: config with the attribute version="2" and the
+ * leaf children port (value 8080) and item (no value) gives
+ *   <config version="2">\n<port>8080</port>\n<item/>\n</config>\n */
+KRV_XML_API uint32_t KRV_XML_Transform(XmlNode *top, char **out);
+
+/* The head of a frame: as KRV_XML_Transform, except that no end tags of
+ * elements with children are written, and a leaf with a null value and no
+ * next sibling is left open ("<name attrs>"). The caller streams its own
+ * content after the head and closes it with KRV_XML_TransformTail.
+ *
+ * Head and tail together frame a well-formed document exactly when top has
+ * children, every element with children lies on the chain of last children
+ * from top, and the last element of that chain has a null value; its content
+ * then goes between the two. When that last element has a value, the head
+ * writes it whole ("<name>value</name>") and the tail still writes its end
+ * tag, so the pair holds one end tag too many.
+ * On success *out is the text (release with KRV_XML_FreeMem). Results above. */
+KRV_XML_API uint32_t KRV_XML_TransformHead(XmlNode *top, char **out);
+
+/* The tail of a frame: the end tags of the last leaf of the chain of last
+ * children from top and of all its ancestors below and including top, one
+ * per line, innermost first. When top has no children nothing is written:
+ * the result is KRV_XML_OK and *out is set to null. Otherwise *out is the
+ * text (release with KRV_XML_FreeMem). Results above. */
+KRV_XML_API uint32_t KRV_XML_TransformTail(XmlNode *top, char **out);
+
+/* Writes the whole text of top's sub-tree (as KRV_XML_Transform) to the file
+ * at path, without a NUL. The text is built in memory first; only then is the
+ * file opened with the runtime's fopen in mode "w+" (created or truncated)
+ * and written with a single fwrite. A failure while building the text never
+ * creates or touches the file. The file functions registered for parsing are
+ * not used. The result of closing the file is not looked at.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (top or path null, top an
+ * attribute record, a null name in the sub-tree); KRV_XML_ERR_NO_MEMORY;
+ * KRV_XML_ERR_FILE_OPEN (file not opened); KRV_XML_ERR_FILE_WRITE (the
+ * write or its flush did not complete, as on a full disk; the file keeps
+ * what was written). */
+KRV_XML_API uint32_t KRV_XML_TransformFile(XmlNode *top, const char *path);
+
 /* ===== Library services ================================================= */
 
 /* Writes the version text "KRV XML 2.1.9" and its NUL (14 bytes) to buffer.
