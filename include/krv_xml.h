@@ -447,7 +447,10 @@ KRV_XML_API uint32_t KRV_XML_GetNodeValueEx(XmlNode *node, uint32_t type, void *
  * attribute was missing under the given prefix but the new record, whose
  * empty prefix counts as none, equals an existing one; nothing changed);
  * KRV_XML_ERR_NO_MEMORY (a new attribute is not added; an existing one has a
- * null value afterwards). */
+ * null value afterwards). A new attribute's record and strings are made
+ * before the type code is read and before the duplicate test, so an
+ * allocation failure is reported first; in a session tree a refused record
+ * stays in the session until it ends. */
 KRV_XML_API uint32_t KRV_XML_SetAttrValueEx(XmlNode *element, const char *prefix, const char *name,
                                             uint32_t type, const void *value);
 
