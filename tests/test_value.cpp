@@ -418,6 +418,7 @@ TEST(TypedValue, SettersSurviveEveryAllocationFailure)
     // move of the value into the session comes only after the duplicate test.
     struct Early {
         const char *why;
+        bool session;
         XmlNode *(*prepare)(Tree &);
         const char *prefix;
         uint32_t type;
@@ -426,18 +427,17 @@ TEST(TypedValue, SettersSurviveEveryAllocationFailure)
     };
     const int32_t nameOnly = static_cast<int32_t>((kAttrRecordSize + 7) & ~size_t{7}) + 8;
     const Early early[] = {
-        {"bad type, heap", nullptr, nullptr, kBadType, 1, KRV_XML_ERR_NO_MEMORY},
-        {"duplicate, heap", [](Tree &t) { return addAttr(t.el, nullptr, "n", "old"); }, "", kI32, 1,
+        {"bad type", false, nullptr, nullptr, kBadType, 1, KRV_XML_ERR_NO_MEMORY},
+        {"duplicate", false, [](Tree &t) { return addAttr(t.el, nullptr, "n", "old"); }, "", kI32, 1,
          KRV_XML_ERR_NO_MEMORY},
-        {"duplicate, session", [](Tree &t) { return addAttr(t.el, nullptr, "n", "old"); }, "", kI32, 2,
+        {"duplicate", true, [](Tree &t) { return addAttr(t.el, nullptr, "n", "old"); }, "", kI32, 2,
          KRV_XML_ERR_ALREADY_EXISTS},
     };
     for (const Early &e : early) {
-        SCOPED_TRACE(e.why);
+        SCOPED_TRACE(std::string(e.why) + (e.session ? ", session" : ", heap"));
         krvtest::LeakGuard guard;
-        bool session = std::strstr(e.why, "session") != nullptr;
         Tree t = heapTree();
-        if (session) {
+        if (e.session) {  // the same shape, in a session document
             release(0, t);
             XmlNode *doc = nullptr;
             ASSERT_EQ(KRV_XML_CreateNodeEx(nullptr, KRV_XML_NODE_DOCUMENT, nullptr, "d", nullptr, &doc),
@@ -448,7 +448,7 @@ TEST(TypedValue, SettersSurviveEveryAllocationFailure)
             e.prepare(t);
         }
         const std::vector<XmlNode *> before = attrsOf(t.el);
-        if (session) {  // room for the record and its name, not for the value
+        if (e.session) {  // room for the record and its name, not for the value
             ASSERT_NE(XML_MemSpecialMalloc(t.root->mem, t.root->mem->freeBytes - nameOnly), nullptr);
         }
         krv_test::FailAllocationAt(e.failAt);
