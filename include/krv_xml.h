@@ -184,9 +184,10 @@ KRV_XML_API void KRV_XML_FreeMem(void *ptr);
  * with KRV_XML_ERR_INVALID_PARAM.
  *
  * Attributes are identified by prefix and name together, compared byte for
- * byte: a null (or "") prefix finds only an attribute without prefix, so the
- * attributes written a:x, b:x and x are three different ones. A prefix and
- * name handed out by these functions may be passed straight back. */
+ * byte: a null prefix finds only an attribute without prefix, and a "" prefix
+ * finds none (no attribute has an empty prefix), so the attributes written
+ * a:x, b:x and x are three different ones. A prefix and name handed out by
+ * these functions may be passed straight back. */
 
 /* The parent of node; for an attribute, the element that owns it. Null for a
  * null node or a root. */
@@ -221,7 +222,7 @@ KRV_XML_API uint32_t KRV_XML_GetNodeValue(XmlNode *node, int32_t *kind, const ch
                                           const char **name, const char **value);
 
 /* Writes to *value the value of the element's attribute prefix:name (null
- * when the attribute has no value). prefix may be null or "" (no prefix).
+ * when the attribute has no value). prefix may be null (no prefix).
  * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (element, name or value null,
  * or element an attribute); KRV_XML_ERR_NOT_FOUND (no such attribute). */
 KRV_XML_API uint32_t KRV_XML_GetAttr(XmlNode *element, const char *prefix, const char *name,
@@ -242,7 +243,7 @@ KRV_XML_API uint32_t KRV_XML_GetFirstAttrEx(XmlNode *element, const char **prefi
                                             const char **name, const char **value,
                                             XmlNode **cursor);
 
-/* Finds the element's attribute prefix:name (prefix null or "": none) and
+/* Finds the element's attribute prefix:name (prefix null: none) and
  * writes the prefix, name and value of the attribute after it. Each call
  * searches from the start of the list, so a walk over n attributes this way
  * costs n*n; prefer KRV_XML_GetNextSiblingAttrEx for long lists.
@@ -257,11 +258,12 @@ KRV_XML_API uint32_t KRV_XML_GetNextSiblingAttr(XmlNode *element, const char *pr
  * first attribute, otherwise to the attribute after *cursor. The new position
  * is stored in *cursor, null after the last attribute, so that a call after
  * KRV_XML_ERR_NOT_FOUND starts over. The prefix, name and value of the new
- * position are written on success. The cursor must be an attribute record of
- * this element (from this function or KRV_XML_GetFirstAttrEx) or null;
- * membership in the element is not checked.
- * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (any argument null, element
- * an attribute, or *cursor not an attribute record; nothing written);
+ * position are written on success. The cursor should be an attribute record
+ * of this element (from this function or KRV_XML_GetFirstAttrEx) or null;
+ * neither its kind nor its membership is checked: the step always follows
+ * the cursor's own `next`.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (any argument null, or
+ * element an attribute; nothing written);
  * KRV_XML_ERR_NOT_FOUND (no further attribute; *cursor set to null). */
 KRV_XML_API uint32_t KRV_XML_GetNextSiblingAttrEx(XmlNode *element, const char **prefix,
                                                   const char **name, const char **value,
@@ -336,10 +338,12 @@ KRV_XML_API uint32_t KRV_XML_AddPrevSiblingNode(XmlNode *sibling, XmlNode *node)
  * value) to the element's attribute list.
  * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (element null or an
  * attribute, name null or "", or the top record of the element's tree has
- * siblings); KRV_XML_ERR_ALREADY_EXISTS (the element has an attribute with
- * this prefix and name; checked before anything is allocated);
- * KRV_XML_ERR_NO_MEMORY. On every failure the list is unchanged and nothing
- * is left allocated. */
+ * siblings); KRV_XML_ERR_NO_MEMORY; KRV_XML_ERR_ALREADY_EXISTS (the element
+ * has an attribute with this prefix and name; checked after the new record
+ * and its strings are made, so an allocation failure is reported first).
+ * On every failure the list is unchanged; in a heap tree nothing is left
+ * allocated, in a session tree the refused record stays in the session until
+ * it ends. */
 KRV_XML_API uint32_t KRV_XML_AddAttr(XmlNode *element, const char *prefix, const char *name,
                                      const char *value);
 
@@ -443,7 +447,10 @@ KRV_XML_API uint32_t KRV_XML_GetNodeValueEx(XmlNode *node, uint32_t type, void *
  * attribute was missing under the given prefix but the new record, whose
  * empty prefix counts as none, equals an existing one; nothing changed);
  * KRV_XML_ERR_NO_MEMORY (a new attribute is not added; an existing one has a
- * null value afterwards). */
+ * null value afterwards). A new attribute's record and strings are made
+ * before the type code is read and before the duplicate test, so an
+ * allocation failure is reported first; in a session tree a refused record
+ * stays in the session until it ends. */
 KRV_XML_API uint32_t KRV_XML_SetAttrValueEx(XmlNode *element, const char *prefix, const char *name,
                                             uint32_t type, const void *value);
 
