@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "fuzz_checks.h"
@@ -161,14 +162,61 @@ inline std::string CheckPool(const Pool &pool)
     return "";
 }
 
+// A name interned into a document's name table lives as long as the document
+// record; a node taken out of the document keeps pointing there. Before
+// records are released, every other held node whose name points into the
+// table of a document among them gets a private copy of its name.
+inline void AdoptNames(Pool &pool, const std::vector<XmlNode *> &doomedTops)
+{
+    std::unordered_set<XmlNode *> doomed;
+    std::vector<std::pair<const char *, const char *>> tables;
+    for (XmlNode *t : doomedTops) {
+        for (XmlNode *p = t; p != nullptr; p = NextInside(p, t)) {
+            doomed.insert(p);
+            if (p->kind == KRV_XML_NODE_DOCUMENT) {
+                const char *begin = &p->nameTable[0][0];
+                tables.emplace_back(begin, begin + sizeof p->nameTable);
+            }
+        }
+    }
+    auto adopt = [&tables](XmlNode *n) {
+        for (const auto &range : tables) {
+            if (n->name >= range.first && n->name < range.second) {
+                std::string own = n->name;
+                KRV_XML_SetNode(n, nullptr, own.c_str(), nullptr);
+                return;
+            }
+        }
+    };
+    if (tables.empty()) {
+        return;
+    }
+    for (XmlNode *t : pool.tops) {
+        for (XmlNode *p = t; p != nullptr; p = NextInside(p, t)) {
+            if (doomed.count(p) != 0) {
+                continue;
+            }
+            adopt(p);
+            for (XmlNode *a = p->firstAttr; a != nullptr; a = a->next) {
+                adopt(a);
+            }
+        }
+    }
+}
+
 // Releases a held top. A session document takes every record of its session
 // with it; a heap document that heads further top-level records takes those.
 inline void ReleaseTop(Pool &pool, XmlNode *t)
 {
+    std::vector<XmlNode *> doomed{t};
     if (t->kind == KRV_XML_NODE_DOCUMENT && t->mem == nullptr && t->prev == nullptr) {
         for (XmlNode *f = t->next; f != nullptr; f = f->next) {
-            pool.Drop(f);
+            doomed.push_back(f);
         }
+    }
+    AdoptNames(pool, doomed);
+    for (XmlNode *f : doomed) {
+        pool.Drop(f);
     }
     if (t->ownsSession != 0 && t->mem != nullptr) {
         XmlMemSession *mem = t->mem;
@@ -467,6 +515,7 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
         case 21: {  // release a record inside a tree (it is unlinked first)
             XmlNode *n = PickNode(in, pool);
             if (n != nullptr && n->parent != nullptr) {
+                AdoptNames(pool, {n});
                 KRV_XML_FreeNode(n);
             }
             break;
