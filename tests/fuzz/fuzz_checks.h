@@ -200,6 +200,27 @@ inline bool TreeMayHoldReference(XmlNode *top)
     return false;
 }
 
+// True when a name or prefix in the sub-tree holds markup or white space.
+// The parser decodes references in names ("a&apos;b") but the printer writes
+// names as they are, so such a tree does not read back from its own text.
+inline bool TreeHasMarkupInNames(XmlNode *top)
+{
+    auto odd = [](const char *text) {
+        return text != nullptr && std::strpbrk(text, " \t\r\n<>&'\"=/") != nullptr;
+    };
+    for (XmlNode *n = top; n != nullptr; n = NextInside(n, top)) {
+        if (odd(n->name) || odd(n->nsPrefix)) {
+            return true;
+        }
+        for (XmlNode *a = n->firstAttr; a != nullptr; a = a->next) {
+            if (odd(a->name) || odd(a->nsPrefix)) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
 // True when some record of the sub-tree (attributes included) has no name:
 // the printer refuses such trees.
 inline bool TreeHasUnnamed(XmlNode *top)

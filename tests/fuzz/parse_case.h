@@ -145,7 +145,9 @@ inline std::string RunParseCase(const uint8_t *data, size_t size)
             XmlNode *again = nullptr;
             uint32_t rc = KRV_XML_Parse(whole.c_str(), &again);
             bool refs = TreeMayHoldReference(heap);
-            if (rc == KRV_XML_OK) {
+            if (TreeHasMarkupInNames(heap)) {
+                // Not expected to read back; it must only be handled cleanly.
+            } else if (rc == KRV_XML_OK) {
                 failure = CompareTrees(heap, again, refs);
                 if (failure.empty() && again->next != nullptr) {
                     failure = "printed text has a second top-level element";

@@ -205,8 +205,11 @@ inline std::string RunPathValuesCase(const uint8_t *data, size_t size)
 
     // The text as an attribute value, and the path bytes as an attribute name.
     if (failure.empty()) {
-        rc = KRV_XML_SetAttr(target, nullptr, "k", value == nullptr ? "" : value);
-        if (rc != KRV_XML_OK && !(value == nullptr && rc == KRV_XML_ERR_INVALID_PARAM)) {
+        rc = KRV_XML_SetAttr(target, nullptr, "k", value);
+        if (rc == KRV_XML_ERR_NOT_FOUND) {
+            rc = KRV_XML_AddAttr(target, nullptr, "k", value);
+        }
+        if (rc != KRV_XML_OK) {
             failure = "setting an attribute value gave " + std::to_string(rc);
         } else if (rc == KRV_XML_OK) {
             failure = CheckTypedReads(target, "k", AttrValue(target, "k"));
