@@ -249,18 +249,19 @@ TEST(AllocationFailure, EveryAllocatingCallFailsCleanly)
          [&](Fixture &f) { return KRV_XML_CloneNodeSelf(f.node, &f.out); }},
         {"CloneNode heap", "config", false, kNoMemory, OutRule::Untouched,
          [&](Fixture &f) { return KRV_XML_CloneNode(f.node, &f.out); }},
-        {"CloneNode session document", "config", true, kNoMemory, OutRule::Untouched,
-         [&](Fixture &f) { return KRV_XML_CloneNode(f.node, &f.out); }},
+        {"CloneNode session document", "r", true, kNoMemory, OutRule::Untouched,
+         [&](Fixture &f) { return KRV_XML_CloneNode(f.node, &f.out); }, nullptr, bigDoc.c_str()},
         // The copy of a long text needs a new block of the session.
         {"CloneNode session element", "r.a", true, kNoMemory, OutRule::Untouched,
          [&](Fixture &f) { return KRV_XML_CloneNode(f.node, &f.out); }, nullptr, bigDoc.c_str()},
-        {"Transform", "config", false, kNoMemory, OutRule::Untouched,
-         [&](Fixture &f) { return KRV_XML_Transform(f.node, &f.text); }},
+        // Long texts make the output buffer grow more than once.
+        {"Transform", "r", false, kNoMemory, OutRule::Untouched,
+         [&](Fixture &f) { return KRV_XML_Transform(f.node, &f.text); }, nullptr, bigDoc.c_str()},
         {"TransformHead", "config.list", true, kNoMemory, OutRule::Untouched,
          [&](Fixture &f) { return KRV_XML_TransformHead(f.node, &f.text); }},
         {"TransformTail", "config", false, kNoMemory, OutRule::Untouched,
          [&](Fixture &f) { return KRV_XML_TransformTail(f.node, &f.text); }},
-        {"TransformFile", "config", true, kNoMemory, OutRule::None,
+        {"TransformFile", "r", true, kNoMemory, OutRule::None,
          [&](Fixture &f) {
              WriteFile(outFile, "old");
              uint32_t rc = KRV_XML_TransformFile(f.node, outFile.c_str());
@@ -268,7 +269,8 @@ TEST(AllocationFailure, EveryAllocatingCallFailsCleanly)
                  EXPECT_EQ(ReadFile(outFile), "old") << "a failed print touched the file";
              }
              return rc;
-         }},
+         },
+         nullptr, bigDoc.c_str()},
     };
     for (const AllocatingCall &c : calls) {
         RunSweep(c);
