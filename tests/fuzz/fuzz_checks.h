@@ -206,7 +206,7 @@ inline bool TreeMayHoldReference(XmlNode *top)
 inline bool TreeHasMarkupInNames(XmlNode *top)
 {
     auto odd = [](const char *text) {
-        return text != nullptr && std::strpbrk(text, " \t\r\n<>&'\"=/") != nullptr;
+        return text != nullptr && std::strpbrk(text, " \t\r\n<>&'\"=/?!") != nullptr;
     };
     for (XmlNode *n = top; n != nullptr; n = NextInside(n, top)) {
         if (odd(n->name) || odd(n->nsPrefix)) {
