@@ -557,3 +557,202 @@ TEST(Parser, HundredThousandAttributesInLinearTime)
         EXPECT_EQ(parse((text + " p:a17='x' p:a17='y'/>").c_str(), session, &doc), KRV_XML_ERR_SYNTAX);
     }
 }
+
+// ===== Reporting where a parse stopped =====================================
+
+TEST(Parser, InfoNamesLineColumnAndReasonOfEveryFailure)
+{
+    struct Case {
+        const char *text;
+        uint32_t flags;
+        uint32_t line;
+        uint32_t column;
+        const char *reason;
+    } cases[] = {
+        // first and last byte
+        {"x<r/>", 0, 1, 1, "text before the root element"},
+        {"\xEF\xBB\xBF<r/>", 0, 1, 1, "text before the root element"},
+        {"<r/>>", 0, 1, 5, "unexpected '>'"},
+        // prolog
+        {"<?xml version='1.0'", 0, 1, 1, "unterminated XML declaration"},
+        {"<!DOCTYPE r", 0, 1, 1, "unterminated document type declaration"},
+        {"<!DOCTYPE r \"x>", 0, 1, 1, "unterminated document type declaration"},
+        {"<!-- c -->\n", 0, 2, 1, "no root element"},
+        // tokenizer
+        {"<!-->", 0, 1, 1, "malformed comment"},
+        {"<r/>\n<!-- a --->", 0, 2, 1, "malformed comment"},
+        {"<r><!-- c</r>", 0, 1, 4, "unterminated comment"},
+        {"<r>x<!-- c", 0, 1, 5, "unterminated comment"},
+        {"<r/><?pi", 0, 1, 5, "unterminated processing instruction"},
+        {"<r><![CDATA[x</r>", 0, 1, 4, "unterminated CDATA section"},
+        {"<r>a<![CDATA[x</r>", 0, 1, 5, "unterminated CDATA section"},
+        // decoder
+        {"<r>&bogus;</r>", 0, 1, 4, "unknown entity"},
+        {"<a x='&lt'/>", 0, 1, 7, "unknown entity"},
+        {"<r>&#X41;</r>", 0, 1, 4, "malformed character reference"},
+        {"<r>ab&#;</r>", 0, 1, 6, "malformed character reference"},
+        {"<r>&#x110000;</r>", 0, 1, 4, "character reference out of range"},
+        {"<r>&#xD800;</r>", 0, 1, 4, "character reference to a forbidden character"},
+        {"<a x='<![CDATA[' ]]>'/>", 0, 1, 7, "CDATA section runs past the end of its text"},
+        // names and attributes
+        {"<:a/>", 0, 1, 2, "colon at the start or end of a name"},
+        {"<a: x='1'/>", 0, 1, 2, "colon at the start or end of a name"},
+        {"<a:>x</a:>", 0, 1, 8, "colon at the start or end of a name"},
+        {"<r :x='1'/>", 0, 1, 4, "colon at the start or end of a name"},
+        {"<a x='1'y='2'/>", 0, 1, 9, "missing white space before an attribute"},
+        {"<a x/>", 0, 1, 4, "attribute without value"},
+        {"<a x=1/>", 0, 1, 6, "attribute value not quoted"},
+        {"<a x='1/>", 0, 1, 6, "unterminated attribute value"},
+        {"<a x='1' x='2'/>", 0, 1, 10, "duplicate attribute"},
+        {"<a p:x='1'\n   p:x='2'/>", KRV_XML_PARSE_SESSION, 2, 4, "duplicate attribute"},
+        {"<a x='1' <b/>", 0, 1, 10, "unexpected markup in a start tag"},
+        {"<r a='1'", 0, 1, 9, "start tag not closed"},
+        {"<r", 0, 1, 3, "start tag not closed"},
+        {"<", 0, 1, 1, "missing element name"},
+        // driver
+        {"<r><a></b></r>", 0, 1, 9, "end tag does not match the open element"},
+        {"<r>x</y>", 0, 1, 7, "end tag does not match the open element"},
+        {"<r/></r>", 0, 1, 5, "end tag without an open element"},
+        {"<r></r x>", 0, 1, 8, "end tag not closed by '>'"},
+        {"<r>x</r", 0, 1, 8, "end tag not closed by '>'"},
+        {"<r>x<a/></r>", 0, 1, 5, "mixed content"},
+        {"<r><a/>x</r>", 0, 1, 8, "mixed content"},
+        {"<r/>x", 0, 1, 5, "text outside the root element"},
+        {"<r>/></r>", 0, 1, 4, "unexpected '/>'"},
+        {"<r/><s/>", KRV_XML_PARSE_SESSION, 1, 5, "second top-level element"},
+        {"<r><a>", 0, 1, 7, "text ends inside an element"},
+        {"<r>x", 0, 1, 5, "text ends inside an element"},
+        // line ends: LF and CR LF, columns in bytes
+        {"<r>\n  <a>\n</b></r>", 0, 3, 3, "end tag does not match the open element"},
+        {"<r>\r\n  <a>\r\n</b></r>", 0, 3, 3, "end tag does not match the open element"},
+        {"<r>\r\n<a/>\r\n", KRV_XML_PARSE_SESSION, 3, 1, "text ends inside an element"},
+        {"<r>\r\n\xC3\xA9&x;</r>", 0, 2, 3, "unknown entity"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.text);
+        krvtest::LeakGuard guard;
+        KrvXmlParseInfo info{};
+        XmlNode *doc = reinterpret_cast<XmlNode *>(0x1);
+        EXPECT_EQ(KRV_XML_ParseWithInfo(c.text, c.flags, &doc, &info), KRV_XML_ERR_SYNTAX);
+        EXPECT_EQ(doc, nullptr);
+        EXPECT_EQ(info.result, KRV_XML_ERR_SYNTAX);
+        EXPECT_STREQ(info.reason, c.reason);
+        EXPECT_EQ(info.line, c.line);
+        EXPECT_EQ(info.column, c.column);
+        // The offset agrees with line and column.
+        std::string text(c.text);
+        ASSERT_LE(info.offset, text.size());
+        size_t lineStart = text.rfind('\n', info.offset == 0 ? 0 : info.offset - 1);
+        lineStart = lineStart == std::string::npos || info.offset == 0 ? 0 : lineStart + 1;
+        EXPECT_EQ(info.offset - lineStart + 1, c.column);
+    }
+}
+
+TEST(Parser, InfoOnSuccessAndOnFailuresOutsideTheText)
+{
+    krvtest::LeakGuard guard;
+    KrvXmlParseInfo info{};
+    XmlNode *doc = nullptr;
+    ASSERT_EQ(KRV_XML_ParseWithInfo("<r>\n <a/>\n</r>\n", 0, &doc, &info), KRV_XML_OK);
+    EXPECT_EQ(info.result, KRV_XML_OK);
+    EXPECT_STREQ(info.reason, "ok");
+    EXPECT_EQ(info.offset, 15u);
+    EXPECT_EQ(info.line, 4u);
+    EXPECT_EQ(info.column, 1u);
+    KRV_XML_FreeNode(doc);
+
+    doc = reinterpret_cast<XmlNode *>(0x1);
+    info = KrvXmlParseInfo{};
+    EXPECT_EQ(KRV_XML_ParseWithInfo("", 0, &doc, &info), KRV_XML_ERR_INVALID_PARAM);
+    EXPECT_EQ(doc, reinterpret_cast<XmlNode *>(0x1));
+    EXPECT_EQ(info.result, KRV_XML_ERR_INVALID_PARAM);
+    EXPECT_EQ(info.line, 0u);
+    EXPECT_NE(info.reason, nullptr);
+    EXPECT_EQ(KRV_XML_ParseWithInfo("<r/>", 0x2, &doc, &info), KRV_XML_ERR_INVALID_PARAM);
+    EXPECT_EQ(doc, reinterpret_cast<XmlNode *>(0x1));
+
+    // Loading failures.
+    EXPECT_EQ(KRV_XML_ParseFileWithInfo("/nonexistent/krvxml.xml", 0, &doc, &info), KRV_XML_ERR_FILE_OPEN);
+    EXPECT_EQ(doc, reinterpret_cast<XmlNode *>(0x1));
+    EXPECT_EQ(info.result, KRV_XML_ERR_FILE_OPEN);
+    EXPECT_STREQ(info.reason, "cannot open the file");
+    EXPECT_EQ(info.line, 0u);
+    std::string empty = writeTemp("info_empty.xml", "");
+    EXPECT_EQ(KRV_XML_ParseFileWithInfo(empty.c_str(), KRV_XML_PARSE_SESSION, &doc, &info),
+              KRV_XML_ERR_SYNTAX);
+    EXPECT_EQ(doc, nullptr);
+    EXPECT_STREQ(info.reason, "empty file");
+    // A refused file text is reported in the file's lines.
+    std::string bad = writeTemp("info_bad.xml", "<r>\r\n</s>");
+    doc = reinterpret_cast<XmlNode *>(0x1);
+    EXPECT_EQ(KRV_XML_ParseFileWithInfo(bad.c_str(), 0, &doc, &info), KRV_XML_ERR_SYNTAX);
+    EXPECT_EQ(doc, reinterpret_cast<XmlNode *>(0x1));
+    EXPECT_STREQ(info.reason, "end tag does not match the open element");
+    EXPECT_EQ(info.line, 2u);
+    EXPECT_EQ(info.column, 3u);
+    EXPECT_EQ(info.offset, 7u);
+    // A null info is allowed.
+    EXPECT_EQ(KRV_XML_ParseWithInfo("<r/>", 0, &doc, nullptr), KRV_XML_OK);
+    KRV_XML_FreeNode(doc);
+}
+
+TEST(Parser, InfoEntryPointsMatchThePlainOnes)
+{
+    const std::string big = sweepText();
+    const char *texts[] = {big.c_str(), "<r/><s/>", "<r>x</r>", "<r><a>", "<a x='1' x='2'/>", "x", " "};
+    for (const char *text : texts) {
+        for (bool session : {false, true}) {
+            SCOPED_TRACE(std::string(text) + (session ? " (session)" : " (heap)"));
+            krvtest::LeakGuard guard;
+            XmlNode *plain = reinterpret_cast<XmlNode *>(0x1);
+            XmlNode *info = reinterpret_cast<XmlNode *>(0x1);
+            KrvXmlParseInfo report{};
+            uint32_t rc = parse(text, session, &plain);
+            EXPECT_EQ(KRV_XML_ParseWithInfo(text, session ? KRV_XML_PARSE_SESSION : 0, &info, &report), rc);
+            EXPECT_EQ(report.result, rc);
+            EXPECT_EQ(info == nullptr, plain == nullptr);
+            if (rc == KRV_XML_OK) {
+                EXPECT_EQ(dump(info), dump(plain));
+                EXPECT_EQ(info->mem != nullptr, session);
+            }
+            KRV_XML_FreeNode(plain);
+            KRV_XML_FreeNode(info);
+
+            std::string path = writeTemp("same.xml", text);
+            plain = reinterpret_cast<XmlNode *>(0x1);
+            info = reinterpret_cast<XmlNode *>(0x1);
+            rc = session ? KRV_XML_ParseFileEx(path.c_str(), &plain) : KRV_XML_ParseFile(path.c_str(), &plain);
+            EXPECT_EQ(KRV_XML_ParseFileWithInfo(path.c_str(), session ? KRV_XML_PARSE_SESSION : 0, &info,
+                                                &report),
+                      rc);
+            if (rc == KRV_XML_OK) {
+                EXPECT_EQ(dump(info), dump(plain));
+                KRV_XML_FreeNode(plain);
+                KRV_XML_FreeNode(info);
+            } else {
+                EXPECT_EQ(info, plain);
+            }
+        }
+    }
+}
+
+TEST(Parser, InfoUnderAllocationFailures)
+{
+    const std::string text = sweepText();
+    for (uint32_t flags : {0u, KRV_XML_PARSE_SESSION}) {
+        KrvXmlParseInfo info{};
+        krvtest::SweepAllocationFailures(
+            [] { return reinterpret_cast<XmlNode *>(0x1); },
+            [&](XmlNode *&doc) { return KRV_XML_ParseWithInfo(text.c_str(), flags, &doc, &info); },
+            [&](uint32_t rc, XmlNode *&doc) {
+                EXPECT_EQ(info.result, rc);
+                if (rc == KRV_XML_OK) {
+                    EXPECT_STREQ(info.reason, "ok");
+                    KRV_XML_FreeNode(doc);
+                } else {
+                    EXPECT_STREQ(info.reason, "out of memory");
+                    EXPECT_EQ(doc, nullptr);
+                }
+            });
+    }
+}

@@ -487,7 +487,9 @@ int32_t splitElement(XmlParser *p, XmlNode *element, const char *at)
     int32_t rc = splitName(p->session, element->name, length, &element->nsPrefix, &element->name,
                            false, nullptr);
     if (rc != KRV_XML_OK) {
-        note(p, at, "colon at the start or end of a name");
+        note(p, at, rc == static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY)
+                        ? "out of memory"
+                        : "colon at the start or end of a name");
     }
     return rc;
 }
@@ -615,6 +617,19 @@ inline bool tokenIs(const XmlParser *p, char c)
     return p->tokenLen == 1 && p->token[0] == c;
 }
 
+// Cuts the next token and tells whether it is the byte c. When none can be
+// cut, `token` is moved to the read position (with length 0), so that a
+// failure is reported where the text stopped.
+inline bool nextTokenIs(XmlParser *p, char c)
+{
+    if (Parser_getNextToken(p) == 0) {
+        p->token = p->pos;
+        p->tokenLen = 0;
+        return false;
+    }
+    return tokenIs(p, c);
+}
+
 }  // namespace
 
 int32_t Parser_processAttribute(XmlParser *p)
@@ -644,8 +659,8 @@ int32_t Parser_processAttribute(XmlParser *p)
             const char *quote = nullptr;
             if (Parser_getNextToken(p) == 0 || !tokenIs(p, '=')) {
                 note(p, nameAt, "attribute without value");
-            } else if (Parser_getNextToken(p) == 0 || !(tokenIs(p, '"') || tokenIs(p, '\''))) {
-                note(p, p->pos, "attribute value not quoted");
+            } else if (!nextTokenIs(p, '"') && !(p->tokenLen == 1 && p->token[0] == '\'')) {
+                note(p, p->token, "attribute value not quoted");
             } else if ((quote = std::strchr(p->pos, p->token[0])) == nullptr) {
                 note(p, p->token, "unterminated attribute value");
             } else if (static_cast<uint64_t>(quote - p->pos) > kMaxRun) {
@@ -683,7 +698,7 @@ int32_t Parser_processAttribute(XmlParser *p)
             break;
         }
         if (p->tokenLen == 2 && p->token[0] == '/') {
-            rc = splitElement(p, element, p->token);
+            rc = splitElement(p, element, p->tagName);
             if (rc == KRV_XML_OK) {
                 p->state = XML_PARSE_IDLE;
                 p->openBits &= ~1u;
@@ -762,12 +777,14 @@ bool startTag(XmlParser *p)
         return false;
     }
     n->nameOwned = 1;
+    const char *nameAt = p->token;
+    p->tagName = nameAt;
     if (Parser_getNextToken(p) == 0) {
         note(p, p->pos, "start tag not closed");
         return false;
     }
     bool empty = p->tokenLen == 2 && p->token[0] == '/';
-    if (empty && splitElement(p, n, lt) != KRV_XML_OK) {
+    if (empty && splitElement(p, n, nameAt) != KRV_XML_OK) {
         return false;
     }
     bool firstChild = p->current != nullptr && (p->openBits & 1u);
@@ -839,8 +856,8 @@ bool endTag(XmlParser *p)
     }
     cur->valueOwned = 1;
     p->pos = skipSpace(p->pos);
-    if (Parser_getNextToken(p) == 0 || !tokenIs(p, '>')) {
-        note(p, p->pos, "end tag not closed by '>'");
+    if (!nextTokenIs(p, '>')) {
+        note(p, p->token, "end tag not closed by '>'");
         return false;
     }
     --p->openCount;
@@ -910,8 +927,8 @@ bool textContent(XmlParser *p)
     if (!closeCurrent(p, p->token)) {
         return false;
     }
-    if (Parser_getNextToken(p) == 0 || !tokenIs(p, '>')) {
-        note(p, p->pos, "end tag not closed by '>'");
+    if (!nextTokenIs(p, '>')) {
+        note(p, p->token, "end tag not closed by '>'");
         return false;
     }
     p->openBits &= ~1u;
