@@ -1121,35 +1121,30 @@ uint32_t Parser_parseDocument(XmlNode **out, XmlParser *p)
 // ===== Input loading and entry points ======================================
 
 namespace {
-
 // Size refused before any buffer is made: a failed size query, or 4 GiB on.
 constexpr long long kMaxFileSize = 0xFFFFFFFFLL;
+}  // namespace
 
-uint32_t loadFile(XmlParser *p, const char *path, const char **reason)
+uint32_t Parser_readFileOrBuffer(XmlParser *p, const char *path)
 {
     FILE *file = XML_Fopen(path, "rb");
     if (file == nullptr) {
-        *reason = "cannot open the file";
         return KRV_XML_ERR_FILE_OPEN;
     }
     uint32_t rc = KRV_XML_OK;
     XML_Fseek(file, 0, SEEK_END);
     long answer = XML_Ftell(file);
     if (answer < 0 || static_cast<long long>(answer) > kMaxFileSize) {
-        *reason = "cannot read the file";
         rc = KRV_XML_ERR_FILE_READ;
     } else if (answer == 0) {
-        *reason = "empty file";
         rc = KRV_XML_ERR_SYNTAX;
     } else {
         size_t size = static_cast<size_t>(answer);
         char *buf = static_cast<char *>(XML_Malloc(nullptr, static_cast<uint64_t>(size) + 1));
         p->input = buf;
         if (buf == nullptr) {
-            *reason = "out of memory";
             rc = KRV_XML_ERR_NO_MEMORY;
         } else if (XML_Fseek(file, 0, SEEK_SET) != 0 || XML_Fread(buf, 1, size, file) != size) {
-            *reason = "cannot read the file";
             rc = KRV_XML_ERR_FILE_READ;
             XML_Free(nullptr, buf);
             p->input = nullptr;
@@ -1160,6 +1155,8 @@ uint32_t loadFile(XmlParser *p, const char *path, const char **reason)
     XML_Fclose(file);
     return rc;
 }
+
+namespace {
 
 XmlParser *newParser()
 {
@@ -1225,17 +1222,17 @@ uint32_t parseFile(const char *path, XmlNode **out, bool inSession, XmlParseRepo
         reportEarly(report, KRV_XML_ERR_NO_MEMORY, "out of memory");
         return KRV_XML_ERR_NO_MEMORY;
     }
-    const char *reason = nullptr;
-    uint32_t rc = loadFile(p, path, &reason);
+    uint32_t rc = Parser_readFileOrBuffer(p, path);
     if (rc == KRV_XML_OK && inSession) {
         p->session = XML_MemSessionBegin(kSessionInitialSize);
-        if (p->session == nullptr) {
-            rc = KRV_XML_ERR_NO_MEMORY;
-            reason = "out of memory";
-        }
+        rc = p->session == nullptr ? KRV_XML_ERR_NO_MEMORY : KRV_XML_OK;
         p->singleRoot = 1;
     }
     if (rc != KRV_XML_OK) {
+        const char *reason = rc == KRV_XML_ERR_FILE_OPEN   ? "cannot open the file"
+                             : rc == KRV_XML_ERR_FILE_READ ? "cannot read the file"
+                             : rc == KRV_XML_ERR_SYNTAX    ? "empty file"
+                                                           : "out of memory";
         krvHeapFree(const_cast<char *>(p->input));
         krvHeapFree(p);
         reportEarly(report, rc, reason);
@@ -1253,12 +1250,6 @@ uint32_t parseFile(const char *path, XmlNode **out, bool inSession, XmlParseRepo
 }
 
 }  // namespace
-
-uint32_t Parser_readFileOrBuffer(XmlParser *parser, const char *path)
-{
-    const char *reason = nullptr;
-    return loadFile(parser, path, &reason);
-}
 
 uint32_t KRV_XML_Parse(const char *text, XmlNode **out)
 {
