@@ -3,6 +3,7 @@
 #define KRV_XML_PARSER_INTERNAL_H
 
 #include <cstdint>
+#include <cstring>
 
 #include "xml/xml_internal.h"
 
@@ -48,5 +49,92 @@ uint32_t Parser_readFileOrBuffer(XmlParser *parser, const char *path);
 // The decoder with failure position and reason (diag may be null).
 int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char **out,
                      XmlParseDiag *diag);
+
+// Splits a qualified name at its first colon: the prefix into *prefix and,
+// with copyName, the local name into *name; without copyName, *name already
+// holds the text and the local name is moved to its front in place.
+int32_t xmlSplitName(XmlMemSession *session, const char *text, uint32_t length, char **prefix,
+                     char **name, bool copyName, XmlParseDiag *diag);
+
+// Byte classes and small helpers shared by the tokenizer, the decoder and the
+// driver.
+namespace xmlp {
+
+constexpr uint8_t kSpace = 1;     // TAB LF CR SPACE
+constexpr uint8_t kStop = 2;      // ends a word by itself
+constexpr uint8_t kMaybeEnd = 4;  // may begin "]]>", "-->" or "/>"
+
+struct ByteClasses {
+    uint8_t of[256];
+};
+
+constexpr ByteClasses makeClasses()
+{
+    ByteClasses t{};
+    const char spaces[] = "\t\n\r ";
+    const char stops[] = "\"'<=>";
+    const char maybeEnd[] = "]-/";
+    for (size_t i = 0; spaces[i] != '\0'; ++i) {
+        t.of[static_cast<unsigned char>(spaces[i])] = kSpace | kStop;
+    }
+    for (size_t i = 0; stops[i] != '\0'; ++i) {
+        t.of[static_cast<unsigned char>(stops[i])] = kStop;
+    }
+    t.of[0] = kStop;
+    for (size_t i = 0; maybeEnd[i] != '\0'; ++i) {
+        t.of[static_cast<unsigned char>(maybeEnd[i])] = kMaybeEnd;
+    }
+    return t;
+}
+constexpr ByteClasses kClass = makeClasses();
+
+// Runs of 2^31 bytes or more never become a name, value or text.
+constexpr uint64_t kMaxRun = 0x7FFFFFFFu;
+
+inline bool isSpace(char c)
+{
+    return (kClass.of[static_cast<unsigned char>(c)] & kSpace) != 0;
+}
+
+inline const char *skipSpace(const char *p)
+{
+    while (isSpace(*p)) {
+        ++p;
+    }
+    return p;
+}
+
+inline bool startsWith(const char *p, const char *lit, size_t n)
+{
+    return std::strncmp(p, lit, n) == 0;
+}
+
+inline bool startsCdata(const char *p)
+{
+    return p[0] == '<' && p[1] == '!' && startsWith(p, "<![CDATA[", 9);
+}
+
+// Records the first failure of a parse that asked for diagnostics. The plain
+// entry points pay one test of a null pointer on their failure paths only.
+inline void note(XmlParseDiag *diag, const char *at, const char *reason)
+{
+    if (diag != nullptr && diag->reason == nullptr) {
+        diag->at = at;
+        diag->reason = reason;
+    }
+}
+
+inline void note(XmlParser *p, const char *at, const char *reason)
+{
+    note(p->diag, at, reason);
+}
+
+inline void scanFailure(XmlParser *p, const char *at, const char *reason)
+{
+    p->scanFailed = 1;
+    note(p, at, reason);
+}
+
+}  // namespace xmlp
 
 #endif  // KRV_XML_PARSER_INTERNAL_H
