@@ -633,12 +633,6 @@ void fillInfo(KrvXmlParseInfo *info, const char *input, const char *at, uint32_t
 
 }  // namespace
 
-// The record passed in the `diag` field by the entry points that report.
-struct XmlParseReport {
-    XmlParseDiag diag;
-    KrvXmlParseInfo *info;
-};
-
 uint32_t Parser_parseDocument(XmlNode **out, XmlParser *p)
 {
     XmlMemSession *session = p->session;
@@ -675,10 +669,9 @@ uint32_t Parser_parseDocument(XmlNode **out, XmlParser *p)
         }
     }
     if (p->diag != nullptr) {
-        auto *report = reinterpret_cast<XmlParseReport *>(p->diag);
-        if (report->info != nullptr) {
+        if (p->diag->info != nullptr) {
             const char *at = rc == KRV_XML_OK ? p->pos : p->diag->at;
-            fillInfo(report->info, p->input, at, rc, rc == KRV_XML_OK ? "ok" : p->diag->reason);
+            fillInfo(p->diag->info, p->input, at, rc, rc == KRV_XML_OK ? "ok" : p->diag->reason);
         }
     }
     if (!p->inputBorrowed) {
@@ -741,7 +734,7 @@ XmlParser *newParser()
 }
 
 // Reports a failure that has no position in the text.
-void reportEarly(XmlParseReport *report, uint32_t rc, const char *reason)
+void reportEarly(XmlParseDiag *report, uint32_t rc, const char *reason)
 {
     if (report != nullptr && report->info != nullptr) {
         KrvXmlParseInfo *info = report->info;
@@ -753,7 +746,7 @@ void reportEarly(XmlParseReport *report, uint32_t rc, const char *reason)
     }
 }
 
-uint32_t parseText(const char *text, XmlNode **out, bool inSession, XmlParseReport *report)
+uint32_t parseText(const char *text, XmlNode **out, bool inSession, XmlParseDiag *report)
 {
     if (text == nullptr || out == nullptr || text[0] == '\0') {
         reportEarly(report, KRV_XML_ERR_INVALID_PARAM, "invalid argument");
@@ -777,11 +770,11 @@ uint32_t parseText(const char *text, XmlNode **out, bool inSession, XmlParseRepo
     p->input = text;
     p->pos = text;
     p->inputBorrowed = 1;
-    p->diag = report != nullptr ? &report->diag : nullptr;
+    p->diag = report;
     return Parser_parseDocument(out, p);
 }
 
-uint32_t parseFile(const char *path, XmlNode **out, bool inSession, XmlParseReport *report)
+uint32_t parseFile(const char *path, XmlNode **out, bool inSession, XmlParseDiag *report)
 {
     if (path == nullptr || out == nullptr) {
         reportEarly(report, KRV_XML_ERR_INVALID_PARAM, "invalid argument");
@@ -812,7 +805,7 @@ uint32_t parseFile(const char *path, XmlNode **out, bool inSession, XmlParseRepo
         return rc;
     }
     p->pos = p->input;
-    p->diag = report != nullptr ? &report->diag : nullptr;
+    p->diag = report;
     // A plain file parse leaves the caller's variable alone on failure.
     XmlNode *doc = nullptr;
     rc = Parser_parseDocument(&doc, p);
@@ -847,7 +840,7 @@ uint32_t KRV_XML_ParseFileEx(const char *path, XmlNode **out)
 uint32_t KRV_XML_ParseWithInfo(const char *text, uint32_t flags, XmlNode **out,
                                KrvXmlParseInfo *info)
 {
-    XmlParseReport report = {{nullptr, nullptr}, info};
+    XmlParseDiag report = {nullptr, nullptr, info};
     if ((flags & ~KRV_XML_PARSE_SESSION) != 0) {
         reportEarly(&report, KRV_XML_ERR_INVALID_PARAM, "invalid argument");
         return KRV_XML_ERR_INVALID_PARAM;
@@ -858,7 +851,7 @@ uint32_t KRV_XML_ParseWithInfo(const char *text, uint32_t flags, XmlNode **out,
 uint32_t KRV_XML_ParseFileWithInfo(const char *path, uint32_t flags, XmlNode **out,
                                    KrvXmlParseInfo *info)
 {
-    XmlParseReport report = {{nullptr, nullptr}, info};
+    XmlParseDiag report = {nullptr, nullptr, info};
     if ((flags & ~KRV_XML_PARSE_SESSION) != 0) {
         reportEarly(&report, KRV_XML_ERR_INVALID_PARAM, "invalid argument");
         return KRV_XML_ERR_INVALID_PARAM;

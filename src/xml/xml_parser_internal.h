@@ -14,8 +14,9 @@ constexpr uint32_t XML_PARSE_ATTRS = 2;    // inside a start tag, after its name
 
 // Where and why a parse stopped; kept only when the caller asked for it.
 struct XmlParseDiag {
-    const char *at;      // failure position in the text, or null
-    const char *reason;  // first failure recorded wins; null while none
+    const char *at;         // failure position in the text, or null
+    const char *reason;     // first failure recorded wins; null while none
+    KrvXmlParseInfo *info;  // the caller's record, or null
 };
 
 struct XmlParser {
