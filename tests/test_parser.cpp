@@ -141,6 +141,8 @@ TEST(Parser, RefusedDocuments)
         "<r a='&bad;'/>", "<&lt/>", "<a:/>", "<:a></:a>", "<a:></a:>", "<r x:='1'/>", "<a x>",
         "<a x=\"1'/>", "<a p:x='1' p:x='2'/>", "<a x='1' y/>", "<a x='1'/ >", "<a x='1' ='2'/>",
         "<a x='1' '/>", "<a x='1' \"/>", "<a x='1' </a>", "</", "<r/><",
+        // refusals after top-level followers were built (heap)
+        "<r/><s><t/>", "<r/><s a='1' a='2'/>", "<r><a/></r><s>x<t/></s>",
     };
     for (bool session : {false, true}) {
         for (const char *text : cases) {
