@@ -282,6 +282,17 @@ TEST(MemBuf, AllocationFailureRetriesWithTheExactSize)
     ASSERT_EQ(XML_MemBufAssignStr(&buf.b, big.c_str()), KRV_XML_OK);
     EXPECT_EQ(buf.b.capacity, 5000u);
     EXPECT_EQ(buf.content(), big);
+
+    // Zero bytes into a buffer without storage succeed even when the byte
+    // for the terminator cannot be had: the buffer then stays empty.
+    Buf fresh;
+    krv_test::FailAllocationAt(1);
+    EXPECT_EQ(XML_MemBufAssign(&fresh.b, "z", 0), KRV_XML_OK);
+    EXPECT_FALSE(krv_test::FailurePending());
+    krv_test::FailAllocationAt(0);
+    EXPECT_EQ(fresh.b.data, nullptr);
+    EXPECT_EQ(fresh.b.length, 0u);
+    EXPECT_EQ(fresh.b.capacity, 0u);
 }
 
 // ----- Escape ---------------------------------------------------------------

