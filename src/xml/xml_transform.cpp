@@ -354,14 +354,15 @@ constexpr uint32_t kModeWhole = 0;
 constexpr uint32_t kModeHead = 1;
 constexpr uint32_t kModeTail = 2;
 
+// Names and prefixes, like values, count only the low 32 bits of their length.
 template <class Sink>
 void xmlPutQName(Sink *out, const XmlNode *node)
 {
     if (node->nsPrefix != nullptr) {
-        out->put(node->nsPrefix, std::strlen(node->nsPrefix));
+        out->put(node->nsPrefix, static_cast<uint32_t>(std::strlen(node->nsPrefix)));
         xmlOutLit(out, ":");
     }
-    out->put(node->name, std::strlen(node->name));
+    out->put(node->name, static_cast<uint32_t>(std::strlen(node->name)));
 }
 
 // Writes an attribute and every attribute after it in its list, separated by
