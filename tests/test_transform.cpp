@@ -488,6 +488,14 @@ TEST(Transform, LeavesValuesAndAttributes)
              return a;
          },
          "<a>\n<b/>\n<c/>\n</a>\n", "<a>\n<b/>\n<c>\n", "</c>\n</a>\n"},
+        {"an element with children off the chain of last children",
+         [] {
+             XmlNode *a = makeElement("a");
+             appendChild(appendChild(a, makeElement("b")), makeElement("c"));
+             appendChild(a, makeElement("d"));
+             return a;
+         },
+         "<a>\n<b>\n<c/>\n</b>\n<d/>\n</a>\n", "<a>\n<b>\n<c>\n<d>\n", "</c>\n</b>\n</d>\n</a>\n"},
         {"last leaf with a value: head writes it whole, tail closes it again",
          [] {
              XmlNode *a = makeElement("a");
