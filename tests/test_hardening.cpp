@@ -209,6 +209,12 @@ TEST(AllocationFailure, EveryAllocatingCallFailsCleanly)
          [&](Fixture &f) { return KRV_XML_ParseFile(file.c_str(), &f.out); }},
         {"ParseFileEx", nullptr, true, kParse, OutRule::Null,
          [&](Fixture &f) { return KRV_XML_ParseFileEx(file.c_str(), &f.out); }},
+        {"ParseFileWithInfo session", nullptr, true, kParse, OutRule::Null,
+         [&](Fixture &f) {
+             uint32_t rc = KRV_XML_ParseFileWithInfo(file.c_str(), KRV_XML_PARSE_SESSION, &f.out, &f.info);
+             EXPECT_EQ(f.info.result, rc);
+             return rc;
+         }},
         {"CreateNode element", nullptr, false, kNoMemory, OutRule::Untouched,
          [&](Fixture &f) { return KRV_XML_CreateNode(KRV_XML_NODE_ELEMENT, "p", "name", "value", &f.out); }},
         {"CreateNodeEx document", nullptr, true, kNoMemory, OutRule::Untouched,

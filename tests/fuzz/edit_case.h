@@ -311,8 +311,12 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             using Fn = uint32_t (*)(XmlNode *, XmlNode *);
             const Fn fns[4] = {KRV_XML_AddFirstChildNode, KRV_XML_AppendChildNode, KRV_XML_AddNextSiblingNode,
                                KRV_XML_AddPrevSiblingNode};
+            std::string moved = Dump(node);
             rc = fns[op - 4](target, node);
             mustNotChange = rc != KRV_XML_OK;
+            if (rc == KRV_XML_OK && Dump(node) != moved) {
+                failure = "an inserted sub-tree changed its strings";  // interning keeps the text
+            }
             break;
         }
         case 8: {  // take a node out of its tree
@@ -320,9 +324,13 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             if (n == nullptr) {
                 break;
             }
+            std::string taken = Dump(n);
             rc = KRV_XML_RemoveNode(n);
             if (rc == KRV_XML_OK) {
                 pool.Add(n);
+                if (Dump(n) != taken || n->parent != nullptr || n->prev != nullptr || n->next != nullptr) {
+                    failure = "a removed sub-tree is not detached as it was";
+                }
             }
             mustNotChange = rc != KRV_XML_OK;
             break;
@@ -332,7 +340,23 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             if (n == nullptr) {
                 break;
             }
-            rc = KRV_XML_SetNode(n, PickName(in), PickName(in), PickValue(in));
+            const char *args[3] = {PickName(in), PickName(in), PickValue(in)};
+            std::string old[3];
+            const char *fields[3] = {n->nsPrefix, n->name, n->value};
+            for (int i = 0; i < 3; ++i) {
+                old[i] = fields[i] == nullptr ? std::string("\x01null") : std::string(fields[i]);
+            }
+            rc = KRV_XML_SetNode(n, args[0], args[1], args[2]);
+            const char *now[3] = {n->nsPrefix, n->name, n->value};
+            for (int i = 0; i < 3 && rc == KRV_XML_OK; ++i) {
+                // null leaves a field, "" clears it, other text replaces it.
+                const char *expect = args[i] == nullptr ? (old[i] == "\x01null" ? nullptr : old[i].c_str())
+                                     : args[i][0] == '\0' ? nullptr
+                                                           : args[i];
+                if (!SameText(now[i], expect)) {
+                    failure = "SetNode left field " + std::to_string(i) + " other than asked";
+                }
+            }
             break;
         }
         case 10:
