@@ -414,6 +414,50 @@ TEST(HostileInput, DeepChainBuiltThroughTheInterface)
     });
 }
 
+// A million siblings: linking, counting, indexing, printing and copying must
+// each stay linear (a walk from the first child per element would not end).
+TEST(HostileInput, MillionSiblings)
+{
+    krvtest::LeakGuard guard;
+    constexpr size_t kCount = 1000000;
+    std::string text = "<r>";
+    for (size_t i = 0; i < kCount; ++i) {
+        text += i == kCount - 1 ? "<a>last</a>" : "<a/>";
+    }
+    text += "</r>";
+    auto start = std::chrono::steady_clock::now();
+    for (bool session : {false, true}) {
+        SCOPED_TRACE(session ? "session" : "heap");
+        XmlNode *doc = MustParse(text.c_str(), session);
+        ASSERT_NE(doc, nullptr);
+        uint32_t count = 0;
+        EXPECT_EQ(KRV_XML_GetNodeChildNum(doc, &count), KRV_XML_OK);
+        EXPECT_EQ(count, kCount);
+        XmlNode *last = nullptr;
+        EXPECT_EQ(KRV_XML_GetNodeByUrl(doc, "r.a.1000000", &last), KRV_XML_OK);
+        EXPECT_EQ(last, doc->lastChild);
+        char *out = nullptr;
+        ASSERT_EQ(KRV_XML_Transform(doc, &out), KRV_XML_OK);
+        EXPECT_EQ(std::strlen(out), 4 + (kCount - 1) * 5 + 12 + 5);  // "<r>\n", "<a/>\n"..., "<a>last</a>\n", "</r>\n"
+        KRV_XML_FreeMem(out);
+        XmlNode *copy = nullptr;
+        ASSERT_EQ(KRV_XML_CloneNode(doc, &copy), KRV_XML_OK);
+        EXPECT_EQ(krvfuzz::CompareTrees(doc, copy, false), "");
+        KRV_XML_FreeNode(copy);
+        KRV_XML_FreeNode(doc);
+    }
+    XmlNode *root = nullptr;
+    ASSERT_EQ(KRV_XML_CreateNode(KRV_XML_NODE_DOCUMENT, nullptr, "r", nullptr, &root), KRV_XML_OK);
+    for (size_t i = 0; i < kCount; ++i) {
+        XmlNode *n = nullptr;
+        ASSERT_EQ(KRV_XML_CreateNode(KRV_XML_NODE_ELEMENT, nullptr, "a", nullptr, &n), KRV_XML_OK);
+        ASSERT_EQ(i % 2 == 0 ? KRV_XML_AppendChildNode(root, n) : KRV_XML_AddFirstChildNode(root, n), KRV_XML_OK);
+    }
+    EXPECT_EQ(CheckLinks(root), "");
+    KRV_XML_FreeNode(root);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(120));
+}
+
 TEST(HostileInput, HundredThousandAttributes)
 {
     krvtest::LeakGuard guard;
@@ -491,7 +535,7 @@ struct FileCounts {
     int closes = 0;
     int reads = 0;
     bool shortRead = false;   // the read function returns one byte less
-    bool failTell = false;    // the size query answers -1
+    long fakeSize = 0;        // what the size query answers instead, when not 0
 };
 FileCounts g_files;
 
@@ -518,7 +562,7 @@ size_t CountingRead(void *buffer, size_t size, size_t count, FILE *f)
 }
 long CountingTell(FILE *f)
 {
-    return g_files.failTell ? -1L : std::ftell(f);
+    return g_files.fakeSize != 0 ? g_files.fakeSize : std::ftell(f);
 }
 
 TEST(FileLoading, BrokenFilesFailCleanly)
@@ -538,17 +582,21 @@ TEST(FileLoading, BrokenFilesFailCleanly)
         const char *name;
         std::string path;
         bool shortRead;
-        bool failTell;
+        long fakeSize;
         std::vector<uint32_t> codes;
     };
     const std::vector<Case> cases = {
-        {"missing", TempPath("missing.xml"), false, false, {KRV_XML_ERR_FILE_OPEN}},
+        {"missing", TempPath("missing.xml"), false, 0, {KRV_XML_ERR_FILE_OPEN}},
         // A directory opens (glibc) and then fails to read.
-        {"directory", dir, false, false, {KRV_XML_ERR_FILE_READ}},
-        {"unreadable", locked, false, false, {KRV_XML_ERR_FILE_OPEN}},
-        {"empty", empty, false, false, {KRV_XML_ERR_SYNTAX}},
-        {"shorter than claimed", good, true, false, {KRV_XML_ERR_FILE_READ}},
-        {"size query fails", good, false, true, {KRV_XML_ERR_FILE_READ}},
+        {"directory", dir, false, 0, {KRV_XML_ERR_FILE_READ}},
+        {"unreadable", locked, false, 0, {KRV_XML_ERR_FILE_OPEN}},
+        {"empty", empty, false, 0, {KRV_XML_ERR_SYNTAX}},
+        {"shorter than claimed", good, true, 0, {KRV_XML_ERR_FILE_READ}},
+        {"size query fails", good, false, -1, {KRV_XML_ERR_FILE_READ}},
+        // Sizes of 4 GiB and more must not be cut to their low 32 bits
+        // (which would make an empty file, or a short read that succeeds).
+        {"size of 4 GiB", good, false, 1L << 32, {KRV_XML_ERR_FILE_READ}},
+        {"size of 4 GiB and 4 bytes", good, false, (1L << 32) + 4, {KRV_XML_ERR_FILE_READ}},
     };
     ASSERT_EQ(KRV_XML_RegFileFunc(CountingOpen, CountingSeek, CountingClose, CountingRead, CountingTell), KRV_XML_OK);
     for (const Case &c : cases) {
@@ -560,7 +608,7 @@ TEST(FileLoading, BrokenFilesFailCleanly)
             krvtest::LeakGuard guard;
             g_files = FileCounts{};
             g_files.shortRead = c.shortRead;
-            g_files.failTell = c.failTell;
+            g_files.fakeSize = c.fakeSize;
             XmlNode *doc = kOutSentinel;
             uint32_t rc = session ? KRV_XML_ParseFileEx(c.path.c_str(), &doc) : KRV_XML_ParseFile(c.path.c_str(), &doc);
             bool listed = false;
@@ -570,8 +618,8 @@ TEST(FileLoading, BrokenFilesFailCleanly)
             EXPECT_TRUE(listed) << std::hex << rc;
             EXPECT_EQ(doc, session ? nullptr : kOutSentinel);
             EXPECT_EQ(g_files.opens, g_files.closes) << "a handle was left open or closed twice";
-            if (c.failTell) {
-                EXPECT_EQ(g_files.reads, 0) << "read without a size";
+            if (c.fakeSize != 0) {
+                EXPECT_EQ(g_files.reads, 0) << "read without a usable size";
             }
         }
     }
