@@ -127,18 +127,6 @@ inline const char *AttrValue(XmlNode *element, const char *name)
     return KRV_XML_GetAttr(element, nullptr, name, &v) == KRV_XML_OK ? v : nullptr;
 }
 
-// True when `got`, the value read back from text printed as element
-// content, is text with at most some leading white space dropped: how much
-// the tokenizer steps over before a text depends on the bytes that follow.
-inline bool SameTextUpToLeadingSpace(const std::string &text, const char *got)
-{
-    std::string v = got == nullptr ? std::string() : got;
-    if (v.size() > text.size() || text.compare(text.size() - v.size(), v.size(), v) != 0) {
-        return false;
-    }
-    return text.find_first_not_of(" \t\r\n") >= text.size() - v.size();
-}
-
 inline std::string RunPathValuesCase(const uint8_t *data, size_t size)
 {
     if (size == 0) {
