@@ -132,6 +132,11 @@ t "set through link" 0 "" "" -- set "$work/link.xml" config.name linked
 [ -L "$work/link.xml" ] && [ "$("$tool" get "$cfg" config.name)" = linked ] ||
   { failures=$((failures + 1)); echo "FAIL set through a link"; }
 
+# A write that fails at the rename leaves no temporary file behind.
+mkdir "$work/adir"
+t "set over a directory" 1 "" "^krvxml: $work/adir: write: cannot replace" -- set "$cfg" config.name x -o "$work/adir"
+ls -a "$work" | grep -q 'krvxml-' && { failures=$((failures + 1)); echo "FAIL temporary file left after a failed write"; }
+
 # A directory that cannot be written: the set fails, the file stays whole.
 mkdir "$work/ro" && cp "$examples/config.xml" "$work/ro/c.xml" && chmod 555 "$work/ro"
 if [ "$(id -u)" != 0 ]; then
