@@ -34,7 +34,8 @@ const Command kCommands[] = {
      "usage: krvxml set FILE PATH [--attr [PREFIX:]NAME] [--type TYPE] VALUE [-o OUT]\n"
      "Sets the value of the element at PATH, or of its attribute NAME (created when\n"
      "missing), and writes the document to OUT (\"-\": standard output) or back to\n"
-     "FILE. The file is replaced atomically: it holds either the old or the new text.\n"
+     "FILE (standard output when FILE is \"-\"). A file is replaced atomically: it\n"
+     "holds either the old or the new text, never a part.\n"
      "With --type, VALUE must read as TYPE and is stored in its canonical form.\n"
      "An empty VALUE removes an element's value.\n"},
     {"print", krvtool::RunPrint, "--heap --head --tail", "",
