@@ -396,6 +396,29 @@ public:
         return res;
     }
 
+#ifdef KRV_XML_PARSE_SESSION
+    // As parse and parse_file, and on failure `info` tells where and why.
+    static result parse(const char *text, document &out, regime r, KrvXmlParseInfo &info) noexcept
+    {
+        XmlNode *root = nullptr;
+        result res = KRV_XML_ParseWithInfo(text, r == regime::session ? KRV_XML_PARSE_SESSION : 0u, &root, &info);
+        if (res) {
+            out.reset(root);
+        }
+        return res;
+    }
+    static result parse_file(const char *path, document &out, regime r, KrvXmlParseInfo &info) noexcept
+    {
+        XmlNode *root = nullptr;
+        result res =
+            KRV_XML_ParseFileWithInfo(path, r == regime::session ? KRV_XML_PARSE_SESSION : 0u, &root, &info);
+        if (res) {
+            out.reset(root);
+        }
+        return res;
+    }
+#endif
+
     // A new element: on the heap, or carved from `in`'s memory session when
     // `in` is a session document (the element can then join only that
     // document, and the handle must not outlive it).
