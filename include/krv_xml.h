@@ -184,9 +184,10 @@ KRV_XML_API void KRV_XML_FreeMem(void *ptr);
  * with KRV_XML_ERR_INVALID_PARAM.
  *
  * Attributes are identified by prefix and name together, compared byte for
- * byte: a null (or "") prefix finds only an attribute without prefix, so the
- * attributes written a:x, b:x and x are three different ones. A prefix and
- * name handed out by these functions may be passed straight back. */
+ * byte: a null prefix finds only an attribute without prefix, and a "" prefix
+ * finds none (no attribute has an empty prefix), so the attributes written
+ * a:x, b:x and x are three different ones. A prefix and name handed out by
+ * these functions may be passed straight back. */
 
 /* The parent of node; for an attribute, the element that owns it. Null for a
  * null node or a root. */
@@ -221,7 +222,7 @@ KRV_XML_API uint32_t KRV_XML_GetNodeValue(XmlNode *node, int32_t *kind, const ch
                                           const char **name, const char **value);
 
 /* Writes to *value the value of the element's attribute prefix:name (null
- * when the attribute has no value). prefix may be null or "" (no prefix).
+ * when the attribute has no value). prefix may be null (no prefix).
  * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (element, name or value null,
  * or element an attribute); KRV_XML_ERR_NOT_FOUND (no such attribute). */
 KRV_XML_API uint32_t KRV_XML_GetAttr(XmlNode *element, const char *prefix, const char *name,
@@ -242,7 +243,7 @@ KRV_XML_API uint32_t KRV_XML_GetFirstAttrEx(XmlNode *element, const char **prefi
                                             const char **name, const char **value,
                                             XmlNode **cursor);
 
-/* Finds the element's attribute prefix:name (prefix null or "": none) and
+/* Finds the element's attribute prefix:name (prefix null: none) and
  * writes the prefix, name and value of the attribute after it. Each call
  * searches from the start of the list, so a walk over n attributes this way
  * costs n*n; prefer KRV_XML_GetNextSiblingAttrEx for long lists.
@@ -257,11 +258,12 @@ KRV_XML_API uint32_t KRV_XML_GetNextSiblingAttr(XmlNode *element, const char *pr
  * first attribute, otherwise to the attribute after *cursor. The new position
  * is stored in *cursor, null after the last attribute, so that a call after
  * KRV_XML_ERR_NOT_FOUND starts over. The prefix, name and value of the new
- * position are written on success. The cursor must be an attribute record of
- * this element (from this function or KRV_XML_GetFirstAttrEx) or null;
- * membership in the element is not checked.
- * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (any argument null, element
- * an attribute, or *cursor not an attribute record; nothing written);
+ * position are written on success. The cursor should be an attribute record
+ * of this element (from this function or KRV_XML_GetFirstAttrEx) or null;
+ * neither its kind nor its membership is checked: the step always follows
+ * the cursor's own `next`.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (any argument null, or
+ * element an attribute; nothing written);
  * KRV_XML_ERR_NOT_FOUND (no further attribute; *cursor set to null). */
 KRV_XML_API uint32_t KRV_XML_GetNextSiblingAttrEx(XmlNode *element, const char **prefix,
                                                   const char **name, const char **value,
@@ -336,10 +338,12 @@ KRV_XML_API uint32_t KRV_XML_AddPrevSiblingNode(XmlNode *sibling, XmlNode *node)
  * value) to the element's attribute list.
  * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (element null or an
  * attribute, name null or "", or the top record of the element's tree has
- * siblings); KRV_XML_ERR_ALREADY_EXISTS (the element has an attribute with
- * this prefix and name; checked before anything is allocated);
- * KRV_XML_ERR_NO_MEMORY. On every failure the list is unchanged and nothing
- * is left allocated. */
+ * siblings); KRV_XML_ERR_NO_MEMORY; KRV_XML_ERR_ALREADY_EXISTS (the element
+ * has an attribute with this prefix and name; checked after the new record
+ * and its strings are made, so an allocation failure is reported first).
+ * On every failure the list is unchanged; in a heap tree nothing is left
+ * allocated, in a session tree the refused record stays in the session until
+ * it ends. */
 KRV_XML_API uint32_t KRV_XML_AddAttr(XmlNode *element, const char *prefix, const char *name,
                                      const char *value);
 
@@ -443,7 +447,10 @@ KRV_XML_API uint32_t KRV_XML_GetNodeValueEx(XmlNode *node, uint32_t type, void *
  * attribute was missing under the given prefix but the new record, whose
  * empty prefix counts as none, equals an existing one; nothing changed);
  * KRV_XML_ERR_NO_MEMORY (a new attribute is not added; an existing one has a
- * null value afterwards). */
+ * null value afterwards). A new attribute's record and strings are made
+ * before the type code is read and before the duplicate test, so an
+ * allocation failure is reported first; in a session tree a refused record
+ * stays in the session until it ends. */
 KRV_XML_API uint32_t KRV_XML_SetAttrValueEx(XmlNode *element, const char *prefix, const char *name,
                                             uint32_t type, const void *value);
 
@@ -487,6 +494,73 @@ KRV_XML_API uint32_t KRV_XML_GetNodeByUrl(XmlNode *start, const char *url, XmlNo
 
 /* ===== Printing ========================================================= */
 /* (trees back to XML text, as a string or a file) */
+
+/* Output format shared by the transforms. The text of a sub-tree is compact
+ * and line-oriented: no XML declaration, no indentation, nodes in document
+ * order, and a line feed after each start tag of an element with children,
+ * after each leaf element and after each end tag. Documents print as
+ * elements. Names print as prefix ":" name when the prefix is non-null.
+ *   - an element with children: "<name attrs>", its children, "</name>"; its
+ *     own value, if any, is not written;
+ *   - a leaf with a value (the empty string too): "<name attrs>value</name>";
+ *   - a leaf with a null value: "<name attrs/>".
+ * Attributes print as name="value" separated by single spaces; a null value
+ * gives name="". Values are escaped: " ' < > become &quot; &apos; &lt; &gt;,
+ * and an ampersand becomes &amp; unless a well-formed reference begins there
+ * (&lt; &gt; &amp; &apos; &quot;, "&#" decimal digits ";" or "&#x"
+ * hexadecimal digits ";" up to 0x10FFFF, digits optional), which is kept as
+ * it stands. All other bytes pass unchanged.
+ *
+ * The top node's parent, next and prev are cleared for the length of the call
+ * (the sub-tree is printed alone) and restored before it returns, on every
+ * path. The tree must not be used by another thread meanwhile. Deep trees
+ * and long attribute lists cost no stack.
+ *
+ * Results of every transform: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (top or
+ * out null, top an attribute record, or a node or attribute of the sub-tree
+ * with a null name: the partial text is discarded); KRV_XML_ERR_NO_MEMORY.
+ * On failure *out is not written and nothing stays allocated. */
+
+/* The whole text of top's sub-tree (top: an element or document). On success
+ * *out is the NUL-terminated text, from the heap, the caller's to release with
+ * KRV_XML_FreeMem. Example: config with the attribute version="2" and the
+ * leaf children port (value 8080) and item (no value) gives
+ *   <config version="2">\n<port>8080</port>\n<item/>\n</config>\n */
+KRV_XML_API uint32_t KRV_XML_Transform(XmlNode *top, char **out);
+
+/* The head of a frame: as KRV_XML_Transform, except that no end tags of
+ * elements with children are written, and a leaf with a null value and no
+ * next sibling is left open ("<name attrs>"). The caller streams its own
+ * content after the head and closes it with KRV_XML_TransformTail.
+ *
+ * Head and tail together frame a well-formed document exactly when top has
+ * children, every element with children lies on the chain of last children
+ * from top, and the last element of that chain has a null value; its content
+ * then goes between the two. When that last element has a value, the head
+ * writes it whole ("<name>value</name>") and the tail still writes its end
+ * tag, so the pair holds one end tag too many.
+ * On success *out is the text (release with KRV_XML_FreeMem). Results above. */
+KRV_XML_API uint32_t KRV_XML_TransformHead(XmlNode *top, char **out);
+
+/* The tail of a frame: the end tags of the last leaf of the chain of last
+ * children from top and of all its ancestors below and including top, one
+ * per line, innermost first. When top has no children nothing is written:
+ * the result is KRV_XML_OK and *out is set to null. Otherwise *out is the
+ * text (release with KRV_XML_FreeMem). Results above. */
+KRV_XML_API uint32_t KRV_XML_TransformTail(XmlNode *top, char **out);
+
+/* Writes the whole text of top's sub-tree (as KRV_XML_Transform) to the file
+ * at path, without a NUL. The text is built in memory first; only then is the
+ * file opened with the runtime's fopen in mode "w+" (created or truncated)
+ * and written with a single fwrite. A failure while building the text never
+ * creates or touches the file. The file functions registered for parsing are
+ * not used. The result of closing the file is not looked at.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (top or path null, top an
+ * attribute record, a null name in the sub-tree); KRV_XML_ERR_NO_MEMORY;
+ * KRV_XML_ERR_FILE_OPEN (file not opened); KRV_XML_ERR_FILE_WRITE (the
+ * write or its flush did not complete, as on a full disk; the file keeps
+ * what was written). */
+KRV_XML_API uint32_t KRV_XML_TransformFile(XmlNode *top, const char *path);
 
 /* ===== Library services ================================================= */
 
