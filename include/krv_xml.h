@@ -492,6 +492,114 @@ KRV_XML_API uint32_t KRV_XML_GetNodeByUrl(XmlNode *start, const char *url, XmlNo
 /* ===== Parsing and file functions ======================================= */
 /* (text or files to trees; the replaceable file functions) */
 
+/* The replaceable file functions, with the parameter lists and meanings of
+ * the C runtime's fopen, fseek, fclose, fread and ftell. */
+typedef FILE *(*KrvXmlFopenFn)(const char *path, const char *mode);
+typedef int (*KrvXmlFseekFn)(FILE *file, long offset, int origin);
+typedef int (*KrvXmlFcloseFn)(FILE *file);
+typedef size_t (*KrvXmlFreadFn)(void *buffer, size_t size, size_t count, FILE *file);
+typedef long (*KrvXmlFtellFn)(FILE *file);
+
+/* Accepted text, read as bytes: an optional XML declaration ("<?xml " exactly,
+ * case-sensitive; any other "<?...?>" is an instruction), comments,
+ * processing instructions and one "<!DOCTYPE ...>" before the root, all
+ * stepped over; elements with attributes; text only directly after a start
+ * tag and only in elements without child elements (mixed content is
+ * refused); CDATA sections; the entities &amp; &lt; &gt; &apos; &quot;;
+ * character references "&#65;" and "&#x41;" (lower-case x) to characters
+ * allowed in XML, written out in UTF-8. Leading SPACE bytes of a text are
+ * kept, leading TAB, LF and CR are not; trailing white space is kept. A
+ * name "p:x" gets nsPrefix "p" and name "x". The text ends at its first NUL.
+ * Refused: unterminated comments, instructions, declarations and CDATA
+ * sections anywhere (also after the root), "<!-->", a text that ends while
+ * an element is open, an attribute repeated with the same prefix and name,
+ * any single name, value or text of 2^31 bytes or more.
+ *
+ * Several top-level elements: the heap entry points (KRV_XML_Parse,
+ * KRV_XML_ParseFile) accept them; the document record is the first and the
+ * others follow it through `next`, with a null `parent`, and KRV_XML_FreeNode
+ * on the document releases them all. The session entry points
+ * (KRV_XML_ParseEx, KRV_XML_ParseFileEx) refuse a second top-level element
+ * with KRV_XML_ERR_SYNTAX.
+ *
+ * No stack is used in proportion to nesting depth or attribute count. */
+
+/* Parses a NUL-terminated text into a heap document: every record and string
+ * is a heap block of its own. text is only read and may be released as soon
+ * as the call returns. On success *out is the document record (it is the
+ * root element); the caller releases it with KRV_XML_FreeNode.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (text or out null, or text
+ * empty; *out untouched); KRV_XML_ERR_NO_MEMORY (the parser state or the
+ * document record could not be allocated); KRV_XML_ERR_SYNTAX (the text is
+ * not accepted, or any later allocation failed). After the argument checks
+ * *out is set to null, so it is null on every failure but the first. */
+KRV_XML_API uint32_t KRV_XML_Parse(const char *text, XmlNode **out);
+
+/* As KRV_XML_Parse, but the document lives in a new memory session begun
+ * with 8192 bytes: every record and string is carved from it, and
+ * KRV_XML_FreeNode on the document ends it. A second top-level element is
+ * refused (KRV_XML_ERR_SYNTAX). Results as KRV_XML_Parse;
+ * KRV_XML_ERR_NO_MEMORY also when the session cannot be begun. */
+KRV_XML_API uint32_t KRV_XML_ParseEx(const char *text, XmlNode **out);
+
+/* Loads the file at path whole through the registered file functions (open
+ * with mode "rb", seek to the end, tell, seek to the start, one read, close)
+ * and parses it as KRV_XML_Parse does. The buffer is released before the
+ * call returns. On failure *out keeps whatever the caller put there.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (path or out null);
+ * KRV_XML_ERR_FILE_OPEN (open failed); KRV_XML_ERR_FILE_READ (the size query
+ * answered negative or 4 GiB or more, the seek back failed or the read was
+ * short; no buffer is made for a refused size); KRV_XML_ERR_SYNTAX (empty
+ * file, or the text is not accepted); KRV_XML_ERR_NO_MEMORY. */
+KRV_XML_API uint32_t KRV_XML_ParseFile(const char *path, XmlNode **out);
+
+/* As KRV_XML_ParseFile, into a new 8192-byte memory session as
+ * KRV_XML_ParseEx. *out is set to null once the arguments passed their
+ * checks. Results as KRV_XML_ParseFile. */
+KRV_XML_API uint32_t KRV_XML_ParseFileEx(const char *path, XmlNode **out);
+
+/* Replaces the five file functions used by every later file parse in the
+ * process. Not synchronised: register before any thread parses a file.
+ * KRV_XML_RegFileFunc(fopen, fseek, fclose, fread, ftell) restores the
+ * defaults. Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (any argument
+ * null; the registered functions are kept). */
+KRV_XML_API uint32_t KRV_XML_RegFileFunc(KrvXmlFopenFn openFn, KrvXmlFseekFn seekFn,
+                                         KrvXmlFcloseFn closeFn, KrvXmlFreadFn readFn,
+                                         KrvXmlFtellFn tellFn);
+
+/* Flag for the reporting parse functions: build the document in a memory
+ * session (as KRV_XML_ParseEx). Without it the document is a heap document. */
+#define KRV_XML_PARSE_SESSION 0x1u
+
+/* Where and why a parse stopped, filled by the reporting parse functions. */
+typedef struct KrvXmlParseInfo {
+    uint32_t result;     /* the result code the call returned                  */
+    uint64_t offset;     /* byte offset in the text where the parse stopped;
+                            the length parsed on success; 0 when the failure
+                            has no place in the text (arguments, memory for the
+                            parser state, loading a file)                     */
+    uint32_t line;       /* 1-based line of offset (lines end at LF); 0 when
+                            the failure has no place in the text              */
+    uint32_t column;     /* 1-based column of offset, counted in bytes; 0 as
+                            for line                                          */
+    const char *reason;  /* short constant text, "ok" on success; static, never
+                            released                                          */
+} KrvXmlParseInfo;
+
+/* Parses text exactly as KRV_XML_Parse (flags 0) or KRV_XML_ParseEx (flags
+ * KRV_XML_PARSE_SESSION): same results, *out and memory behaviour. When info
+ * is non-null it receives the result, stopping offset, line, column and a
+ * reason on every return, failures included. Other flag bits give
+ * KRV_XML_ERR_INVALID_PARAM with *out untouched. */
+KRV_XML_API uint32_t KRV_XML_ParseWithInfo(const char *text, uint32_t flags, XmlNode **out,
+                                           KrvXmlParseInfo *info);
+
+/* As KRV_XML_ParseFile (flags 0: *out untouched on failure) or
+ * KRV_XML_ParseFileEx (KRV_XML_PARSE_SESSION), reporting into info (may be
+ * null) as KRV_XML_ParseWithInfo. Offsets count bytes of the file. */
+KRV_XML_API uint32_t KRV_XML_ParseFileWithInfo(const char *path, uint32_t flags, XmlNode **out,
+                                               KrvXmlParseInfo *info);
+
 /* ===== Printing ========================================================= */
 /* (trees back to XML text, as a string or a file) */
 
@@ -499,7 +607,9 @@ KRV_XML_API uint32_t KRV_XML_GetNodeByUrl(XmlNode *start, const char *url, XmlNo
  * and line-oriented: no XML declaration, no indentation, nodes in document
  * order, and a line feed after each start tag of an element with children,
  * after each leaf element and after each end tag. Documents print as
- * elements. Names print as prefix ":" name when the prefix is non-null.
+ * elements; a node of any other kind than element, attribute or document
+ * writes nothing where it is reached. Names print as prefix ":" name when
+ * the prefix is non-null (an empty prefix too).
  *   - an element with children: "<name attrs>", its children, "</name>"; its
  *     own value, if any, is not written;
  *   - a leaf with a value (the empty string too): "<name attrs>value</name>";
@@ -517,14 +627,17 @@ KRV_XML_API uint32_t KRV_XML_GetNodeByUrl(XmlNode *start, const char *url, XmlNo
  * and long attribute lists cost no stack.
  *
  * Results of every transform: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (top or
- * out null, top an attribute record, or a node or attribute of the sub-tree
- * with a null name: the partial text is discarded); KRV_XML_ERR_NO_MEMORY.
- * On failure *out is not written and nothing stays allocated. */
+ * out null, top an attribute record, or a node of the sub-tree with a null
+ * name, or an attribute with a null name where attributes are written: the
+ * partial text is discarded); KRV_XML_ERR_NO_MEMORY. On success *out is null
+ * when nothing was written. On failure *out is not written and nothing stays
+ * allocated. */
 
 /* The whole text of top's sub-tree (top: an element or document). On success
  * *out is the NUL-terminated text, from the heap, the caller's to release with
- * KRV_XML_FreeMem. Example: config with the attribute version="2" and the
- * leaf children port (value 8080) and item (no value) gives
+ * KRV_XML_FreeMem (null when nothing was written). Example: config with the
+ * attribute version="2" and the leaf children port (value 8080) and item (no
+ * value) gives
  *   <config version="2">\n<port>8080</port>\n<item/>\n</config>\n */
 KRV_XML_API uint32_t KRV_XML_Transform(XmlNode *top, char **out);
 
@@ -542,11 +655,16 @@ KRV_XML_API uint32_t KRV_XML_Transform(XmlNode *top, char **out);
  * On success *out is the text (release with KRV_XML_FreeMem). Results above. */
 KRV_XML_API uint32_t KRV_XML_TransformHead(XmlNode *top, char **out);
 
-/* The tail of a frame: the end tags of the last leaf of the chain of last
- * children from top and of all its ancestors below and including top, one
- * per line, innermost first. When top has no children nothing is written:
- * the result is KRV_XML_OK and *out is set to null. Otherwise *out is the
- * text (release with KRV_XML_FreeMem). Results above. */
+/* The tail of a frame: end tags only, one per line. For every leaf that is
+ * the last child of its parent, in document order: the leaf's end tag, then
+ * that of its parent, and so on up while the element just closed is its
+ * parent's last child, at most up to top. On the chain of last children from
+ * top this closes the last leaf and then each of its ancestors up to top,
+ * innermost first; off the chain it closes more, e.g. a with the children
+ * b (child c) and d gives "</c>\n</b>\n</d>\n</a>\n". Attributes are not
+ * read. When top has no children nothing is written: the result is
+ * KRV_XML_OK and *out is set to null. Otherwise *out is the text (release
+ * with KRV_XML_FreeMem). Results above. */
 KRV_XML_API uint32_t KRV_XML_TransformTail(XmlNode *top, char **out);
 
 /* Writes the whole text of top's sub-tree (as KRV_XML_Transform) to the file
@@ -554,7 +672,10 @@ KRV_XML_API uint32_t KRV_XML_TransformTail(XmlNode *top, char **out);
  * file opened with the runtime's fopen in mode "w+" (created or truncated)
  * and written with a single fwrite. A failure while building the text never
  * creates or touches the file. The file functions registered for parsing are
- * not used. The result of closing the file is not looked at.
+ * not used. The result of closing the file is not looked at. A top node of
+ * another kind than element or document gives an empty text, which counts
+ * as an incomplete write: the file is created or truncated and the result is
+ * KRV_XML_ERR_FILE_WRITE.
  * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (top or path null, top an
  * attribute record, a null name in the sub-tree); KRV_XML_ERR_NO_MEMORY;
  * KRV_XML_ERR_FILE_OPEN (file not opened); KRV_XML_ERR_FILE_WRITE (the

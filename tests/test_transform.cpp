@@ -282,6 +282,17 @@ TEST(MemBuf, AllocationFailureRetriesWithTheExactSize)
     ASSERT_EQ(XML_MemBufAssignStr(&buf.b, big.c_str()), KRV_XML_OK);
     EXPECT_EQ(buf.b.capacity, 5000u);
     EXPECT_EQ(buf.content(), big);
+
+    // Zero bytes into a buffer without storage succeed even when the byte
+    // for the terminator cannot be had: the buffer then stays empty.
+    Buf fresh;
+    krv_test::FailAllocationAt(1);
+    EXPECT_EQ(XML_MemBufAssign(&fresh.b, "z", 0), KRV_XML_OK);
+    EXPECT_FALSE(krv_test::FailurePending());
+    krv_test::FailAllocationAt(0);
+    EXPECT_EQ(fresh.b.data, nullptr);
+    EXPECT_EQ(fresh.b.length, 0u);
+    EXPECT_EQ(fresh.b.capacity, 0u);
 }
 
 // ----- Escape ---------------------------------------------------------------
@@ -477,6 +488,14 @@ TEST(Transform, LeavesValuesAndAttributes)
              return a;
          },
          "<a>\n<b/>\n<c/>\n</a>\n", "<a>\n<b/>\n<c>\n", "</c>\n</a>\n"},
+        {"an element with children off the chain of last children",
+         [] {
+             XmlNode *a = makeElement("a");
+             appendChild(appendChild(a, makeElement("b")), makeElement("c"));
+             appendChild(a, makeElement("d"));
+             return a;
+         },
+         "<a>\n<b>\n<c/>\n</b>\n<d/>\n</a>\n", "<a>\n<b>\n<c>\n<d>\n", "</c>\n</b>\n</d>\n</a>\n"},
         {"last leaf with a value: head writes it whole, tail closes it again",
          [] {
              XmlNode *a = makeElement("a");
