@@ -195,6 +195,12 @@ TEST(CppLayer, FailedParseKeepsTheHandle)
     XmlNode *before = doc.get();
     EXPECT_EQ(document::parse("<a>x<b/></a>", doc), errc::syntax);
     EXPECT_EQ(document::parse_file("/nonexistent/krvxml.xml", doc, regime::heap), errc::file_open);
+    KrvXmlParseInfo info{};
+    EXPECT_EQ(document::parse("<a>\n<b/>x</a>", doc, regime::heap, info), errc::syntax);
+    EXPECT_EQ(info.result, KRV_XML_ERR_SYNTAX);
+    EXPECT_EQ(info.line, 2u);
     EXPECT_EQ(doc.get(), before);
-    EXPECT_EQ(result(KRV_XML_OK), errc::ok);
+    ASSERT_TRUE(document::parse("<new/>", doc, regime::heap, info));  // the old tree is released
+    EXPECT_EQ(doc.root().name(), "new");
+    EXPECT_EQ(doc.root().get()->mem, nullptr);
 }
