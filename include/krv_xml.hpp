@@ -396,7 +396,6 @@ public:
         return res;
     }
 
-#ifdef KRV_XML_PARSE_SESSION
     // As parse and parse_file, and on failure `info` tells where and why.
     static result parse(const char *text, document &out, regime r, KrvXmlParseInfo &info) noexcept
     {
@@ -417,7 +416,6 @@ public:
         }
         return res;
     }
-#endif
 
     // A new element: on the heap, or carved from `in`'s memory session when
     // `in` is a session document (the element can then join only that

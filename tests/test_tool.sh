@@ -163,6 +163,11 @@ for mode in "" --heap; do
   t "print tail $mode" 0 $'</c>\n</a>' "" -- print $mode --tail "$work/frame.xml" a
 done
 STDIN=$examples/config.xml t "print stdin" 0 "$whole" "" -- print -
+# The heap parser keeps further top-level elements; print and set keep them too.
+printf '<a/><b>1</b>' >"$work/two.xml"
+t "print two roots --heap" 0 $'<a/>\n<b>1</b>' "" -- print --heap "$work/two.xml"
+t "print two roots" 1 "" "^krvxml: $work/two.xml:1:[0-9]+: .*KRV_XML_ERR_SYNTAX" -- print "$work/two.xml"
+t "set keeps two roots --heap" 0 $'<a>v</a>\n<b>1</b>' "" -- set --heap "$work/two.xml" a v -o -
 t "print missing path" 1 "" "KRV_XML_ERR_NOT_FOUND" -- print "$examples/config.xml" config.nothing
 "$tool" print "$examples/config.xml" | "$tool" print - >"$work/again.out" && [ "$(cat "$work/again.out")" = "$whole" ] ||
   { failures=$((failures + 1)); echo "FAIL printed text does not print the same again"; }

@@ -64,7 +64,6 @@ bool ReadAll(std::FILE *stream, std::string &text)
 uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure &failure)
 {
     failure = ParseFailure();
-    uint32_t rc;
     std::string text;
     bool fromStdin = file == "-";
     if (fromStdin) {
@@ -81,11 +80,10 @@ uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure
             return failure.code;
         }
     }
-#ifdef KRV_XML_PARSE_SESSION
     KrvXmlParseInfo info{};
     uint32_t flags = heap ? 0u : KRV_XML_PARSE_SESSION;
-    rc = fromStdin ? KRV_XML_ParseWithInfo(text.c_str(), flags, tree.out(), &info)
-                   : KRV_XML_ParseFileWithInfo(file.c_str(), flags, tree.out(), &info);
+    uint32_t rc = fromStdin ? KRV_XML_ParseWithInfo(text.c_str(), flags, tree.out(), &info)
+                            : KRV_XML_ParseFileWithInfo(file.c_str(), flags, tree.out(), &info);
     if (rc != KRV_XML_OK) {
         failure.code = rc;
         failure.line = info.line;
@@ -94,15 +92,6 @@ uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure
             failure.reason = info.reason;
         }
     }
-#else
-    if (fromStdin) {
-        rc = heap ? KRV_XML_Parse(text.c_str(), tree.out()) : KRV_XML_ParseEx(text.c_str(), tree.out());
-    } else {
-        rc = heap ? KRV_XML_ParseFile(file.c_str(), tree.out())
-                  : KRV_XML_ParseFileEx(file.c_str(), tree.out());
-    }
-    failure.code = rc;
-#endif
     return rc;
 }
 
