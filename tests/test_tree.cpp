@@ -236,22 +236,17 @@ TEST(Tree, RefusedInsertionsLeaveBothTreesUnchanged)
         XmlNode *node;
     };
     const Case cases[] = {
-        {"null reference", true, nullptr, loneHeap},
-        {"null node", true, heap, nullptr},
-        {"null reference", false, nullptr, loneHeap},
-        {"null node", false, hChild, nullptr},
-        {"node still linked", true, heap, hGrand},
-        {"node still linked", false, hChild, hGrand},
+        {"null reference", true, nullptr, loneHeap}, {"null node", true, heap, nullptr},
+        {"null reference", false, nullptr, loneHeap}, {"null node", false, hChild, nullptr},
+        {"node still linked", true, heap, hGrand}, {"node still linked", false, hChild, hGrand},
         {"node is an attribute", true, heap, heap->firstAttr},
         {"node is an attribute", false, hChild, heap->firstAttr},
         {"parent is an attribute", true, heap->firstAttr, loneHeap},
         {"sibling is an attribute", false, heap->firstAttr, loneHeap},
         {"node is a session document", true, heap, otherDoc},
         {"node is a session document", false, dChild, otherDoc},
-        {"node is a heap document", false, hChild, heapDoc},
-        {"into itself", true, loneHeap, loneHeap},
-        {"sibling is node", false, loneHeap, loneHeap},
-        {"under its own descendant", true, hGrand, heap},
+        {"node is a heap document", false, hChild, heapDoc}, {"into itself", true, loneHeap, loneHeap},
+        {"sibling is node", false, loneHeap, loneHeap}, {"under its own descendant", true, hGrand, heap},
         {"beside its own descendant", false, hGrand, heap},
         {"heap node into a session tree", true, dChild, loneHeap},
         {"heap node into a session tree", false, dChild, loneHeap},
@@ -520,27 +515,18 @@ TEST(Attributes, ListOrderValuesAndRouting)
     ASSERT_EQ(KRV_XML_RemoveAttr(inDoc, "p", "session"), KRV_XML_OK);
     EXPECT_EQ(krv_test::LiveBlocks(), live) << "a session document takes nothing from the heap";
 
-    struct Bad {
-        const char *why;
-        uint32_t rc;
-    };
     XmlNode *attr = el->firstAttr;
     const char *out = "?";
-    for (Bad b : {Bad{"add null element", KRV_XML_AddAttr(nullptr, nullptr, "n", "v")},
-                  Bad{"add null name", KRV_XML_AddAttr(el, nullptr, nullptr, "v")},
-                  Bad{"add empty name", KRV_XML_AddAttr(el, nullptr, "", "v")},
-                  Bad{"add to attribute", KRV_XML_AddAttr(attr, nullptr, "n", "v")},
-                  Bad{"set null element", KRV_XML_SetAttr(nullptr, nullptr, "c", "v")},
-                  Bad{"set null name", KRV_XML_SetAttr(el, nullptr, nullptr, "v")},
-                  Bad{"set on attribute", KRV_XML_SetAttr(attr, nullptr, "c", "v")},
-                  Bad{"remove null element", KRV_XML_RemoveAttr(nullptr, nullptr, "c")},
-                  Bad{"remove null name", KRV_XML_RemoveAttr(el, nullptr, nullptr)},
-                  Bad{"remove from attribute", KRV_XML_RemoveAttr(attr, nullptr, "c")},
-                  Bad{"get null element", KRV_XML_GetAttr(nullptr, nullptr, "c", &out)},
-                  Bad{"get null name", KRV_XML_GetAttr(el, nullptr, nullptr, &out)},
-                  Bad{"get null out", KRV_XML_GetAttr(el, nullptr, "c", nullptr)},
-                  Bad{"get from attribute", KRV_XML_GetAttr(attr, nullptr, "c", &out)}}) {
-        EXPECT_EQ(b.rc, KRV_XML_ERR_INVALID_PARAM) << b.why;
+    for (uint32_t rc : {KRV_XML_AddAttr(nullptr, nullptr, "n", "v"),
+                        KRV_XML_AddAttr(el, nullptr, nullptr, "v"), KRV_XML_AddAttr(el, nullptr, "", "v"),
+                        KRV_XML_AddAttr(attr, nullptr, "n", "v"), KRV_XML_SetAttr(nullptr, nullptr, "c", "v"),
+                        KRV_XML_SetAttr(el, nullptr, nullptr, "v"), KRV_XML_SetAttr(attr, nullptr, "c", "v"),
+                        KRV_XML_RemoveAttr(nullptr, nullptr, "c"), KRV_XML_RemoveAttr(el, nullptr, nullptr),
+                        KRV_XML_RemoveAttr(attr, nullptr, "c"), KRV_XML_GetAttr(nullptr, nullptr, "c", &out),
+                        KRV_XML_GetAttr(el, nullptr, nullptr, &out),
+                        KRV_XML_GetAttr(el, nullptr, "c", nullptr),
+                        KRV_XML_GetAttr(attr, nullptr, "c", &out)}) {
+        EXPECT_EQ(rc, KRV_XML_ERR_INVALID_PARAM);
     }
     EXPECT_STREQ(out, "?");
     EXPECT_EQ(attrList(el), "c=- d=-");
