@@ -199,9 +199,11 @@ TEST(TypedValue, BadArgumentsAndMissingValuesChangeNothing)
     EXPECT_EQ(KRV_XML_GetNodeValueEx(node, kU32, &target), KRV_XML_ERR_INVALID_PARAM) << "no value";
     static char unowned[] = "5";
     node->value = unowned;
-    for (uint32_t rc : {KRV_XML_GetNodeValueEx(nullptr, kU32, &target), KRV_XML_GetNodeValueEx(node, kU32, nullptr),
+    for (uint32_t rc : {KRV_XML_GetNodeValueEx(nullptr, kU32, &target),
+                        KRV_XML_GetNodeValueEx(node, kU32, nullptr),
                         KRV_XML_GetNodeValueEx(node, kBadType, &target),
-                        KRV_XML_SetNodeValueEx(nullptr, kU32, &target), KRV_XML_SetNodeValueEx(node, kU32, nullptr),
+                        KRV_XML_SetNodeValueEx(nullptr, kU32, &target),
+                        KRV_XML_SetNodeValueEx(node, kU32, nullptr),
                         KRV_XML_SetNodeValueEx(node, kBadType, &target)}) {
         EXPECT_EQ(rc, KRV_XML_ERR_INVALID_PARAM);
     }
