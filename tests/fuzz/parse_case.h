@@ -55,11 +55,26 @@ inline std::string CheckTransforms(XmlNode *top, std::string *whole)
     if (w.empty() || w.back() != '\n') {
         return "whole text does not end with a line feed";
     }
-    // The tail holds end tags only, and those that close the ancestors of the
-    // last leaf are also the end of the whole text.
+    // The tail holds end tags only. When every element with children lies on
+    // the chain of last children from the top, the tail closes the last leaf
+    // and then its ancestors, which is also how the whole text ends.
+    bool framing = true;
+    for (XmlNode *n = top; n != nullptr && framing; n = NextInside(n, top)) {
+        if (n->firstChild != nullptr) {
+            XmlNode *up = n;
+            while (up != top && up->parent->lastChild == up) {
+                up = up->parent;
+            }
+            framing = up == top;
+        }
+    }
     const std::string &tail = texts[2];
     size_t firstEnd = tail.find('\n');
-    if (!tail.empty()) {
+    if (!tail.empty() && !framing) {
+        if (tail.compare(0, 2, "</") != 0) {
+            return "tail does not begin with an end tag";
+        }
+    } else if (!tail.empty()) {
         std::string rest = tail.substr(firstEnd + 1);
         if (tail.compare(0, 2, "</") != 0 || w.size() < rest.size() ||
             w.compare(w.size() - rest.size(), rest.size(), rest) != 0) {
