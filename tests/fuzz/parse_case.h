@@ -83,9 +83,13 @@ inline std::string CheckTransforms(XmlNode *top, std::string *whole)
     } else if (top->firstChild != nullptr) {
         return "empty tail for a top with children";
     }
-    // The head is the whole text until its first open leaf, where the whole
-    // text has an empty-element tag "<x/>" and the head leaves "<x>" open.
+    // The head writes no end tags but those of leaves. For a framed tree it
+    // is the whole text until its first open leaf, where the whole text has
+    // an empty-element tag "<x/>" and the head leaves "<x>" open.
     const std::string &head = texts[1];
+    if (!framing) {
+        return head.empty() || head[0] != '<' ? "head does not begin with a start tag" : "";
+    }
     size_t same = 0;
     while (same < head.size() && same < w.size() && head[same] == w[same]) {
         ++same;
