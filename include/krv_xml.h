@@ -174,7 +174,98 @@ KRV_XML_API void KRV_XML_FreeNode(XmlNode *node);
 KRV_XML_API void KRV_XML_FreeMem(void *ptr);
 
 /* ===== Navigation and attribute reading ================================ */
-/* (tree walking: parent, children, siblings, attributes, document order) */
+/* (tree walking: parent, children, siblings, attributes, document order)
+ *
+ * Nothing here changes a tree or allocates. Nodes and strings handed out are
+ * the tree's own: do not release them; they stay valid until the node is
+ * changed or released. An attribute record (kind KRV_XML_NODE_ATTRIBUTE) has
+ * no child list, previous sibling or attribute list: the getters for those
+ * answer null for it, and the functions below that need an element refuse it
+ * with KRV_XML_ERR_INVALID_PARAM.
+ *
+ * Attributes are identified by prefix and name together, compared byte for
+ * byte: a null (or "") prefix finds only an attribute without prefix, so the
+ * attributes written a:x, b:x and x are three different ones. A prefix and
+ * name handed out by these functions may be passed straight back. */
+
+/* The parent of node; for an attribute, the element that owns it. Null for a
+ * null node or a root. */
+KRV_XML_API XmlNode *KRV_XML_GetNodeParent(XmlNode *node);
+
+/* The first child of node; null when it has none, or node is null or an
+ * attribute. Attributes are never children. */
+KRV_XML_API XmlNode *KRV_XML_GetNodeFirstChild(XmlNode *node);
+
+/* The last child of node; null when it has none, or node is null or an
+ * attribute. */
+KRV_XML_API XmlNode *KRV_XML_GetNodeLastChild(XmlNode *node);
+
+/* The next sibling of node; for an attribute, the next attribute of the same
+ * element. Null at the end of the list or for a null node. */
+KRV_XML_API XmlNode *KRV_XML_GetNodeNextSibling(XmlNode *node);
+
+/* The previous sibling of node; null for the first one, or when node is null
+ * or an attribute (attribute lists are linked forward only). */
+KRV_XML_API XmlNode *KRV_XML_GetNodePrevSibling(XmlNode *node);
+
+/* Writes to *count the number of children of node (attributes not counted).
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (node or count null, or node
+ * an attribute; *count untouched). */
+KRV_XML_API uint32_t KRV_XML_GetNodeChildNum(XmlNode *node, uint32_t *count);
+
+/* Reads a node's strings and kind: each non-null out argument receives
+ * nsPrefix, name, value (each may be null) or the kind (KRV_XML_NODE_*).
+ * Every out argument is optional; works for attributes too.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (node null). */
+KRV_XML_API uint32_t KRV_XML_GetNodeValue(XmlNode *node, int32_t *kind, const char **prefix,
+                                          const char **name, const char **value);
+
+/* Writes to *value the value of the element's attribute prefix:name (null
+ * when the attribute has no value). prefix may be null or "" (no prefix).
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (element, name or value null,
+ * or element an attribute); KRV_XML_ERR_NOT_FOUND (no such attribute). */
+KRV_XML_API uint32_t KRV_XML_GetAttr(XmlNode *element, const char *prefix, const char *name,
+                                     const char **value);
+
+/* Writes the prefix, name and value of the element's first attribute (each
+ * may be null, except the name of an attribute made by this library).
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (any argument null, or
+ * element an attribute); KRV_XML_ERR_NOT_FOUND (no attributes; nothing
+ * written). Walk on with KRV_XML_GetNextSiblingAttr. */
+KRV_XML_API uint32_t KRV_XML_GetFirstAttr(XmlNode *element, const char **prefix,
+                                          const char **name, const char **value);
+
+/* As KRV_XML_GetFirstAttr; when cursor is non-null it also receives the first
+ * attribute record, a cursor for KRV_XML_GetNextSiblingAttrEx.
+ * Results: as KRV_XML_GetFirstAttr (the cursor may be null). */
+KRV_XML_API uint32_t KRV_XML_GetFirstAttrEx(XmlNode *element, const char **prefix,
+                                            const char **name, const char **value,
+                                            XmlNode **cursor);
+
+/* Finds the element's attribute prefix:name (prefix null or "": none) and
+ * writes the prefix, name and value of the attribute after it. Each call
+ * searches from the start of the list, so a walk over n attributes this way
+ * costs n*n; prefer KRV_XML_GetNextSiblingAttrEx for long lists.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (element, name or an out
+ * argument null, or element an attribute); KRV_XML_ERR_NOT_FOUND (no such
+ * attribute, or it is the last one; nothing written). */
+KRV_XML_API uint32_t KRV_XML_GetNextSiblingAttr(XmlNode *element, const char *prefix,
+                                                const char *name, const char **outPrefix,
+                                                const char **outName, const char **outValue);
+
+/* Steps an attribute cursor: when *cursor is null it moves to the element's
+ * first attribute, otherwise to the attribute after *cursor. The new position
+ * is stored in *cursor, null after the last attribute, so that a call after
+ * KRV_XML_ERR_NOT_FOUND starts over. The prefix, name and value of the new
+ * position are written on success. The cursor must be an attribute record of
+ * this element (from this function or KRV_XML_GetFirstAttrEx) or null;
+ * membership in the element is not checked.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (any argument null, element
+ * an attribute, or *cursor not an attribute record; nothing written);
+ * KRV_XML_ERR_NOT_FOUND (no further attribute; *cursor set to null). */
+KRV_XML_API uint32_t KRV_XML_GetNextSiblingAttrEx(XmlNode *element, const char **prefix,
+                                                  const char **name, const char **value,
+                                                  XmlNode **cursor);
 
 /* The next element or document after node in document order (pre-order:
  * first child, else the next sibling of the nearest ancestor-or-self that has
@@ -183,25 +274,286 @@ KRV_XML_API void KRV_XML_FreeMem(void *ptr);
 KRV_XML_API XmlNode *KRV_XML_Iterator(XmlNode *node);
 
 /* ===== Inserting nodes ================================================== */
-/* (linking detached nodes as children or siblings) */
+/* (linking detached nodes as children or siblings)
+ *
+ * These functions link an existing detached node (no parent, no siblings: just
+ * created, copied, or taken out with KRV_XML_RemoveNode) into a tree, with its
+ * attributes and descendants. They copy nothing and allocate nothing; the node
+ * is then released with the tree that holds it.
+ *
+ * Memory regimes are never mixed: the node's `mem` must equal the `mem` of the
+ * top record of the tree it joins. Nodes for a session document are therefore
+ * made with KRV_XML_CreateNodeEx(doc->mem, ...) or copied from that document
+ * (KRV_XML_CloneNode); nodes for a heap tree are made with KRV_XML_CreateNode
+ * or copied from a heap tree.
+ *
+ * When the tree is headed by a document without siblings, the node's own name
+ * (not those of its attributes or descendants) moves into the document's name
+ * table: the first ten distinct names of at most 11 bytes take a slot each,
+ * equal names share it, and the node's former name string is released.
+ *
+ * Every refusal is KRV_XML_ERR_INVALID_PARAM and changes nothing. */
+
+/* Links node as the first child of parent (an element or document).
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM when parent or node is null,
+ * node is an attribute, a document with a memory session, or not detached,
+ * parent is an attribute, parent is node or lies below it, or node's `mem`
+ * differs from that of the top record of parent's tree. When that top record
+ * has siblings (a heap tree) the link is made and nothing is interned; the
+ * result is KRV_XML_OK. */
+KRV_XML_API uint32_t KRV_XML_AddFirstChildNode(XmlNode *parent, XmlNode *node);
+
+/* Links node as the last child of parent. Results: as
+ * KRV_XML_AddFirstChildNode. */
+KRV_XML_API uint32_t KRV_XML_AppendChildNode(XmlNode *parent, XmlNode *node);
+
+/* Links node directly after sibling, under sibling's parent (none when sibling
+ * is a root: then node becomes a second top-level node, which only a heap tree
+ * may have; nothing is interned then).
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM when sibling or node is null,
+ * they are the same record, either is an attribute, node is a document (any
+ * kind of document) or not detached, sibling is a document with a memory
+ * session or any other root carved from a session (a session tree keeps a
+ * single root), sibling lies below node, or node's `mem` differs from that of
+ * the top record of sibling's tree. */
+KRV_XML_API uint32_t KRV_XML_AddNextSiblingNode(XmlNode *sibling, XmlNode *node);
+
+/* Links node directly before sibling. Results: as
+ * KRV_XML_AddNextSiblingNode. */
+KRV_XML_API uint32_t KRV_XML_AddPrevSiblingNode(XmlNode *sibling, XmlNode *node);
 
 /* ===== Attribute editing ================================================ */
-/* (adding, changing and removing attributes) */
+/* (adding, changing and removing attributes)
+ *
+ * The element is an element or document record; an attribute record is
+ * refused with KRV_XML_ERR_INVALID_PARAM. A null or "" prefix means no prefix.
+ * Strings passed in are copied in the regime of the element's tree: from its
+ * document's memory session when it has one, from the heap otherwise. In a
+ * tree headed by a document, the attribute's name moves into the document's
+ * name table as for inserted nodes. */
+
+/* Appends a new attribute prefix:name with a copy of value (null or "": no
+ * value) to the element's attribute list.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (element null or an
+ * attribute, name null or "", or the top record of the element's tree has
+ * siblings); KRV_XML_ERR_ALREADY_EXISTS (the element has an attribute with
+ * this prefix and name; checked before anything is allocated);
+ * KRV_XML_ERR_NO_MEMORY. On every failure the list is unchanged and nothing
+ * is left allocated. */
+KRV_XML_API uint32_t KRV_XML_AddAttr(XmlNode *element, const char *prefix, const char *name,
+                                     const char *value);
+
+/* Replaces the value of the element's existing attribute prefix:name with a
+ * copy of value; null or "" clears it. The attribute keeps its place.
+ * Results: KRV_XML_OK (also when the top record of the tree has siblings: the
+ * new value is stored, nothing is interned); KRV_XML_ERR_INVALID_PARAM
+ * (element null or an attribute, name null); KRV_XML_ERR_NOT_FOUND (no such
+ * attribute); KRV_XML_ERR_NO_MEMORY (the old value stays). */
+KRV_XML_API uint32_t KRV_XML_SetAttr(XmlNode *element, const char *prefix, const char *name,
+                                     const char *value);
+
+/* Takes the element's attribute prefix:name out of its list and releases it
+ * (in a session tree its memory goes with the session).
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (element null or an
+ * attribute, name null); KRV_XML_ERR_NOT_FOUND (no such attribute). */
+KRV_XML_API uint32_t KRV_XML_RemoveAttr(XmlNode *element, const char *prefix, const char *name);
 
 /* ===== Cloning ========================================================== */
-/* (copying a node, or a node with its sub-tree) */
+/* (copying a node, or a node with its sub-tree)
+ *
+ * A copy is detached (no parent, no siblings) and has fresh copies of the
+ * source's prefix, name and value (the copy owns its name even when the
+ * source's name lies in a name table) and of its attributes, in order. Names
+ * are not interned while copying; they are when the copy is inserted into a
+ * document. The source is only read, but a copy made in the source's session
+ * grows that session: keep other uses of the source's tree out meanwhile.
+ *
+ * Memory regime of the copy:
+ *   - the source's tree is a heap tree: the copy is on the heap and
+ *     independent of the source;
+ *   - the source is an element of a session tree: the copy is carved from that
+ *     same session; releasing it frees nothing, it goes when the session ends,
+ *     and it may be inserted into that session's tree only;
+ *   - the source is a document with a memory session: the copy is a document
+ *     with a new session of its own, independent of the source;
+ *     KRV_XML_FreeNode on the copy ends that session.
+ * The caller owns the copy and releases it with KRV_XML_FreeNode. *out is
+ * written only on success; after a failure nothing of the copy is left. */
+
+/* Copies source with its attributes, without its children.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (source or out null, source
+ * an attribute, or the top record of source's tree has siblings);
+ * KRV_XML_ERR_NO_MEMORY. */
+KRV_XML_API uint32_t KRV_XML_CloneNodeSelf(XmlNode *source, XmlNode **out);
+
+/* Copies source with its attributes and its whole sub-tree (never its
+ * siblings), at any depth with constant stack.
+ * Results: as KRV_XML_CloneNodeSelf; also KRV_XML_ERR_INVALID_PARAM for a
+ * document record below the top of a session tree (which this library never
+ * builds). */
+KRV_XML_API uint32_t KRV_XML_CloneNode(XmlNode *source, XmlNode **out);
 
 /* ===== Typed values ===================================================== */
 /* (values as booleans and 8-, 16- and 32-bit integers) */
 
+/* Texts written and read, by type code (the caller's variable has exactly the
+ * type's width: 4, 4, 4, 2, 2, 1 or 1 bytes):
+ *   KRV_XML_VALUE_BOOL    uint32_t; writes "true" (any non-zero) or "false";
+ *                         reads exactly "true" or "1" as 1, "false" or "0" as 0
+ *   KRV_XML_VALUE_INT32   int32_t,  -2147483648 .. 2147483647
+ *   KRV_XML_VALUE_UINT32  uint32_t, 0 .. 4294967295
+ *   KRV_XML_VALUE_INT16   int16_t,  -32768 .. 32767
+ *   KRV_XML_VALUE_UINT16  uint16_t, 0 .. 65535
+ *   KRV_XML_VALUE_INT8    int8_t,   -128 .. 127
+ *   KRV_XML_VALUE_UINT8   uint8_t,  0 .. 255
+ * Integers are written in decimal ("-128", "255"). The reader is strict: one
+ * optional '-' or '+' for the signed types only, then decimal digits and
+ * nothing else (no white space, no other bases, no point or exponent);
+ * leading zeros are skipped ("0001" is 1, "-0" is 0), more than 24 digits
+ * after them are refused, and the value must lie in the type's range. Every
+ * text the writer makes reads back as the value written. */
+
+/* Writes *value, read at the width of `type`, as the node's value text. The
+ * node may be an element, a document or an attribute. An old value the node
+ * owns is released first; one it does not own is only dropped. The new text
+ * is a copy made in the regime of the node's tree and is owned by the node.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (node or value null, type
+ * above KRV_XML_VALUE_UINT8; nothing changed); KRV_XML_ERR_NO_MEMORY (the
+ * node's value is null afterwards: the old text is already gone). */
+KRV_XML_API uint32_t KRV_XML_SetNodeValueEx(XmlNode *node, uint32_t type, const void *value);
+
+/* Reads the node's value text as `type` into *out, written at exactly the
+ * type's width and only on success. The node may be an element, a document or
+ * an attribute.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (node or out null, type
+ * above KRV_XML_VALUE_UINT8, the node has no value, or its text is not a
+ * value of that type). */
+KRV_XML_API uint32_t KRV_XML_GetNodeValueEx(XmlNode *node, uint32_t type, void *out);
+
+/* Writes *value as the value of the element's attribute prefix:name (prefix
+ * null: an attribute without prefix), as KRV_XML_SetNodeValueEx does. When
+ * there is no such attribute it is made and appended as the element's last
+ * attribute, its record and strings in the regime of the element's tree; in a
+ * document its name may move into the document's name table. The element is
+ * an element or document record.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (element, name or value
+ * null, empty name, type above KRV_XML_VALUE_UINT8, an attribute record given
+ * as the element, or the attribute is missing and the top of the element's
+ * tree has a sibling; nothing changed); KRV_XML_ERR_ALREADY_EXISTS (the
+ * attribute was missing under the given prefix but the new record, whose
+ * empty prefix counts as none, equals an existing one; nothing changed);
+ * KRV_XML_ERR_NO_MEMORY (a new attribute is not added; an existing one has a
+ * null value afterwards). */
+KRV_XML_API uint32_t KRV_XML_SetAttrValueEx(XmlNode *element, const char *prefix, const char *name,
+                                            uint32_t type, const void *value);
+
+/* Reads the value of the element's attribute prefix:name (prefix null: an
+ * attribute without prefix) as `type` into *out, as KRV_XML_GetNodeValueEx
+ * does. An empty prefix or name is looked up like any other and never found.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (element, name or out null,
+ * type above KRV_XML_VALUE_UINT8, an attribute record given as the element,
+ * an attribute without value, or a text that is not a value of that type);
+ * KRV_XML_ERR_NOT_FOUND (no such attribute). *out is written on success only. */
+KRV_XML_API uint32_t KRV_XML_GetAttrValueEx(XmlNode *element, const char *prefix, const char *name,
+                                            uint32_t type, void *out);
+
 /* ===== Path lookup ====================================================== */
 /* (finding a node by a dotted path) */
+
+/* Finds a node by a path of dot-separated segments, the first of which names
+ * `start` itself; each further name segment goes down to the first child of
+ * that name, and a segment of digits n after a name segment picks the n-th
+ * child of that name instead of the first (counting only children of that
+ * name; "01" is 1). Example: "config.server.2" is the second child named
+ * server of a start node named config.
+ * A segment "name" matches a node by its local name whatever its prefix;
+ * "p:name" matches a node with prefix p and name name, or a node without
+ * prefix whose name is "p:name". Runs of dots count as one, dots at either end
+ * are ignored, and "\." stands for a dot inside a name (the backslash goes;
+ * any other backslash stays). The path is at most 511 bytes; the caller's
+ * string is never changed, nothing is allocated and the tree is only read.
+ * On success *out is the node found, which belongs to the tree.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (start, url or out null,
+ * empty url, url longer than 511 bytes, or start is an attribute record);
+ * KRV_XML_ERR_NOT_FOUND (only dots, the first segment does not match start, no
+ * child answers a name segment, an index of more than 9 digits, fewer children
+ * of that name than the index); KRV_XML_ERR_URL_NOT_FOUND (an index right
+ * after the first segment or after another index, or an index of 0).
+ * *out is written on success only. */
+KRV_XML_API uint32_t KRV_XML_GetNodeByUrl(XmlNode *start, const char *url, XmlNode **out);
 
 /* ===== Parsing and file functions ======================================= */
 /* (text or files to trees; the replaceable file functions) */
 
 /* ===== Printing ========================================================= */
 /* (trees back to XML text, as a string or a file) */
+
+/* Output format shared by the transforms. The text of a sub-tree is compact
+ * and line-oriented: no XML declaration, no indentation, nodes in document
+ * order, and a line feed after each start tag of an element with children,
+ * after each leaf element and after each end tag. Documents print as
+ * elements. Names print as prefix ":" name when the prefix is non-null.
+ *   - an element with children: "<name attrs>", its children, "</name>"; its
+ *     own value, if any, is not written;
+ *   - a leaf with a value (the empty string too): "<name attrs>value</name>";
+ *   - a leaf with a null value: "<name attrs/>".
+ * Attributes print as name="value" separated by single spaces; a null value
+ * gives name="". Values are escaped: " ' < > become &quot; &apos; &lt; &gt;,
+ * and an ampersand becomes &amp; unless a well-formed reference begins there
+ * (&lt; &gt; &amp; &apos; &quot;, "&#" decimal digits ";" or "&#x"
+ * hexadecimal digits ";" up to 0x10FFFF, digits optional), which is kept as
+ * it stands. All other bytes pass unchanged.
+ *
+ * The top node's parent, next and prev are cleared for the length of the call
+ * (the sub-tree is printed alone) and restored before it returns, on every
+ * path. The tree must not be used by another thread meanwhile. Deep trees
+ * and long attribute lists cost no stack.
+ *
+ * Results of every transform: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (top or
+ * out null, top an attribute record, or a node or attribute of the sub-tree
+ * with a null name: the partial text is discarded); KRV_XML_ERR_NO_MEMORY.
+ * On failure *out is not written and nothing stays allocated. */
+
+/* The whole text of top's sub-tree (top: an element or document). On success
+ * *out is the NUL-terminated text, from the heap, the caller's to release with
+ * KRV_XML_FreeMem. Example: config with the attribute version="2" and the
+ * leaf children port (value 8080) and item (no value) gives
+ *   <config version="2">\n<port>8080</port>\n<item/>\n</config>\n */
+KRV_XML_API uint32_t KRV_XML_Transform(XmlNode *top, char **out);
+
+/* The head of a frame: as KRV_XML_Transform, except that no end tags of
+ * elements with children are written, and a leaf with a null value and no
+ * next sibling is left open ("<name attrs>"). The caller streams its own
+ * content after the head and closes it with KRV_XML_TransformTail.
+ *
+ * Head and tail together frame a well-formed document exactly when top has
+ * children, every element with children lies on the chain of last children
+ * from top, and the last element of that chain has a null value; its content
+ * then goes between the two. When that last element has a value, the head
+ * writes it whole ("<name>value</name>") and the tail still writes its end
+ * tag, so the pair holds one end tag too many.
+ * On success *out is the text (release with KRV_XML_FreeMem). Results above. */
+KRV_XML_API uint32_t KRV_XML_TransformHead(XmlNode *top, char **out);
+
+/* The tail of a frame: the end tags of the last leaf of the chain of last
+ * children from top and of all its ancestors below and including top, one
+ * per line, innermost first. When top has no children nothing is written:
+ * the result is KRV_XML_OK and *out is set to null. Otherwise *out is the
+ * text (release with KRV_XML_FreeMem). Results above. */
+KRV_XML_API uint32_t KRV_XML_TransformTail(XmlNode *top, char **out);
+
+/* Writes the whole text of top's sub-tree (as KRV_XML_Transform) to the file
+ * at path, without a NUL. The text is built in memory first; only then is the
+ * file opened with the runtime's fopen in mode "w+" (created or truncated)
+ * and written with a single fwrite. A failure while building the text never
+ * creates or touches the file. The file functions registered for parsing are
+ * not used. The result of closing the file is not looked at.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (top or path null, top an
+ * attribute record, a null name in the sub-tree); KRV_XML_ERR_NO_MEMORY;
+ * KRV_XML_ERR_FILE_OPEN (file not opened); KRV_XML_ERR_FILE_WRITE (the
+ * write or its flush did not complete, as on a full disk; the file keeps
+ * what was written). */
+KRV_XML_API uint32_t KRV_XML_TransformFile(XmlNode *top, const char *path);
 
 /* ===== Library services ================================================= */
 

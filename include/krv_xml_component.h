@@ -92,6 +92,61 @@ KRV_XML_API uint32_t XML_AddAttrNode(XmlNode *attr, XmlNode *element);
 /* ===== Growable output buffer =========================================== */
 /* (the serializer's NUL-terminated heap buffer) */
 
+/* A growable, NUL-terminated byte buffer whose storage (capacity + 1 bytes)
+ * comes from the heap. The record belongs to its user; only `data` is
+ * allocated. Empty state: data null, length 0, capacity 0, growStep 1024.
+ * While data is non-null, length <= capacity and data[length] is 0.
+ *
+ * Capacity rule, for a wanted length W: growing (W >= length) keeps the
+ * storage while capacity >= W, else the capacity becomes
+ * capacity + max(W - length, growStep); shrinking (W < length) keeps the
+ * storage while capacity - W <= growStep, else the capacity becomes
+ * W + growStep. Growth is additive, not doubling: the first byte appended to
+ * an empty buffer gives capacity 1024, length 1025 gives 2048. When the heap
+ * refuses the new size, one more attempt is made with exactly W; when that
+ * fails too the result is KRV_XML_ERR_NO_MEMORY and the buffer is unchanged.
+ * A source may lie inside the buffer's own storage. */
+typedef struct XmlMemBuf {
+    char *data;        /* storage, capacity + 1 bytes; null when none   */
+    uint32_t length;   /* bytes in use, without the terminating NUL       */
+    uint32_t capacity; /* usable bytes, without the byte for the NUL      */
+    uint32_t growStep; /* least growth, 1024                              */
+} XmlMemBuf;
+
+/* Puts the buffer into the empty state without taking storage. Null: nothing. */
+KRV_XML_API void XML_MembufInit(XmlMemBuf *buf);
+
+/* Releases the storage and puts the buffer into the empty state; the record
+ * itself is not freed. Null: nothing. */
+KRV_XML_API void XML_MembufDestroy(XmlMemBuf *buf);
+
+/* Replaces the content with `count` bytes of src, NULs included. A null src
+ * releases the storage (empty state). Zero bytes into a buffer without
+ * storage take one byte of storage, so that data reads as "".
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (buf null);
+ * KRV_XML_ERR_NO_MEMORY (buffer unchanged). */
+KRV_XML_API uint32_t XML_MemBufAssign(XmlMemBuf *buf, const char *src, uint32_t count);
+
+/* As XML_MemBufAssign with the bytes of str without its NUL; null str
+ * releases the storage. Results as XML_MemBufAssign. */
+KRV_XML_API uint32_t XML_MemBufAssignStr(XmlMemBuf *buf, const char *str);
+
+/* Appends the one byte *ch, whatever its value. Null ch: nothing, KRV_XML_OK.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (buf null);
+ * KRV_XML_ERR_NO_MEMORY (buffer unchanged). */
+KRV_XML_API uint32_t XML_MemBufAppend(XmlMemBuf *buf, const char *ch);
+
+/* Inserts `count` bytes of src before the byte at `pos` (pos == length
+ * appends). Null src or count 0: nothing, KRV_XML_OK.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (buf null, or pos > length,
+ * checked before src); KRV_XML_ERR_NO_MEMORY (allocation failed, or the
+ * content would pass 2^32 - 1 bytes; buffer unchanged). */
+KRV_XML_API uint32_t XML_MemBufInsert(XmlMemBuf *buf, const char *src, uint32_t count, uint32_t pos);
+
+/* Appends str without its NUL. Null or "": nothing, KRV_XML_OK.
+ * Results as XML_MemBufInsert. */
+KRV_XML_API uint32_t XML_MemBufAppendStr(XmlMemBuf *buf, const char *str);
+
 #ifdef __cplusplus
 }
 #endif

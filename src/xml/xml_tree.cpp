@@ -17,6 +17,25 @@ bool sameText(const char *a, const char *b)
     return a == b || std::strcmp(a, b) == 0;
 }
 
+// An empty prefix counts as none, as every string argument does.
+const char *prefixOrNull(const char *prefix)
+{
+    return prefix != nullptr && prefix[0] == '\0' ? nullptr : prefix;
+}
+
+// True for a record that may head an attribute list or a child list.
+bool isElementShaped(const XmlNode *node)
+{
+    return node != nullptr && !xmlIsAttr(node);
+}
+
+void readAttr(const XmlNode *attr, const char **prefix, const char **name, const char **value)
+{
+    *prefix = attr->nsPrefix;
+    *name = attr->name;
+    *value = attr->value;
+}
+
 }  // namespace
 
 XmlNode *xmlGetAttr(XmlNode *element, const char *prefix, const char *name)
@@ -48,6 +67,148 @@ uint32_t XML_AddAttrNode(XmlNode *attr, XmlNode *element)
         last->next = attr;
     }
     attr->parent = element;
+    return KRV_XML_OK;
+}
+
+// ===== Navigation ==========================================================
+//
+// Attribute records end after `next`: the getters below answer null for the
+// fields that an attribute lacks instead of reading past the record.
+
+XmlNode *KRV_XML_GetNodeParent(XmlNode *node)
+{
+    return node != nullptr ? node->parent : nullptr;
+}
+
+XmlNode *KRV_XML_GetNodeFirstChild(XmlNode *node)
+{
+    return isElementShaped(node) ? node->firstChild : nullptr;
+}
+
+XmlNode *KRV_XML_GetNodeLastChild(XmlNode *node)
+{
+    return isElementShaped(node) ? node->lastChild : nullptr;
+}
+
+XmlNode *KRV_XML_GetNodeNextSibling(XmlNode *node)
+{
+    return node != nullptr ? node->next : nullptr;
+}
+
+XmlNode *KRV_XML_GetNodePrevSibling(XmlNode *node)
+{
+    return isElementShaped(node) ? node->prev : nullptr;
+}
+
+uint32_t KRV_XML_GetNodeChildNum(XmlNode *node, uint32_t *count)
+{
+    if (!isElementShaped(node) || count == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    uint32_t n = 0;
+    for (const XmlNode *c = node->firstChild; c != nullptr; c = c->next) {
+        ++n;
+    }
+    *count = n;
+    return KRV_XML_OK;
+}
+
+uint32_t KRV_XML_GetNodeValue(XmlNode *node, int32_t *kind, const char **prefix, const char **name,
+                              const char **value)
+{
+    // Only fields common to all shapes are read, so attributes are welcome.
+    if (node == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    if (prefix != nullptr) {
+        *prefix = node->nsPrefix;
+    }
+    if (name != nullptr) {
+        *name = node->name;
+    }
+    if (value != nullptr) {
+        *value = node->value;
+    }
+    if (kind != nullptr) {
+        *kind = node->kind;
+    }
+    return KRV_XML_OK;
+}
+
+// ===== Attribute reading ===================================================
+
+uint32_t KRV_XML_GetAttr(XmlNode *element, const char *prefix, const char *name,
+                         const char **value)
+{
+    if (!isElementShaped(element) || name == nullptr || value == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    const XmlNode *attr = xmlGetAttr(element, prefixOrNull(prefix), name);
+    if (attr == nullptr) {
+        return KRV_XML_ERR_NOT_FOUND;
+    }
+    *value = attr->value;
+    return KRV_XML_OK;
+}
+
+uint32_t KRV_XML_GetFirstAttrEx(XmlNode *element, const char **prefix, const char **name,
+                                const char **value, XmlNode **cursor)
+{
+    if (!isElementShaped(element) || prefix == nullptr || name == nullptr || value == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    XmlNode *attr = element->firstAttr;
+    if (attr == nullptr) {
+        return KRV_XML_ERR_NOT_FOUND;
+    }
+    readAttr(attr, prefix, name, value);
+    if (cursor != nullptr) {
+        *cursor = attr;
+    }
+    return KRV_XML_OK;
+}
+
+uint32_t KRV_XML_GetFirstAttr(XmlNode *element, const char **prefix, const char **name,
+                              const char **value)
+{
+    return KRV_XML_GetFirstAttrEx(element, prefix, name, value, nullptr);
+}
+
+uint32_t KRV_XML_GetNextSiblingAttr(XmlNode *element, const char *prefix, const char *name,
+                                    const char **outPrefix, const char **outName,
+                                    const char **outValue)
+{
+    if (!isElementShaped(element) || name == nullptr || outPrefix == nullptr ||
+        outName == nullptr || outValue == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    const XmlNode *current = xmlGetAttr(element, prefixOrNull(prefix), name);
+    if (current == nullptr || current->next == nullptr) {
+        return KRV_XML_ERR_NOT_FOUND;
+    }
+    readAttr(current->next, outPrefix, outName, outValue);
+    return KRV_XML_OK;
+}
+
+uint32_t KRV_XML_GetNextSiblingAttrEx(XmlNode *element, const char **prefix, const char **name,
+                                      const char **value, XmlNode **cursor)
+{
+    if (!isElementShaped(element) || prefix == nullptr || name == nullptr || value == nullptr ||
+        cursor == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    XmlNode *at = *cursor;
+    // A cursor is an attribute record; stepping from anything else would
+    // wander into a child list.
+    if (at != nullptr && !xmlIsAttr(at)) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    XmlNode *attr = at == nullptr ? element->firstAttr : at->next;
+    *cursor = attr;  // null at the end, so that the next call starts over
+    if (attr == nullptr) {
+        return KRV_XML_ERR_NOT_FOUND;
+    }
+    readAttr(attr, prefix, name, value);
     return KRV_XML_OK;
 }
 
@@ -86,9 +247,413 @@ void XML_InternName(XmlNode *document, XmlNode *node)
         } else if (std::strcmp(slot, name) != 0) {
             continue;
         }
-        XML_Free(node, node->name);
+        // The document is the root of node's tree and has no siblings, so
+        // its `mem` alone decides the release rule; no walk up is needed.
+        xmlReleaseTo(document->mem, node->name);
         node->name = slot;
         node->nameOwned = 0;
         return;
     }
+}
+
+// ===== Inserting nodes =====================================================
+//
+// A node joins a tree as it is: nothing is copied or allocated. The checks
+// keep every tree in one memory regime (a node's `mem` equals the `mem` of
+// the top record of the tree it joins) and keep session trees single-rooted,
+// so that the release rule, which decides by the top record, always agrees
+// with where each record came from.
+
+namespace {
+
+// The record reached from node by following `parent` (an attribute stepping
+// to its owner) to a record that is not an attribute and has no parent; null
+// when an ownerless attribute ends the walk. Unlike xmlFindRoot it also
+// answers for a top record that has siblings.
+XmlNode *topRecord(XmlNode *node)
+{
+    XmlNode *top = node;
+    while (top != nullptr && (xmlIsAttr(top) || top->parent != nullptr)) {
+        top = top->parent;
+    }
+    return top;
+}
+
+bool hasSibling(const XmlNode *node)
+{
+    return node->prev != nullptr || node->next != nullptr;
+}
+
+bool isDetached(const XmlNode *node)
+{
+    return node->parent == nullptr && node->prev == nullptr && node->next == nullptr;
+}
+
+bool isSessionDocument(const XmlNode *node)
+{
+    return node->ownsSession == 1 && node->mem != nullptr;
+}
+
+// The shared last step of every insertion: when the tree whose top record is
+// `top` is headed by a document without siblings, the inserted node's own
+// name moves into that document's name table. A top record with siblings
+// leaves the link in place and interns nothing.
+uint32_t finishInsert(XmlNode *top, XmlNode *node)
+{
+    if (!hasSibling(top) && top->ownsSession == 1 && node->nameOwned == 1) {
+        XML_InternName(top, node);
+    }
+    return KRV_XML_OK;
+}
+
+enum class ChildPlace { First, Last };
+enum class SiblingPlace { After, Before };
+
+uint32_t insertChild(XmlNode *parent, XmlNode *node, ChildPlace place)
+{
+    if (parent == nullptr || node == nullptr || xmlIsAttr(node) || isSessionDocument(node)) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    if ((parent->kind != kKindElement && parent->kind != kKindDocument) || !isDetached(node)) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    XmlNode *top = topRecord(parent);  // never null: parent is not an attribute
+    if (top == node || node->mem != top->mem) {
+        return KRV_XML_ERR_INVALID_PARAM;  // a cycle, or mixed memory regimes
+    }
+    node->parent = parent;
+    if (place == ChildPlace::First) {
+        node->next = parent->firstChild;
+        if (parent->firstChild != nullptr) {
+            parent->firstChild->prev = node;
+        } else {
+            parent->lastChild = node;
+        }
+        parent->firstChild = node;
+    } else {
+        node->prev = parent->lastChild;
+        if (parent->lastChild != nullptr) {
+            parent->lastChild->next = node;
+        } else {
+            parent->firstChild = node;
+        }
+        parent->lastChild = node;
+    }
+    return finishInsert(top, node);
+}
+
+uint32_t insertSibling(XmlNode *sibling, XmlNode *node, SiblingPlace place)
+{
+    if (sibling == node || sibling == nullptr || node == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    if (xmlIsAttr(sibling) || xmlIsAttr(node) || isSessionDocument(sibling) ||
+        node->ownsSession == 1 || !isDetached(node)) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    // A session tree keeps a single root: its top record never gets siblings.
+    if (sibling->parent == nullptr && sibling->mem != nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    XmlNode *top = topRecord(sibling);
+    if (top == node || node->mem != top->mem) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    XmlNode *parent = sibling->parent;
+    node->parent = parent;
+    if (place == SiblingPlace::After) {
+        node->prev = sibling;
+        node->next = sibling->next;
+        if (sibling->next != nullptr) {
+            sibling->next->prev = node;
+        }
+        sibling->next = node;
+        if (parent != nullptr && parent->lastChild == sibling) {
+            parent->lastChild = node;
+        }
+    } else {
+        node->next = sibling;
+        node->prev = sibling->prev;
+        if (sibling->prev != nullptr) {
+            sibling->prev->next = node;
+        }
+        sibling->prev = node;
+        if (parent != nullptr && parent->firstChild == sibling) {
+            parent->firstChild = node;
+        }
+    }
+    return finishInsert(top, node);
+}
+
+}  // namespace
+
+uint32_t KRV_XML_AddFirstChildNode(XmlNode *parent, XmlNode *node)
+{
+    return insertChild(parent, node, ChildPlace::First);
+}
+
+uint32_t KRV_XML_AppendChildNode(XmlNode *parent, XmlNode *node)
+{
+    return insertChild(parent, node, ChildPlace::Last);
+}
+
+uint32_t KRV_XML_AddNextSiblingNode(XmlNode *sibling, XmlNode *node)
+{
+    return insertSibling(sibling, node, SiblingPlace::After);
+}
+
+uint32_t KRV_XML_AddPrevSiblingNode(XmlNode *sibling, XmlNode *node)
+{
+    return insertSibling(sibling, node, SiblingPlace::Before);
+}
+
+// ===== Attribute editing ===================================================
+
+uint32_t KRV_XML_AddAttr(XmlNode *element, const char *prefix, const char *name,
+                         const char *value)
+{
+    if (!isElementShaped(element) || name == nullptr || name[0] == '\0') {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    XmlNode *root = xmlFindRoot(element);
+    if (root == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;  // the top record has siblings
+    }
+    prefix = prefixOrNull(prefix);
+    // The duplicate test comes before any allocation, so a refused duplicate
+    // costs nothing, not even session bytes; the same pass finds the tail.
+    XmlNode *last = nullptr;
+    for (XmlNode *a = element->firstAttr; a != nullptr; a = a->next) {
+        if (sameText(a->nsPrefix, prefix) && sameText(a->name, name)) {
+            return KRV_XML_ERR_ALREADY_EXISTS;
+        }
+        last = a;
+    }
+    XmlNode *attr = XML_NewNode(root->mem, KRV_XML_NODE_ATTRIBUTE);
+    if (attr == nullptr) {
+        return KRV_XML_ERR_NO_MEMORY;
+    }
+    uint32_t rc = XML_SetNode(root, attr, prefix, name, value);
+    if (rc != KRV_XML_OK) {
+        // Never linked: freed to the heap, or left to the root's session.
+        xmlReleaseTo(root->mem, attr);
+        return rc;
+    }
+    if (last == nullptr) {
+        element->firstAttr = attr;
+    } else {
+        last->next = attr;
+    }
+    attr->parent = element;
+    if (root->ownsSession == 1 && attr->nameOwned == 1) {
+        XML_InternName(root, attr);
+    }
+    return KRV_XML_OK;
+}
+
+uint32_t KRV_XML_SetAttr(XmlNode *element, const char *prefix, const char *name,
+                         const char *value)
+{
+    if (!isElementShaped(element) || name == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    XmlNode *attr = xmlGetAttr(element, prefixOrNull(prefix), name);
+    if (attr == nullptr) {
+        return KRV_XML_ERR_NOT_FOUND;
+    }
+    // Routing context: the root when the tree has one, else null (the heap),
+    // which is what the session-owned test gives for such a tree.
+    XmlNode *root = xmlFindRoot(element);
+    char *copy = nullptr;
+    if (value != nullptr && value[0] != '\0') {
+        copy = XML_Strdup(root, value);
+        if (copy == nullptr) {
+            return KRV_XML_ERR_NO_MEMORY;
+        }
+    }
+    if (attr->valueOwned == 1) {
+        XML_Free(root, attr->value);
+    }
+    attr->value = copy;
+    attr->valueOwned = copy != nullptr ? 1 : 0;
+    if (root != nullptr && root->ownsSession == 1 && attr->nameOwned == 1) {
+        XML_InternName(root, attr);
+    }
+    return KRV_XML_OK;
+}
+
+uint32_t KRV_XML_RemoveAttr(XmlNode *element, const char *prefix, const char *name)
+{
+    if (!isElementShaped(element) || name == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    prefix = prefixOrNull(prefix);
+    XmlNode *before = nullptr;
+    XmlNode *attr = element->firstAttr;
+    while (attr != nullptr && !(sameText(attr->nsPrefix, prefix) && sameText(attr->name, name))) {
+        before = attr;
+        attr = attr->next;
+    }
+    if (attr == nullptr) {
+        return KRV_XML_ERR_NOT_FOUND;
+    }
+    if (before == nullptr) {
+        element->firstAttr = attr->next;
+    } else {
+        before->next = attr->next;
+    }
+    attr->next = nullptr;
+    // `parent` still names the element, so the release follows its tree.
+    XML_FreeSingleNode(attr);
+    return KRV_XML_OK;
+}
+
+// ===== Cloning =============================================================
+//
+// A copy is made in the regime of its source's tree: in the session of the
+// tree's root, or on the heap. A document that owns a session is the one
+// exception: sharing its session would let the copy end it, so its copy
+// begins a session of its own. The root is found once per call, and every
+// string of the copy is routed by the top record of the copy, which is
+// detached, so routing costs no walk.
+
+namespace {
+
+struct CloneTarget {
+    XmlMemSession *session;  // where every record of the copy is carved; null: heap
+    XmlNode *top;            // the top record of the copy, once it exists
+};
+
+// Copies source's strings and attribute list into copy, appending attribute
+// copies through a running tail. On failure the attribute copies made so far
+// stay linked under copy, for the caller to release with it.
+uint32_t copyContent(const XmlNode *source, XmlNode *copy, const CloneTarget &target)
+{
+    uint32_t rc = XML_SetNode(target.top, copy, source->nsPrefix, source->name, source->value);
+    if (rc != KRV_XML_OK) {
+        return rc;
+    }
+    XmlNode **tail = &copy->firstAttr;
+    for (const XmlNode *a = source->firstAttr; a != nullptr; a = a->next) {
+        XmlNode *ac = XML_NewNode(target.session, KRV_XML_NODE_ATTRIBUTE);
+        if (ac == nullptr) {
+            return KRV_XML_ERR_NO_MEMORY;
+        }
+        ac->parent = copy;
+        *tail = ac;
+        tail = &ac->next;
+        rc = XML_SetNode(target.top, ac, a->nsPrefix, a->name, a->value);
+        if (rc != KRV_XML_OK) {
+            return rc;
+        }
+    }
+    return KRV_XML_OK;
+}
+
+// Makes the detached top record of a copy of source (with its attributes).
+uint32_t cloneTop(XmlNode *source, XmlNode **out)
+{
+    if (source == nullptr || out == nullptr || xmlIsAttr(source)) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    XmlNode *root = xmlFindRoot(source);
+    if (root == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    CloneTarget target{root->mem, nullptr};
+    bool ownSession = source->kind == kKindDocument && root->mem != nullptr;
+    if (ownSession) {
+        target.session = XML_MemSessionBegin(kSessionInitialSize);
+        if (target.session == nullptr) {
+            return KRV_XML_ERR_NO_MEMORY;
+        }
+    }
+    XmlNode *copy = XML_NewNode(target.session, source->kind);
+    if (copy == nullptr) {
+        if (ownSession) {
+            XML_MemSessionEnd(target.session);
+        }
+        return KRV_XML_ERR_NO_MEMORY;
+    }
+    target.top = copy;
+    uint32_t rc = copyContent(source, copy, target);
+    if (rc != KRV_XML_OK) {
+        // Heap: freed; shared session: left to it; own session: ended.
+        XML_FreeNode(copy);
+        return rc;
+    }
+    *out = copy;
+    return KRV_XML_OK;
+}
+
+// Copies the descendants of source under copy, which stands for source and is
+// the detached top of the copy. Pre-order walk over the links with no stack:
+// `dest` is always the copy of the current source node's parent, and each
+// copy is appended through dest's last child. On failure the copies made so
+// far stay linked under copy.
+uint32_t xmlClone(const XmlNode *source, XmlNode *copy)
+{
+    CloneTarget target{copy->mem, copy};
+    XmlNode *dest = copy;
+    const XmlNode *cur = source->firstChild;
+    while (cur != nullptr) {
+        // A document record inside a session tree would claim the session as
+        // its own; such a tree is not built by this library and is refused.
+        if (cur->kind == kKindDocument && target.session != nullptr) {
+            return KRV_XML_ERR_INVALID_PARAM;
+        }
+        XmlNode *c = XML_NewNode(target.session, cur->kind);
+        if (c == nullptr) {
+            return KRV_XML_ERR_NO_MEMORY;
+        }
+        c->parent = dest;
+        c->prev = dest->lastChild;
+        if (dest->lastChild != nullptr) {
+            dest->lastChild->next = c;
+        } else {
+            dest->firstChild = c;
+        }
+        dest->lastChild = c;
+        uint32_t rc = copyContent(cur, c, target);
+        if (rc != KRV_XML_OK) {
+            return rc;
+        }
+        if (cur->firstChild != nullptr) {
+            cur = cur->firstChild;
+            dest = c;
+            continue;
+        }
+        while (cur != source && cur->next == nullptr) {
+            cur = cur->parent;
+            dest = dest->parent;
+        }
+        cur = cur == source ? nullptr : cur->next;
+    }
+    return KRV_XML_OK;
+}
+
+}  // namespace
+
+uint32_t KRV_XML_CloneNodeSelf(XmlNode *source, XmlNode **out)
+{
+    return cloneTop(source, out);
+}
+
+uint32_t KRV_XML_CloneNode(XmlNode *source, XmlNode **out)
+{
+    if (out == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    XmlNode *copy = nullptr;
+    uint32_t rc = cloneTop(source, &copy);
+    if (rc != KRV_XML_OK) {
+        return rc;
+    }
+    rc = xmlClone(source, copy);
+    if (rc != KRV_XML_OK) {
+        XML_FreeNode(copy);
+        return rc;
+    }
+    *out = copy;
+    return KRV_XML_OK;
 }

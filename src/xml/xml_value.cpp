@@ -1,0 +1,440 @@
+// Typed values (booleans and 8-, 16- and 32-bit integers stored as text) and
+// path lookup.
+#include <cstring>
+
+#include "xml/xml_internal.h"
+
+// ===== Typed values ========================================================
+
+namespace {
+
+// What the reader and writer need to know of a type code.
+struct ValueType {
+    uint8_t width;    // bytes of the caller's variable
+    bool isSigned;
+    uint32_t maxPos;  // largest magnitude above zero
+    uint32_t maxNeg;  // largest magnitude below zero (0 for unsigned types)
+};
+
+constexpr ValueType kValueTypes[] = {
+    {4, false, 1, 0},                    // KRV_XML_VALUE_BOOL (read by its own rule)
+    {4, true, 2147483647u, 2147483648u}, // KRV_XML_VALUE_INT32
+    {4, false, 4294967295u, 0},          // KRV_XML_VALUE_UINT32
+    {2, true, 32767u, 32768u},           // KRV_XML_VALUE_INT16
+    {2, false, 65535u, 0},               // KRV_XML_VALUE_UINT16
+    {1, true, 127u, 128u},               // KRV_XML_VALUE_INT8
+    {1, false, 255u, 0},                 // KRV_XML_VALUE_UINT8
+};
+constexpr uint32_t kTypeCount = sizeof(kValueTypes) / sizeof(kValueTypes[0]);
+static_assert(kTypeCount == KRV_XML_VALUE_UINT8 + 1, "one entry per type code");
+
+// Room for the formatted text: at most 31 characters and the NUL.
+constexpr size_t kValueTextSize = 32;
+// Significant digits beyond this are refused before any range check.
+constexpr int kMaxSignificantDigits = 24;
+
+bool isDigit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+// The caller's variable, read or written at exactly its own width; the
+// pointer need not be aligned.
+template <class T>
+T readAs(const void *p)
+{
+    T v;
+    memcpy_s(&v, sizeof v, p, sizeof v);
+    return v;
+}
+
+template <class T>
+void writeAs(void *p, T v)
+{
+    memcpy_s(p, sizeof v, &v, sizeof v);
+}
+
+constexpr size_t kMaxValueChars = kValueTextSize - 1;
+
+bool formatSigned(int32_t v, char (&text)[kValueTextSize])
+{
+    return snprintf_s(text, sizeof text, kMaxValueChars, "%d", static_cast<int>(v)) > 0;
+}
+
+bool formatUnsigned(uint32_t v, char (&text)[kValueTextSize])
+{
+    return snprintf_s(text, sizeof text, kMaxValueChars, "%u", static_cast<unsigned>(v)) > 0;
+}
+
+// Formats the value at `value`, read at the type's width, into `text`.
+// Signed values are widened with their sign, unsigned ones with zeros.
+bool formatValue(uint32_t type, const void *value, char (&text)[kValueTextSize])
+{
+    switch (type) {
+    case KRV_XML_VALUE_BOOL:
+        return snprintf_s(text, sizeof text, kMaxValueChars, "%s",
+                          readAs<uint32_t>(value) != 0 ? "true" : "false") > 0;
+    case KRV_XML_VALUE_INT32:
+        return formatSigned(readAs<int32_t>(value), text);
+    case KRV_XML_VALUE_INT16:
+        return formatSigned(readAs<int16_t>(value), text);
+    case KRV_XML_VALUE_INT8:
+        return formatSigned(readAs<int8_t>(value), text);
+    case KRV_XML_VALUE_UINT32:
+        return formatUnsigned(readAs<uint32_t>(value), text);
+    case KRV_XML_VALUE_UINT16:
+        return formatUnsigned(readAs<uint16_t>(value), text);
+    case KRV_XML_VALUE_UINT8:
+        return formatUnsigned(readAs<uint8_t>(value), text);
+    default:
+        return false;
+    }
+}
+
+// Reads `text` as an integer of the type. The magnitude is accumulated in 64
+// bits and capped just above every bound, so that no number of digits can
+// wrap around into range.
+bool parseInteger(const ValueType &vt, const char *text, uint32_t *magnitude, bool *negative)
+{
+    const char *p = text;
+    bool neg = false;
+    if (vt.isSigned && (*p == '-' || *p == '+')) {
+        neg = *p == '-';
+        ++p;
+    }
+    if (!isDigit(*p)) {
+        return false;  // empty, a lone sign, or a sign where none is allowed
+    }
+    while (*p == '0') {
+        ++p;
+    }
+    constexpr uint64_t kCap = 0x100000000ull;  // above every bound
+    uint64_t value = 0;
+    int digits = 0;
+    for (; *p != '\0'; ++p) {
+        if (!isDigit(*p) || ++digits > kMaxSignificantDigits) {
+            return false;
+        }
+        if (value < kCap) {
+            value = value * 10 + static_cast<uint64_t>(*p - '0');
+        }
+    }
+    uint32_t limit = neg ? vt.maxNeg : vt.maxPos;
+    if (value > limit) {
+        return false;
+    }
+    *magnitude = static_cast<uint32_t>(value);
+    *negative = neg && value != 0;
+    return true;
+}
+
+// Stores a value that has passed the range check at exactly the type's width.
+void storeInteger(uint32_t type, uint32_t magnitude, bool negative, void *out)
+{
+    // Two's complement negation in 32 bits; narrowing keeps the low bytes.
+    uint32_t bits = negative ? 0u - magnitude : magnitude;
+    switch (kValueTypes[type].width) {
+    case 4:
+        writeAs(out, bits);
+        break;
+    case 2:
+        writeAs(out, static_cast<uint16_t>(bits));
+        break;
+    default:
+        writeAs(out, static_cast<uint8_t>(bits));
+        break;
+    }
+}
+
+// Writes a typed value as the node's value text.
+uint32_t xmlSetValueEx(XmlNode *node, uint32_t type, const void *value)
+{
+    if (node == nullptr || type >= kTypeCount || value == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    char text[kValueTextSize];
+    if (!formatValue(type, value, text)) {
+        return KRV_XML_ERR_INVALID_PARAM;  // not reachable for valid codes
+    }
+    if (node->valueOwned) {
+        XML_Free(node, node->value);
+    }
+    node->value = XML_Strdup(node, text);
+    if (node->value == nullptr) {
+        return KRV_XML_ERR_NO_MEMORY;
+    }
+    node->valueOwned = 1;
+    return KRV_XML_OK;
+}
+
+// Reads the node's value text as a typed value; `out` is written on success
+// only.
+uint32_t xmlGetValueEx(XmlNode *node, uint32_t type, void *out)
+{
+    if (node == nullptr || type >= kTypeCount || out == nullptr || node->value == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    const char *text = node->value;
+    if (type == KRV_XML_VALUE_BOOL) {
+        uint32_t v;
+        if (std::strcmp(text, "true") == 0 || std::strcmp(text, "1") == 0) {
+            v = 1;
+        } else if (std::strcmp(text, "false") == 0 || std::strcmp(text, "0") == 0) {
+            v = 0;
+        } else {
+            return KRV_XML_ERR_INVALID_PARAM;
+        }
+        writeAs(out, v);
+        return KRV_XML_OK;
+    }
+    uint32_t magnitude = 0;
+    bool negative = false;
+    if (!parseInteger(kValueTypes[type], text, &magnitude, &negative)) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    storeInteger(type, magnitude, negative, out);
+    return KRV_XML_OK;
+}
+
+// Drops a new attribute record that was never linked. Its record, prefix and
+// name were routed by the root, so they go by the release rule with the root
+// as context; a value text made while the record stood alone is always a
+// heap copy (`valueOnHeap`) and is freed in either regime.
+void dropNewAttr(XmlNode *root, XmlNode *attr, bool valueOnHeap)
+{
+    if (valueOnHeap && attr->valueOwned) {
+        krvHeapFree(attr->value);
+        attr->value = nullptr;
+        attr->valueOwned = 0;
+    }
+    XmlMemSession *session = xmlSessionOf(root);
+    if (session == nullptr) {
+        XML_FreeSingleNode(attr);  // ownerless: routed to the heap, as the root is
+    }
+}
+
+// Makes the attribute prefix:name with a typed value and appends it to the
+// element. The value text is written while the record still stands alone,
+// which puts it on the heap; in a session tree it is then copied into the
+// session before the record is linked, so that nothing of the document stays
+// on the heap once the session ends.
+uint32_t addTypedAttr(XmlNode *element, const char *prefix, const char *name, uint32_t type,
+                      const void *value)
+{
+    XmlNode *root = xmlFindRoot(element);
+    if (root == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    XmlNode *attr = XML_NewNode(root->mem, KRV_XML_NODE_ATTRIBUTE);
+    if (attr == nullptr) {
+        return KRV_XML_ERR_NO_MEMORY;
+    }
+    if (XML_SetNode(root, attr, prefix, name, nullptr) != KRV_XML_OK) {
+        dropNewAttr(root, attr, false);
+        return KRV_XML_ERR_NO_MEMORY;
+    }
+    uint32_t rc = xmlSetValueEx(attr, type, value);
+    if (rc != KRV_XML_OK) {
+        dropNewAttr(root, attr, true);
+        return rc;
+    }
+    if (xmlSessionOf(root) != nullptr) {
+        char *inSession = XML_Strdup(root, attr->value);
+        if (inSession == nullptr) {
+            dropNewAttr(root, attr, true);
+            return KRV_XML_ERR_NO_MEMORY;
+        }
+        krvHeapFree(attr->value);
+        attr->value = inSession;
+    }
+    // Searches again with the prefix and name as stored (an empty prefix is
+    // none now) and appends when there is no such attribute yet.
+    rc = XML_AddAttrNode(attr, element);
+    if (rc != KRV_XML_OK) {
+        dropNewAttr(root, attr, false);  // the value already follows the root
+        return rc;
+    }
+    if (root->ownsSession == 1 && attr->nameOwned == 1) {
+        XML_InternName(root, attr);
+    }
+    return KRV_XML_OK;
+}
+
+}  // namespace
+
+uint32_t KRV_XML_SetNodeValueEx(XmlNode *node, uint32_t type, const void *value)
+{
+    return xmlSetValueEx(node, type, value);
+}
+
+uint32_t KRV_XML_GetNodeValueEx(XmlNode *node, uint32_t type, void *out)
+{
+    return xmlGetValueEx(node, type, out);
+}
+
+uint32_t KRV_XML_SetAttrValueEx(XmlNode *element, const char *prefix, const char *name,
+                                uint32_t type, const void *value)
+{
+    // An attribute record has no `firstAttr`: it is refused before the lookup.
+    if (element == nullptr || name == nullptr || name[0] == '\0' || value == nullptr ||
+        type >= kTypeCount || xmlIsAttr(element)) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    XmlNode *attr = xmlGetAttr(element, prefix, name);
+    if (attr != nullptr) {
+        return xmlSetValueEx(attr, type, value);
+    }
+    return addTypedAttr(element, prefix, name, type, value);
+}
+
+uint32_t KRV_XML_GetAttrValueEx(XmlNode *element, const char *prefix, const char *name,
+                                uint32_t type, void *out)
+{
+    if (element == nullptr || name == nullptr || out == nullptr || xmlIsAttr(element)) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    // A missing attribute is reported before the type code is looked at.
+    XmlNode *attr = xmlGetAttr(element, prefix, name);
+    if (attr == nullptr) {
+        return KRV_XML_ERR_NOT_FOUND;
+    }
+    return xmlGetValueEx(attr, type, out);
+}
+
+// ===== Path lookup =========================================================
+
+namespace {
+
+// The path is cut up in a local copy of this size, NUL included.
+constexpr size_t kPathArea = 512;
+// Index segments longer than this are not read as numbers.
+constexpr size_t kMaxIndexDigits = 9;
+
+// KRV_XML_OK when the node answers the segment. A segment with a colon names
+// prefix:name of a prefixed node; otherwise, and for a node without prefix,
+// the node's local name must equal the whole segment.
+uint32_t xmlCmpNode(const XmlNode *node, const char *segment)
+{
+    if (node == nullptr || segment == nullptr || node->name == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    if (node->nsPrefix != nullptr && std::strchr(segment, ':') != nullptr) {
+        size_t plen = std::strlen(node->nsPrefix);
+        bool match = std::strncmp(segment, node->nsPrefix, plen) == 0 && segment[plen] == ':' &&
+                     std::strcmp(segment + plen + 1, node->name) == 0;
+        return match ? KRV_XML_OK : KRV_XML_ERR_INVALID_PARAM;
+    }
+    return std::strcmp(node->name, segment) == 0 ? KRV_XML_OK : KRV_XML_ERR_INVALID_PARAM;
+}
+
+// Cuts the next segment out of the local path copy at *pos: skips dots,
+// resolves "\." to "." in place and terminates the segment. Returns null when
+// only dots are left.
+char *nextSegment(char *path, size_t *pos)
+{
+    size_t r = *pos;
+    while (path[r] == '.') {
+        ++r;
+    }
+    if (path[r] == '\0') {
+        *pos = r;
+        return nullptr;
+    }
+    char *segment = path + r;
+    size_t w = r;
+    while (path[r] != '\0' && path[r] != '.') {
+        if (path[r] == '\\' && path[r + 1] == '.') {
+            ++r;  // the backslash goes, the dot stays in the segment
+        }
+        path[w++] = path[r++];
+    }
+    // The writer never passes the reader, so the terminator lands on the
+    // separating dot or before it, and the rest of the path is untouched.
+    *pos = path[r] == '.' ? r + 1 : r;
+    path[w] = '\0';
+    return segment;
+}
+
+bool isIndex(const char *segment)
+{
+    for (const char *p = segment; *p != '\0'; ++p) {
+        if (!isDigit(*p)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+XmlNode *firstMatch(XmlNode *from, const char *segment)
+{
+    for (XmlNode *n = from; n != nullptr; n = n->next) {
+        if (xmlCmpNode(n, segment) == KRV_XML_OK) {
+            return n;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+uint32_t KRV_XML_GetNodeByUrl(XmlNode *start, const char *url, XmlNode **out)
+{
+    if (start == nullptr || url == nullptr || out == nullptr || url[0] == '\0' ||
+        xmlIsAttr(start)) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    // Measured without reading past the longest path accepted and its NUL.
+    size_t length = 0;
+    while (length < kPathArea && url[length] != '\0') {
+        ++length;
+    }
+    if (length >= kPathArea) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    char path[kPathArea];
+    memcpy_s(path, sizeof path, url, length + 1);
+
+    size_t pos = 0;
+    char *segment = nextSegment(path, &pos);
+    if (segment == nullptr || xmlCmpNode(start, segment) != KRV_XML_OK) {
+        return KRV_XML_ERR_NOT_FOUND;
+    }
+    XmlNode *current = start;
+    const char *lastName = nullptr;  // the name segment an index counts by
+    bool afterName = false;          // the first segment does not count
+    while ((segment = nextSegment(path, &pos)) != nullptr) {
+        if (!isIndex(segment)) {
+            current = firstMatch(current->firstChild, segment);
+            if (current == nullptr) {
+                return KRV_XML_ERR_NOT_FOUND;
+            }
+            lastName = segment;
+            afterName = true;
+            continue;
+        }
+        if (!afterName) {
+            return KRV_XML_ERR_URL_NOT_FOUND;
+        }
+        afterName = false;
+        size_t digits = std::strlen(segment);
+        if (digits > kMaxIndexDigits) {
+            return KRV_XML_ERR_NOT_FOUND;
+        }
+        long n = 0;
+        for (const char *p = segment; *p != '\0'; ++p) {
+            n = n * 10 + (*p - '0');
+        }
+        if (n == 0) {
+            return KRV_XML_ERR_URL_NOT_FOUND;
+        }
+        // The current node is the first child of that name; step to the n-th.
+        for (; n > 1; --n) {
+            current = firstMatch(current->next, lastName);
+            if (current == nullptr) {
+                return KRV_XML_ERR_NOT_FOUND;
+            }
+        }
+    }
+    *out = current;
+    return KRV_XML_OK;
+}
