@@ -48,7 +48,7 @@ struct Options {
     std::vector<std::string> only;
     double budget = 1.5;      // seconds of repetitions per cell
     double timeout = 120.0;   // limit per cell for ordinary files
-    double hostileTimeout = 30.0;
+    double hostileTimeout = 20.0;
 };
 
 struct File {
