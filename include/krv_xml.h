@@ -184,9 +184,10 @@ KRV_XML_API void KRV_XML_FreeMem(void *ptr);
  * with KRV_XML_ERR_INVALID_PARAM.
  *
  * Attributes are identified by prefix and name together, compared byte for
- * byte: a null (or "") prefix finds only an attribute without prefix, so the
- * attributes written a:x, b:x and x are three different ones. A prefix and
- * name handed out by these functions may be passed straight back. */
+ * byte: a null prefix finds only an attribute without prefix, and a "" prefix
+ * finds none (no attribute has an empty prefix), so the attributes written
+ * a:x, b:x and x are three different ones. A prefix and name handed out by
+ * these functions may be passed straight back. */
 
 /* The parent of node; for an attribute, the element that owns it. Null for a
  * null node or a root. */
@@ -221,7 +222,7 @@ KRV_XML_API uint32_t KRV_XML_GetNodeValue(XmlNode *node, int32_t *kind, const ch
                                           const char **name, const char **value);
 
 /* Writes to *value the value of the element's attribute prefix:name (null
- * when the attribute has no value). prefix may be null or "" (no prefix).
+ * when the attribute has no value). prefix may be null (no prefix).
  * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (element, name or value null,
  * or element an attribute); KRV_XML_ERR_NOT_FOUND (no such attribute). */
 KRV_XML_API uint32_t KRV_XML_GetAttr(XmlNode *element, const char *prefix, const char *name,
@@ -242,7 +243,7 @@ KRV_XML_API uint32_t KRV_XML_GetFirstAttrEx(XmlNode *element, const char **prefi
                                             const char **name, const char **value,
                                             XmlNode **cursor);
 
-/* Finds the element's attribute prefix:name (prefix null or "": none) and
+/* Finds the element's attribute prefix:name (prefix null: none) and
  * writes the prefix, name and value of the attribute after it. Each call
  * searches from the start of the list, so a walk over n attributes this way
  * costs n*n; prefer KRV_XML_GetNextSiblingAttrEx for long lists.
@@ -257,11 +258,12 @@ KRV_XML_API uint32_t KRV_XML_GetNextSiblingAttr(XmlNode *element, const char *pr
  * first attribute, otherwise to the attribute after *cursor. The new position
  * is stored in *cursor, null after the last attribute, so that a call after
  * KRV_XML_ERR_NOT_FOUND starts over. The prefix, name and value of the new
- * position are written on success. The cursor must be an attribute record of
- * this element (from this function or KRV_XML_GetFirstAttrEx) or null;
- * membership in the element is not checked.
- * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (any argument null, element
- * an attribute, or *cursor not an attribute record; nothing written);
+ * position are written on success. The cursor should be an attribute record
+ * of this element (from this function or KRV_XML_GetFirstAttrEx) or null;
+ * neither its kind nor its membership is checked: the step always follows
+ * the cursor's own `next`.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (any argument null, or
+ * element an attribute; nothing written);
  * KRV_XML_ERR_NOT_FOUND (no further attribute; *cursor set to null). */
 KRV_XML_API uint32_t KRV_XML_GetNextSiblingAttrEx(XmlNode *element, const char **prefix,
                                                   const char **name, const char **value,
@@ -336,10 +338,12 @@ KRV_XML_API uint32_t KRV_XML_AddPrevSiblingNode(XmlNode *sibling, XmlNode *node)
  * value) to the element's attribute list.
  * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (element null or an
  * attribute, name null or "", or the top record of the element's tree has
- * siblings); KRV_XML_ERR_ALREADY_EXISTS (the element has an attribute with
- * this prefix and name; checked before anything is allocated);
- * KRV_XML_ERR_NO_MEMORY. On every failure the list is unchanged and nothing
- * is left allocated. */
+ * siblings); KRV_XML_ERR_NO_MEMORY; KRV_XML_ERR_ALREADY_EXISTS (the element
+ * has an attribute with this prefix and name; checked after the new record
+ * and its strings are made, so an allocation failure is reported first).
+ * On every failure the list is unchanged; in a heap tree nothing is left
+ * allocated, in a session tree the refused record stays in the session until
+ * it ends. */
 KRV_XML_API uint32_t KRV_XML_AddAttr(XmlNode *element, const char *prefix, const char *name,
                                      const char *value);
 
@@ -443,7 +447,10 @@ KRV_XML_API uint32_t KRV_XML_GetNodeValueEx(XmlNode *node, uint32_t type, void *
  * attribute was missing under the given prefix but the new record, whose
  * empty prefix counts as none, equals an existing one; nothing changed);
  * KRV_XML_ERR_NO_MEMORY (a new attribute is not added; an existing one has a
- * null value afterwards). */
+ * null value afterwards). A new attribute's record and strings are made
+ * before the type code is read and before the duplicate test, so an
+ * allocation failure is reported first; in a session tree a refused record
+ * stays in the session until it ends. */
 KRV_XML_API uint32_t KRV_XML_SetAttrValueEx(XmlNode *element, const char *prefix, const char *name,
                                             uint32_t type, const void *value);
 
@@ -484,6 +491,114 @@ KRV_XML_API uint32_t KRV_XML_GetNodeByUrl(XmlNode *start, const char *url, XmlNo
 
 /* ===== Parsing and file functions ======================================= */
 /* (text or files to trees; the replaceable file functions) */
+
+/* The replaceable file functions, with the parameter lists and meanings of
+ * the C runtime's fopen, fseek, fclose, fread and ftell. */
+typedef FILE *(*KrvXmlFopenFn)(const char *path, const char *mode);
+typedef int (*KrvXmlFseekFn)(FILE *file, long offset, int origin);
+typedef int (*KrvXmlFcloseFn)(FILE *file);
+typedef size_t (*KrvXmlFreadFn)(void *buffer, size_t size, size_t count, FILE *file);
+typedef long (*KrvXmlFtellFn)(FILE *file);
+
+/* Accepted text, read as bytes: an optional XML declaration ("<?xml " exactly,
+ * case-sensitive; any other "<?...?>" is an instruction), comments,
+ * processing instructions and one "<!DOCTYPE ...>" before the root, all
+ * stepped over; elements with attributes; text only directly after a start
+ * tag and only in elements without child elements (mixed content is
+ * refused); CDATA sections; the entities &amp; &lt; &gt; &apos; &quot;;
+ * character references "&#65;" and "&#x41;" (lower-case x) to characters
+ * allowed in XML, written out in UTF-8. Leading SPACE bytes of a text are
+ * kept, leading TAB, LF and CR are not; trailing white space is kept. A
+ * name "p:x" gets nsPrefix "p" and name "x". The text ends at its first NUL.
+ * Refused: unterminated comments, instructions, declarations and CDATA
+ * sections anywhere (also after the root), "<!-->", a text that ends while
+ * an element is open, an attribute repeated with the same prefix and name,
+ * any single name, value or text of 2^31 bytes or more.
+ *
+ * Several top-level elements: the heap entry points (KRV_XML_Parse,
+ * KRV_XML_ParseFile) accept them; the document record is the first and the
+ * others follow it through `next`, with a null `parent`, and KRV_XML_FreeNode
+ * on the document releases them all. The session entry points
+ * (KRV_XML_ParseEx, KRV_XML_ParseFileEx) refuse a second top-level element
+ * with KRV_XML_ERR_SYNTAX.
+ *
+ * No stack is used in proportion to nesting depth or attribute count. */
+
+/* Parses a NUL-terminated text into a heap document: every record and string
+ * is a heap block of its own. text is only read and may be released as soon
+ * as the call returns. On success *out is the document record (it is the
+ * root element); the caller releases it with KRV_XML_FreeNode.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (text or out null, or text
+ * empty; *out untouched); KRV_XML_ERR_NO_MEMORY (the parser state or the
+ * document record could not be allocated); KRV_XML_ERR_SYNTAX (the text is
+ * not accepted, or any later allocation failed). After the argument checks
+ * *out is set to null, so it is null on every failure but the first. */
+KRV_XML_API uint32_t KRV_XML_Parse(const char *text, XmlNode **out);
+
+/* As KRV_XML_Parse, but the document lives in a new memory session begun
+ * with 8192 bytes: every record and string is carved from it, and
+ * KRV_XML_FreeNode on the document ends it. A second top-level element is
+ * refused (KRV_XML_ERR_SYNTAX). Results as KRV_XML_Parse;
+ * KRV_XML_ERR_NO_MEMORY also when the session cannot be begun. */
+KRV_XML_API uint32_t KRV_XML_ParseEx(const char *text, XmlNode **out);
+
+/* Loads the file at path whole through the registered file functions (open
+ * with mode "rb", seek to the end, tell, seek to the start, one read, close)
+ * and parses it as KRV_XML_Parse does. The buffer is released before the
+ * call returns. On failure *out keeps whatever the caller put there.
+ * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (path or out null);
+ * KRV_XML_ERR_FILE_OPEN (open failed); KRV_XML_ERR_FILE_READ (the size query
+ * answered negative or 4 GiB or more, the seek back failed or the read was
+ * short; no buffer is made for a refused size); KRV_XML_ERR_SYNTAX (empty
+ * file, or the text is not accepted); KRV_XML_ERR_NO_MEMORY. */
+KRV_XML_API uint32_t KRV_XML_ParseFile(const char *path, XmlNode **out);
+
+/* As KRV_XML_ParseFile, into a new 8192-byte memory session as
+ * KRV_XML_ParseEx. *out is set to null once the arguments passed their
+ * checks. Results as KRV_XML_ParseFile. */
+KRV_XML_API uint32_t KRV_XML_ParseFileEx(const char *path, XmlNode **out);
+
+/* Replaces the five file functions used by every later file parse in the
+ * process. Not synchronised: register before any thread parses a file.
+ * KRV_XML_RegFileFunc(fopen, fseek, fclose, fread, ftell) restores the
+ * defaults. Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (any argument
+ * null; the registered functions are kept). */
+KRV_XML_API uint32_t KRV_XML_RegFileFunc(KrvXmlFopenFn openFn, KrvXmlFseekFn seekFn,
+                                         KrvXmlFcloseFn closeFn, KrvXmlFreadFn readFn,
+                                         KrvXmlFtellFn tellFn);
+
+/* Flag for the reporting parse functions: build the document in a memory
+ * session (as KRV_XML_ParseEx). Without it the document is a heap document. */
+#define KRV_XML_PARSE_SESSION 0x1u
+
+/* Where and why a parse stopped, filled by the reporting parse functions. */
+typedef struct KrvXmlParseInfo {
+    uint32_t result;     /* the result code the call returned                  */
+    uint64_t offset;     /* byte offset in the text where the parse stopped;
+                            the length parsed on success; 0 when the failure
+                            has no place in the text (arguments, memory for the
+                            parser state, loading a file)                     */
+    uint32_t line;       /* 1-based line of offset (lines end at LF); 0 when
+                            the failure has no place in the text              */
+    uint32_t column;     /* 1-based column of offset, counted in bytes; 0 as
+                            for line                                          */
+    const char *reason;  /* short constant text, "ok" on success; static, never
+                            released                                          */
+} KrvXmlParseInfo;
+
+/* Parses text exactly as KRV_XML_Parse (flags 0) or KRV_XML_ParseEx (flags
+ * KRV_XML_PARSE_SESSION): same results, *out and memory behaviour. When info
+ * is non-null it receives the result, stopping offset, line, column and a
+ * reason on every return, failures included. Other flag bits give
+ * KRV_XML_ERR_INVALID_PARAM with *out untouched. */
+KRV_XML_API uint32_t KRV_XML_ParseWithInfo(const char *text, uint32_t flags, XmlNode **out,
+                                           KrvXmlParseInfo *info);
+
+/* As KRV_XML_ParseFile (flags 0: *out untouched on failure) or
+ * KRV_XML_ParseFileEx (KRV_XML_PARSE_SESSION), reporting into info (may be
+ * null) as KRV_XML_ParseWithInfo. Offsets count bytes of the file. */
+KRV_XML_API uint32_t KRV_XML_ParseFileWithInfo(const char *path, uint32_t flags, XmlNode **out,
+                                               KrvXmlParseInfo *info);
 
 /* ===== Printing ========================================================= */
 /* (trees back to XML text, as a string or a file) */

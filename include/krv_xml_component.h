@@ -89,6 +89,15 @@ KRV_XML_API uint32_t XML_AddAttrNode(XmlNode *attr, XmlNode *element);
 /* ===== File forwarders ================================================== */
 /* (the registered file functions, called through the library) */
 
+/* Each calls the function registered with KRV_XML_RegFileFunc (initially the
+ * C runtime's fopen, fseek, fclose, fread, ftell) with its arguments
+ * unchanged and returns its result. */
+KRV_XML_API FILE *XML_Fopen(const char *path, const char *mode);
+KRV_XML_API int XML_Fseek(FILE *file, long offset, int origin);
+KRV_XML_API int XML_Fclose(FILE *file);
+KRV_XML_API size_t XML_Fread(void *buffer, size_t size, size_t count, FILE *file);
+KRV_XML_API long XML_Ftell(FILE *file);
+
 /* ===== Growable output buffer =========================================== */
 /* (the serializer's NUL-terminated heap buffer) */
 

@@ -20,5 +20,18 @@ int main(void)
         return 3;
     }
     KRV_XML_FreeNode(node);
+    {
+        KrvXmlParseInfo info;
+        XmlNode *doc = NULL;
+        if (KRV_XML_ParseWithInfo("<r>\n<a>x</b></r>", KRV_XML_PARSE_SESSION, &doc, &info) !=
+                KRV_XML_ERR_SYNTAX ||
+            doc != NULL || info.line != 2 || info.column != 7 || info.reason == NULL) {
+            return 4;
+        }
+        if (KRV_XML_Parse("<r a='1'>t</r>", &doc) != KRV_XML_OK || strcmp(doc->value, "t") != 0) {
+            return 5;
+        }
+        KRV_XML_FreeNode(doc);
+    }
     return 0;
 }

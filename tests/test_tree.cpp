@@ -491,7 +491,7 @@ TEST(Attributes, PrefixAndNameTogetherIdentifyAnAttribute)
             const char *value;
         };
         const Lookup lookups[] = {
-            {nullptr, "x", KRV_XML_OK, "plain"}, {"", "x", KRV_XML_OK, "plain"},
+            {nullptr, "x", KRV_XML_OK, "plain"}, {"", "x", KRV_XML_ERR_NOT_FOUND, "?"},
             {"a", "x", KRV_XML_OK, "in a"},      {"b", "x", KRV_XML_OK, nullptr},
             {"c", "x", KRV_XML_ERR_NOT_FOUND, "?"}, {"a", "X", KRV_XML_ERR_NOT_FOUND, "?"},
             {"A", "x", KRV_XML_ERR_NOT_FOUND, "?"}, {nullptr, "y", KRV_XML_ERR_NOT_FOUND, "?"},
@@ -599,6 +599,8 @@ TEST(Attributes, BothWalksVisitEveryAttributeInOrder)
         byName += item(p, n, v);
     } while (KRV_XML_GetNextSiblingAttr(el, p, n, &p, &n, &v) == KRV_XML_OK);
     EXPECT_EQ(byName, expected);
+    EXPECT_EQ(KRV_XML_GetNextSiblingAttr(el, "", "b", &p, &n, &v), KRV_XML_ERR_NOT_FOUND)
+        << "an empty prefix is a prefix that no attribute has";
     EXPECT_EQ(KRV_XML_GetNextSiblingAttr(el, "q", "a", &p, &n, &v), KRV_XML_ERR_NOT_FOUND);
     EXPECT_EQ(KRV_XML_GetNextSiblingAttr(el, "z", "a", &p, &n, &v), KRV_XML_ERR_NOT_FOUND);
     EXPECT_STREQ(v, "3") << "nothing written on failure";
@@ -621,11 +623,18 @@ TEST(Attributes, BothWalksVisitEveryAttributeInOrder)
     ASSERT_EQ(KRV_XML_GetFirstAttrEx(el, &p, &n, &v, nullptr), KRV_XML_OK);
     EXPECT_STREQ(v, "1");
 
+    // The cursor is stepped along its own `next`, whatever record it is.
+    XmlNode *holder = element("holder");
+    XmlNode *follower = element("follower", nullptr, "fv");
+    ASSERT_EQ(KRV_XML_AppendChildNode(holder, bare), KRV_XML_OK);
+    ASSERT_EQ(KRV_XML_AppendChildNode(holder, follower), KRV_XML_OK);
+    cursor = bare;
+    ASSERT_EQ(KRV_XML_GetNextSiblingAttrEx(el, &p, &n, &v, &cursor), KRV_XML_OK);
+    EXPECT_EQ(cursor, follower);
+    EXPECT_STREQ(v, "fv");
+    EXPECT_EQ(KRV_XML_GetNextSiblingAttrEx(el, &p, &n, &v, &cursor), KRV_XML_ERR_NOT_FOUND);
+    EXPECT_EQ(cursor, nullptr);
     p = n = v = "?";
-    cursor = bare;  // not an attribute record
-    EXPECT_EQ(KRV_XML_GetNextSiblingAttrEx(el, &p, &n, &v, &cursor), KRV_XML_ERR_INVALID_PARAM);
-    EXPECT_EQ(cursor, bare);
-    cursor = nullptr;
     EXPECT_EQ(KRV_XML_GetFirstAttr(bare, &p, &n, &v), KRV_XML_ERR_NOT_FOUND);
     EXPECT_EQ(KRV_XML_GetFirstAttrEx(bare, &p, &n, &v, &cursor), KRV_XML_ERR_NOT_FOUND);
     EXPECT_EQ(KRV_XML_GetNextSiblingAttrEx(bare, &p, &n, &v, &cursor), KRV_XML_ERR_NOT_FOUND);
@@ -645,7 +654,7 @@ TEST(Attributes, BothWalksVisitEveryAttributeInOrder)
     EXPECT_STREQ(p, "?");
     EXPECT_EQ(cursor, nullptr);
     KRV_XML_FreeNode(el);
-    KRV_XML_FreeNode(bare);
+    KRV_XML_FreeNode(holder);
 }
 
 TEST(Attributes, AllocationFailuresChangeNothing)
@@ -679,6 +688,17 @@ TEST(Attributes, AllocationFailuresChangeNothing)
                 KRV_XML_FreeNode(el);
             });
         EXPECT_GE(setPoints, 1);
+
+        // A duplicate is found only once its copy is made: a failing
+        // allocation comes first and is what the caller hears about.
+        krvtest::LeakGuard guard;
+        XmlNode *el = setup();
+        krv_test::FailAllocationAt(1);
+        EXPECT_EQ(KRV_XML_AddAttr(el, nullptr, "keep", "dup"), KRV_XML_ERR_NO_MEMORY);
+        krv_test::FailAllocationAt(0);
+        EXPECT_EQ(KRV_XML_AddAttr(el, "", "keep", "dup"), KRV_XML_ERR_ALREADY_EXISTS);
+        EXPECT_EQ(attrList(el), "keep=old");
+        KRV_XML_FreeNode(el);
     }
 }
 

@@ -413,6 +413,51 @@ TEST(TypedValue, SettersSurviveEveryAllocationFailure)
     const int32_t room = static_cast<int32_t>((kAttrRecordSize + 7) & ~size_t{7}) + 8 + 8;
     EXPECT_EQ(krvtest::SweepAllocationFailures([&] { return sessionTree(room); }, attempt, check), 3);
 
+    // A new attribute is made and filled before the type code is read and
+    // before the duplicate test, so a failing allocation is heard first; the
+    // move of the value into the session comes only after the duplicate test.
+    struct Early {
+        const char *why;
+        bool session;
+        XmlNode *(*prepare)(Tree &);
+        const char *prefix;
+        uint32_t type;
+        long failAt;
+        uint32_t rc;
+    };
+    const int32_t nameOnly = static_cast<int32_t>((kAttrRecordSize + 7) & ~size_t{7}) + 8;
+    const Early early[] = {
+        {"bad type", false, nullptr, nullptr, kBadType, 1, KRV_XML_ERR_NO_MEMORY},
+        {"duplicate", false, [](Tree &t) { return addAttr(t.el, nullptr, "n", "old"); }, "", kI32, 1,
+         KRV_XML_ERR_NO_MEMORY},
+        {"duplicate", true, [](Tree &t) { return addAttr(t.el, nullptr, "n", "old"); }, "", kI32, 2,
+         KRV_XML_ERR_ALREADY_EXISTS},
+    };
+    for (const Early &e : early) {
+        SCOPED_TRACE(std::string(e.why) + (e.session ? ", session" : ", heap"));
+        krvtest::LeakGuard guard;
+        Tree t = heapTree();
+        if (e.session) {  // the same shape, in a session document
+            release(0, t);
+            XmlNode *doc = nullptr;
+            ASSERT_EQ(KRV_XML_CreateNodeEx(nullptr, KRV_XML_NODE_DOCUMENT, nullptr, "d", nullptr, &doc),
+                      KRV_XML_OK);
+            t = Tree{doc, appendChild(doc, newElement("e", nullptr, doc->mem))};
+        }
+        if (e.prepare != nullptr) {
+            e.prepare(t);
+        }
+        const std::vector<XmlNode *> before = attrsOf(t.el);
+        if (e.session) {  // room for the record and its name, not for the value
+            ASSERT_NE(XML_MemSpecialMalloc(t.root->mem, t.root->mem->freeBytes - nameOnly), nullptr);
+        }
+        krv_test::FailAllocationAt(e.failAt);
+        EXPECT_EQ(KRV_XML_SetAttrValueEx(t.el, e.prefix, "n", e.type, &v), e.rc);
+        krv_test::FailAllocationAt(0);
+        EXPECT_EQ(attrsOf(t.el), before);
+        release(0, t);
+    }
+
     // Changing an existing attribute: on failure it stays, without a value.
     points = krvtest::SweepAllocationFailures(
         [&] {

@@ -143,7 +143,7 @@ uint32_t KRV_XML_GetAttr(XmlNode *element, const char *prefix, const char *name,
     if (!isElementShaped(element) || name == nullptr || value == nullptr) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    const XmlNode *attr = xmlGetAttr(element, prefixOrNull(prefix), name);
+    const XmlNode *attr = xmlGetAttr(element, prefix, name);
     if (attr == nullptr) {
         return KRV_XML_ERR_NOT_FOUND;
     }
@@ -182,7 +182,7 @@ uint32_t KRV_XML_GetNextSiblingAttr(XmlNode *element, const char *prefix, const 
         outName == nullptr || outValue == nullptr) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    const XmlNode *current = xmlGetAttr(element, prefixOrNull(prefix), name);
+    const XmlNode *current = xmlGetAttr(element, prefix, name);
     if (current == nullptr || current->next == nullptr) {
         return KRV_XML_ERR_NOT_FOUND;
     }
@@ -197,12 +197,8 @@ uint32_t KRV_XML_GetNextSiblingAttrEx(XmlNode *element, const char **prefix, con
         cursor == nullptr) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
+    // The cursor is not checked: `next` exists in every record shape.
     XmlNode *at = *cursor;
-    // A cursor is an attribute record; stepping from anything else would
-    // wander into a child list.
-    if (at != nullptr && !xmlIsAttr(at)) {
-        return KRV_XML_ERR_INVALID_PARAM;
-    }
     XmlNode *attr = at == nullptr ? element->firstAttr : at->next;
     *cursor = attr;  // null at the end, so that the next call starts over
     if (attr == nullptr) {
@@ -419,16 +415,9 @@ uint32_t KRV_XML_AddAttr(XmlNode *element, const char *prefix, const char *name,
     if (root == nullptr) {
         return KRV_XML_ERR_INVALID_PARAM;  // the top record has siblings
     }
-    prefix = prefixOrNull(prefix);
-    // The duplicate test comes before any allocation, so a refused duplicate
-    // costs nothing, not even session bytes; the same pass finds the tail.
-    XmlNode *last = nullptr;
-    for (XmlNode *a = element->firstAttr; a != nullptr; a = a->next) {
-        if (sameText(a->nsPrefix, prefix) && sameText(a->name, name)) {
-            return KRV_XML_ERR_ALREADY_EXISTS;
-        }
-        last = a;
-    }
+    // The record and its strings are made first and the duplicate test runs
+    // on the copies, so an allocation failure is reported before a duplicate.
+    // In a session tree a refused record stays in the session until it ends.
     XmlNode *attr = XML_NewNode(root->mem, KRV_XML_NODE_ATTRIBUTE);
     if (attr == nullptr) {
         return KRV_XML_ERR_NO_MEMORY;
@@ -438,6 +427,19 @@ uint32_t KRV_XML_AddAttr(XmlNode *element, const char *prefix, const char *name,
         // Never linked: freed to the heap, or left to the root's session.
         xmlReleaseTo(root->mem, attr);
         return rc;
+    }
+    // One pass finds both a duplicate and the end of the list.
+    XmlNode *last = nullptr;
+    for (XmlNode *a = element->firstAttr; a != nullptr; a = a->next) {
+        if (sameText(a->nsPrefix, attr->nsPrefix) && sameText(a->name, attr->name)) {
+            // Never linked: freed with its strings in a heap tree, left to
+            // the session otherwise.
+            if (root->mem == nullptr) {
+                XML_FreeSingleNode(attr);
+            }
+            return KRV_XML_ERR_ALREADY_EXISTS;
+        }
+        last = a;
     }
     if (last == nullptr) {
         element->firstAttr = attr;

@@ -238,6 +238,12 @@ uint32_t addTypedAttr(XmlNode *element, const char *prefix, const char *name, ui
         dropNewAttr(root, attr, true);
         return rc;
     }
+    // Searches again with the prefix and name as stored (an empty prefix is
+    // none now).
+    if (xmlGetAttr(element, attr->nsPrefix, attr->name) != nullptr) {
+        dropNewAttr(root, attr, true);
+        return KRV_XML_ERR_ALREADY_EXISTS;
+    }
     if (xmlSessionOf(root) != nullptr) {
         char *inSession = XML_Strdup(root, attr->value);
         if (inSession == nullptr) {
@@ -247,9 +253,7 @@ uint32_t addTypedAttr(XmlNode *element, const char *prefix, const char *name, ui
         krvHeapFree(attr->value);
         attr->value = inSession;
     }
-    // Searches again with the prefix and name as stored (an empty prefix is
-    // none now) and appends when there is no such attribute yet.
-    rc = XML_AddAttrNode(attr, element);
+    rc = XML_AddAttrNode(attr, element);  // cannot fail now: no duplicate
     if (rc != KRV_XML_OK) {
         dropNewAttr(root, attr, false);  // the value already follows the root
         return rc;
@@ -276,8 +280,10 @@ uint32_t KRV_XML_SetAttrValueEx(XmlNode *element, const char *prefix, const char
                                 uint32_t type, const void *value)
 {
     // An attribute record has no `firstAttr`: it is refused before the lookup.
+    // The type code is read only when the value is written, so a new
+    // attribute's record and name are made (and may fail) before it.
     if (element == nullptr || name == nullptr || name[0] == '\0' || value == nullptr ||
-        type >= kTypeCount || xmlIsAttr(element)) {
+        xmlIsAttr(element)) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
     XmlNode *attr = xmlGetAttr(element, prefix, name);

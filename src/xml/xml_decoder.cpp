@@ -1,0 +1,253 @@
+// Text decoding: runs of the text become node strings, with the predefined
+// entities, character references (written in UTF-8) and CDATA sections
+// resolved; and qualified names divided into prefix and local name.
+#include <cstring>
+
+#include "xml/xml_parser_internal.h"
+
+using namespace xmlp;
+
+// ===== Text decoding =======================================================
+
+namespace {
+
+struct Entity {
+    const char *text;
+    uint32_t len;
+    char byte;
+};
+constexpr Entity kEntities[] = {
+    {"&amp;", 5, '&'}, {"&lt;", 4, '<'}, {"&gt;", 4, '>'}, {"&apos;", 6, '\''}, {"&quot;", 6, '"'},
+};
+
+inline int hexDigit(unsigned char c)
+{
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
+inline bool allowedChar(uint32_t v)
+{
+    return v == 0x9 || v == 0xA || v == 0xD || (v >= 0x20 && v <= 0xD7FF) ||
+           (v >= 0xE000 && v <= 0xFFFD) || (v >= 0x10000 && v <= 0x10FFFF);
+}
+
+size_t putUtf8(char *dst, uint32_t v)
+{
+    auto *d = reinterpret_cast<unsigned char *>(dst);
+    if (v < 0x80) {
+        d[0] = static_cast<unsigned char>(v);
+        return 1;
+    }
+    if (v < 0x800) {
+        d[0] = static_cast<unsigned char>(0xC0 | (v >> 6));
+        d[1] = static_cast<unsigned char>(0x80 | (v & 0x3F));
+        return 2;
+    }
+    if (v < 0x10000) {
+        d[0] = static_cast<unsigned char>(0xE0 | (v >> 12));
+        d[1] = static_cast<unsigned char>(0x80 | ((v >> 6) & 0x3F));
+        d[2] = static_cast<unsigned char>(0x80 | (v & 0x3F));
+        return 3;
+    }
+    d[0] = static_cast<unsigned char>(0xF0 | (v >> 18));
+    d[1] = static_cast<unsigned char>(0x80 | ((v >> 12) & 0x3F));
+    d[2] = static_cast<unsigned char>(0x80 | ((v >> 6) & 0x3F));
+    d[3] = static_cast<unsigned char>(0x80 | (v & 0x3F));
+    return 4;
+}
+
+// Reads a character reference at src ("&#..." ); returns the bytes consumed
+// (through the ';') and the value, or 0 with a reason.
+size_t readCharRef(const char *src, uint32_t *value, const char **reason)
+{
+    bool hex = src[2] == 'x';
+    const char *d = src + (hex ? 3 : 2);
+    const char *q = d;
+    uint32_t v = 0;
+    for (; *q != ';'; ++q) {
+        int digit = hex ? hexDigit(static_cast<unsigned char>(*q))
+                        : (*q >= '0' && *q <= '9' ? *q - '0' : -1);
+        if (digit < 0) {
+            *reason = "malformed character reference";
+            return 0;
+        }
+        v = v * (hex ? 16 : 10) + static_cast<uint32_t>(digit);
+        if (v > 0x10FFFF) {
+            *reason = "character reference out of range";
+            return 0;
+        }
+    }
+    if (q == d) {
+        *reason = "malformed character reference";
+        return 0;
+    }
+    if (!allowedChar(v)) {
+        *reason = "character reference to a forbidden character";
+        return 0;
+    }
+    *value = v;
+    return static_cast<size_t>(q + 1 - src);
+}
+
+}  // namespace
+
+int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char **out,
+                     XmlParseDiag *diag)
+{
+    if (len == 0) {
+        return KRV_XML_OK;
+    }
+    if (src == nullptr || out == nullptr) {
+        return static_cast<int32_t>(KRV_XML_ERR_INVALID_PARAM);
+    }
+    if (len > kMaxRun) {
+        *out = nullptr;
+        note(diag, src, "name, value or text too long");
+        return static_cast<int32_t>(KRV_XML_ERR_SYNTAX);
+    }
+    char *buf = session != nullptr
+                    ? static_cast<char *>(XML_MemSpecialMalloc(session, static_cast<int32_t>(len + 1)))
+                    : static_cast<char *>(krvHeapMalloc(static_cast<size_t>(len + 1)));
+    *out = buf;
+    if (buf == nullptr) {
+        note(diag, src, "out of memory");
+        return static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY);
+    }
+    const char *s = src;
+    const char *end = src + len;
+    char *d = buf;
+    const char *reason = nullptr;
+    const char *at = nullptr;
+    while (s < end) {
+        // Copy the plain stretch up to the next '&' or '<' in one go.
+        const char *stop = s;
+        while (stop < end && *stop != '&' && *stop != '<') {
+            ++stop;
+        }
+        if (stop != s) {
+            std::memcpy(d, s, static_cast<size_t>(stop - s));
+            d += stop - s;
+            s = stop;
+            continue;
+        }
+        if (*s == '<') {
+            if (!startsCdata(s)) {
+                *d++ = *s++;
+                continue;
+            }
+            const char *close = std::strstr(s + 9, "]]>");
+            if (close == nullptr) {
+                reason = "unterminated CDATA section";
+                at = s;
+                break;
+            }
+            if (close + 3 > end) {
+                reason = "CDATA section runs past the end of its text";
+                at = s;
+                break;
+            }
+            size_t n = static_cast<size_t>(close - (s + 9));
+            std::memcpy(d, s + 9, n);
+            d += n;
+            s = close + 3;
+            continue;
+        }
+        // '&': a predefined entity or a character reference.
+        size_t used = 0;
+        if (s[1] == '#') {
+            uint32_t v = 0;
+            used = readCharRef(s, &v, &reason);
+            if (used != 0) {
+                if (s + used > end) {
+                    reason = "reference runs past the end of its text";
+                    at = s;
+                    break;
+                }
+                d += putUtf8(d, v);
+            }
+        } else {
+            for (const Entity &e : kEntities) {
+                if (startsWith(s, e.text, e.len)) {
+                    if (s + e.len > end) {
+                        reason = "reference runs past the end of its text";
+                        break;
+                    }
+                    *d++ = e.byte;
+                    used = e.len;
+                    break;
+                }
+            }
+            if (used == 0 && reason == nullptr) {
+                reason = "unknown entity";
+            }
+        }
+        if (used == 0 || reason != nullptr) {
+            at = s;
+            break;
+        }
+        s += used;
+    }
+    if (reason != nullptr) {
+        if (session == nullptr) {
+            krvHeapFree(buf);
+        }
+        *out = nullptr;
+        note(diag, at, reason);
+        return static_cast<int32_t>(KRV_XML_ERR_SYNTAX);
+    }
+    *d = '\0';
+    return KRV_XML_OK;
+}
+
+int32_t Parser_CopyBufToString(XmlMemSession *session, const char *src, uint32_t len, char **out)
+{
+    return xmlDecodeRun(session, src, len, out, nullptr);
+}
+
+// ===== Namespace prefixes ==================================================
+
+int32_t xmlSplitName(XmlMemSession *session, const char *text, uint32_t length, char **prefix,
+                  char **name, bool copyName, XmlParseDiag *diag)
+{
+    const char *colon =
+        length != 0 ? static_cast<const char *>(std::memchr(text, ':', length)) : nullptr;
+    if (colon == nullptr) {
+        return copyName ? xmlDecodeRun(session, text, length, name, diag) : KRV_XML_OK;
+    }
+    uint32_t i = static_cast<uint32_t>(colon - text);
+    if (i == 0 || i == length - 1) {
+        note(diag, text, "colon at the start or end of a name");
+        return static_cast<int32_t>(KRV_XML_ERR_SYNTAX);
+    }
+    int32_t rc = xmlDecodeRun(session, text, i, prefix, diag);
+    if (rc != KRV_XML_OK) {
+        return rc;
+    }
+    if (copyName) {
+        rc = xmlDecodeRun(session, colon + 1, length - i - 1, name, diag);
+        if (rc != KRV_XML_OK) {
+            if (session == nullptr) {
+                krvHeapFree(*prefix);
+            }
+            *prefix = nullptr;
+        }
+        return rc;
+    }
+    memmove_s(*name, length, *name + i + 1, length - i);
+    return KRV_XML_OK;
+}
+
+int32_t Parser_SplitNamespace(XmlMemSession *session, const char *text, uint32_t length,
+                              char **prefix, char **name, int32_t copyName)
+{
+    return xmlSplitName(session, text, length, prefix, name, copyName != 0, nullptr);
+}

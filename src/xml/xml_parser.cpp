@@ -1,0 +1,860 @@
+// Parser: the replaceable file functions, attributes, the document driver
+// and the parse entry points. The tokenizer and the decoder have files of
+// their own.
+//
+// One forward pass over a NUL-terminated text that is never written. Tokens
+// are pointer and length into the text; every search for a closing delimiter
+// uses the C library's scans (strstr, strchr, memchr) and the byte classes
+// below, so no byte is looked at more than a constant number of times.
+#include <cstdio>
+#include <cstring>
+
+#include "xml/xml_parser_internal.h"
+
+using namespace xmlp;
+
+// ===== File functions ======================================================
+
+KrvXmlFopenFn g_fnXMLFopen = std::fopen;
+KrvXmlFseekFn g_fnXMLFseek = std::fseek;
+KrvXmlFcloseFn g_fnXMLFclose = std::fclose;
+KrvXmlFreadFn g_fnXMLFread = std::fread;
+KrvXmlFtellFn g_fnXMLFtell = std::ftell;
+
+FILE *XML_Fopen(const char *path, const char *mode)
+{
+    return g_fnXMLFopen(path, mode);
+}
+
+int XML_Fseek(FILE *file, long offset, int origin)
+{
+    return g_fnXMLFseek(file, offset, origin);
+}
+
+int XML_Fclose(FILE *file)
+{
+    return g_fnXMLFclose(file);
+}
+
+size_t XML_Fread(void *buffer, size_t size, size_t count, FILE *file)
+{
+    return g_fnXMLFread(buffer, size, count, file);
+}
+
+long XML_Ftell(FILE *file)
+{
+    return g_fnXMLFtell(file);
+}
+
+uint32_t KRV_XML_RegFileFunc(KrvXmlFopenFn openFn, KrvXmlFseekFn seekFn, KrvXmlFcloseFn closeFn,
+                             KrvXmlFreadFn readFn, KrvXmlFtellFn tellFn)
+{
+    if (openFn == nullptr || seekFn == nullptr || closeFn == nullptr || readFn == nullptr ||
+        tellFn == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    g_fnXMLFopen = openFn;
+    g_fnXMLFseek = seekFn;
+    g_fnXMLFclose = closeFn;
+    g_fnXMLFread = readFn;
+    g_fnXMLFtell = tellFn;
+    return KRV_XML_OK;
+}
+
+// ===== Attributes ==========================================================
+
+namespace {
+
+// The in-place split of an element's own name, when it closes.
+int32_t splitElement(XmlParser *p, XmlNode *element, const char *at)
+{
+    uint32_t length = static_cast<uint32_t>(std::strlen(element->name));
+    int32_t rc = xmlSplitName(p->session, element->name, length, &element->nsPrefix,
+                              &element->name, false, nullptr);
+    if (rc != KRV_XML_OK) {
+        note(p, at, rc == static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY)
+                        ? "out of memory"
+                        : "colon at the start or end of a name");
+    }
+    return rc;
+}
+
+bool sameText(const char *a, const char *b)
+{
+    if (a == nullptr || b == nullptr) {
+        return a == b;
+    }
+    return std::strcmp(a, b) == 0;
+}
+
+inline bool sameAttr(const XmlNode *a, const XmlNode *b)
+{
+    return sameText(a->nsPrefix, b->nsPrefix) && sameText(a->name, b->name);
+}
+
+// Duplicate check for one start tag. Short lists are searched; from
+// kLinearLimit attributes on, an open-addressing set of the records keyed by
+// prefix and name keeps the check constant time.
+constexpr uint32_t kLinearLimit = 16;
+
+struct AttrSet {
+    XmlNode **slots;
+    uint32_t mask;  // capacity - 1; capacity is a power of two
+    uint32_t count;
+};
+
+uint32_t attrHash(const XmlNode *a)
+{
+    uint32_t h = 2166136261u;
+    for (const char *s = a->nsPrefix; s != nullptr && *s != '\0'; ++s) {
+        h = (h ^ static_cast<unsigned char>(*s)) * 16777619u;
+    }
+    h = (h ^ 0x100u) * 16777619u;
+    for (const char *s = a->name; s != nullptr && *s != '\0'; ++s) {
+        h = (h ^ static_cast<unsigned char>(*s)) * 16777619u;
+    }
+    return h;
+}
+
+// Returns the record equal to attr, or inserts attr and returns null.
+XmlNode *attrSetFindOrAdd(AttrSet *set, XmlNode *attr)
+{
+    uint32_t i = attrHash(attr) & set->mask;
+    while (set->slots[i] != nullptr) {
+        if (sameAttr(set->slots[i], attr)) {
+            return set->slots[i];
+        }
+        i = (i + 1) & set->mask;
+    }
+    set->slots[i] = attr;
+    ++set->count;
+    return nullptr;
+}
+
+// Rebuilds the set with room for twice the attributes of list; false when
+// memory ran out (the old set is kept).
+bool attrSetGrow(AttrSet *set, XmlNode *list, uint32_t listCount)
+{
+    uint32_t capacity = 64;
+    while (capacity < listCount * 4) {
+        capacity *= 2;
+    }
+    auto **slots = static_cast<XmlNode **>(krvHeapCalloc(capacity, sizeof(XmlNode *)));
+    if (slots == nullptr) {
+        return false;
+    }
+    krvHeapFree(set->slots);
+    set->slots = slots;
+    set->mask = capacity - 1;
+    set->count = 0;
+    for (XmlNode *a = list; a != nullptr; a = a->next) {
+        attrSetFindOrAdd(set, a);
+    }
+    return true;
+}
+
+enum class AttrStep { Ok, NoMemory, Duplicate };
+
+// Links attr after tail unless an equal attribute is in the list.
+AttrStep appendAttr(XmlNode *element, XmlNode **tail, uint32_t *count, AttrSet *set, XmlNode *attr)
+{
+    if (*count < kLinearLimit) {
+        for (XmlNode *a = element->firstAttr; a != nullptr; a = a->next) {
+            if (sameAttr(a, attr)) {
+                return AttrStep::Duplicate;
+            }
+        }
+    } else {
+        if ((set->count + 1) * 2 > set->mask + 1 || set->slots == nullptr) {
+            if (!attrSetGrow(set, element->firstAttr, *count)) {
+                return AttrStep::NoMemory;
+            }
+        }
+        if (attrSetFindOrAdd(set, attr) != nullptr) {
+            return AttrStep::Duplicate;
+        }
+    }
+    if (*tail == nullptr) {
+        element->firstAttr = attr;
+    } else {
+        (*tail)->next = attr;
+    }
+    attr->parent = element;
+    *tail = attr;
+    ++*count;
+    return AttrStep::Ok;
+}
+
+inline bool tokenIs(const XmlParser *p, char c)
+{
+    return p->tokenLen == 1 && p->token[0] == c;
+}
+
+// Cuts the next token and tells whether it is the byte c. When none can be
+// cut, `token` is moved to the read position (with length 0), so that a
+// failure is reported where the text stopped.
+inline bool nextTokenIs(XmlParser *p, char c)
+{
+    if (Parser_getNextToken(p) == 0) {
+        p->token = p->pos;
+        p->tokenLen = 0;
+        return false;
+    }
+    return tokenIs(p, c);
+}
+
+}  // namespace
+
+int32_t Parser_processAttribute(XmlParser *p)
+{
+    XmlNode *element = p->current;
+    XmlNode *tail = nullptr;
+    uint32_t count = 0;
+    AttrSet set = {nullptr, 0, 0};
+    int32_t rc = static_cast<int32_t>(KRV_XML_ERR_SYNTAX);
+    for (;;) {
+        if (p->token == nullptr || !isSpace(p->token[-1])) {
+            note(p, p->token, "missing white space before an attribute");
+            break;
+        }
+        const char *nameAt = p->token;
+        XmlNode *attr = XML_NewNode(p->session, KRV_XML_NODE_ATTRIBUTE);
+        if (attr == nullptr) {
+            note(p, nameAt, "out of memory");
+            rc = static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY);
+            break;
+        }
+        rc = xmlSplitName(p->session, p->token, p->tokenLen, &attr->nsPrefix, &attr->name, true,
+                       p->diag);
+        attr->nameOwned = 1;
+        if (rc == KRV_XML_OK) {
+            rc = static_cast<int32_t>(KRV_XML_ERR_SYNTAX);
+            const char *quote = nullptr;
+            if (Parser_getNextToken(p) == 0 || !tokenIs(p, '=')) {
+                note(p, nameAt, "attribute without value");
+            } else if (!nextTokenIs(p, '"') && !(p->tokenLen == 1 && p->token[0] == '\'')) {
+                note(p, p->token, "attribute value not quoted");
+            } else if ((quote = std::strchr(p->pos, p->token[0])) == nullptr) {
+                note(p, p->token, "unterminated attribute value");
+            } else if (static_cast<uint64_t>(quote - p->pos) > kMaxRun) {
+                note(p, p->pos, "name, value or text too long");
+            } else {
+                rc = xmlDecodeRun(p->session, p->pos, static_cast<uint64_t>(quote - p->pos),
+                                  &attr->value, p->diag);
+                attr->valueOwned = 1;
+                if (rc == KRV_XML_OK) {
+                    AttrStep step = appendAttr(element, &tail, &count, &set, attr);
+                    if (step == AttrStep::Ok) {
+                        p->pos = quote + 1;
+                    } else if (step == AttrStep::Duplicate) {
+                        note(p, nameAt, "duplicate attribute");
+                        rc = static_cast<int32_t>(KRV_XML_ERR_ALREADY_EXISTS);
+                    } else {
+                        note(p, nameAt, "out of memory");
+                        rc = static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY);
+                    }
+                }
+            }
+        }
+        if (rc != KRV_XML_OK) {
+            XML_FreeSingleAttrNode(attr);
+            break;
+        }
+        rc = static_cast<int32_t>(KRV_XML_ERR_SYNTAX);
+        if (Parser_getNextToken(p) == 0) {
+            note(p, p->pos, "start tag not closed");
+            break;
+        }
+        if (tokenIs(p, '>')) {
+            p->state = XML_PARSE_CONTENT;
+            rc = KRV_XML_OK;
+            break;
+        }
+        if (p->tokenLen == 2 && p->token[0] == '/') {
+            rc = splitElement(p, element, p->tagName);
+            if (rc == KRV_XML_OK) {
+                p->state = XML_PARSE_IDLE;
+                p->openBits &= ~1u;
+                --p->openCount;
+            }
+            break;
+        }
+        char c = p->token[0];
+        if (c == '<' || c == '"' || c == '\'' || c == '=') {
+            note(p, p->token, "unexpected markup in a start tag");
+            break;
+        }
+    }
+    krvHeapFree(set.slots);
+    return rc;
+}
+
+// ===== Document driver =====================================================
+
+namespace {
+
+// Links a new element n after `current` (or as the root when none): as first
+// child of an open `current`, otherwise as its next sibling.
+bool linkElement(XmlParser *p, XmlNode *n, const char *at)
+{
+    XmlNode *cur = p->current;
+    if (cur == nullptr) {
+        return true;
+    }
+    if (p->openBits & 1u) {
+        n->parent = cur;
+        n->next = cur->firstChild;
+        cur->firstChild = n;
+        if (cur->lastChild == nullptr) {
+            cur->lastChild = n;
+        }
+        return true;
+    }
+    if (cur->parent == nullptr && p->singleRoot) {
+        note(p, at, "second top-level element");
+        return false;
+    }
+    n->parent = cur->parent;
+    cur->next = n;
+    n->prev = cur;
+    if (cur->parent != nullptr && cur->parent->lastChild == cur) {
+        cur->parent->lastChild = n;
+    }
+    return true;
+}
+
+// The end tag's name token must be the open element's whole qualified name.
+bool nameMatches(const XmlParser *p, const XmlNode *element)
+{
+    return element->name != nullptr && std::strlen(element->name) == p->tokenLen &&
+           OSAL_MemCmp(element->name, p->token, p->tokenLen) == 0;
+}
+
+bool startTag(XmlParser *p)
+{
+    const char *lt = p->token;
+    if (Parser_getNextToken(p) == 0) {
+        note(p, lt, "missing element name");
+        return false;
+    }
+    XmlNode *n = p->pending;
+    if (n == nullptr) {
+        n = XML_NewNode(p->session, KRV_XML_NODE_ELEMENT);
+        if (n == nullptr) {
+            note(p, lt, "out of memory");
+            return false;
+        }
+        p->pending = n;
+    }
+    if (xmlDecodeRun(p->session, p->token, p->tokenLen, &n->name, p->diag) != KRV_XML_OK) {
+        return false;
+    }
+    n->nameOwned = 1;
+    const char *nameAt = p->token;
+    p->tagName = nameAt;
+    if (Parser_getNextToken(p) == 0) {
+        note(p, p->pos, "start tag not closed");
+        return false;
+    }
+    bool empty = p->tokenLen == 2 && p->token[0] == '/';
+    if (empty && splitElement(p, n, nameAt) != KRV_XML_OK) {
+        return false;
+    }
+    bool firstChild = p->current != nullptr && (p->openBits & 1u);
+    if (!linkElement(p, n, lt)) {
+        return false;
+    }
+    p->current = n;
+    p->pending = nullptr;
+    if (empty) {
+        if (firstChild) {
+            p->openBits <<= 1;
+        }
+        p->state = XML_PARSE_IDLE;
+        return true;
+    }
+    p->openBits = (p->openBits << 1) | 1u;
+    ++p->openCount;
+    p->state = tokenIs(p, '>') ? XML_PARSE_CONTENT : XML_PARSE_ATTRS;
+    return true;
+}
+
+// Closes `current` after its end tag's name matched: divides the name and
+// reads the closing '>'.
+bool closeCurrent(XmlParser *p, const char *nameAt)
+{
+    if (splitElement(p, p->current, nameAt) != KRV_XML_OK) {
+        return false;
+    }
+    p->current->nameOwned = 1;
+    return true;
+}
+
+bool endTag(XmlParser *p)
+{
+    const char *lt = p->token;
+    char before = lt > p->input ? lt[-1] : '\0';
+    if (Parser_getNextToken(p) == 0) {
+        note(p, lt, "missing element name");
+        return false;
+    }
+    if ((p->openBits & 1u) == 0) {
+        if (p->current == nullptr || p->current->parent == nullptr) {
+            note(p, lt, "end tag without an open element");
+            return false;
+        }
+        p->current = p->current->parent;
+        p->openBits >>= 1;
+    }
+    p->openBits &= ~1u;
+    XmlNode *cur = p->current;
+    if (!nameMatches(p, cur)) {
+        note(p, p->token, "end tag does not match the open element");
+        return false;
+    }
+    if (!closeCurrent(p, p->token)) {
+        return false;
+    }
+    if (before != '>' && p->state == XML_PARSE_CONTENT) {
+        // Only white space, comments or instructions stood between the start
+        // tag and this end tag: the bytes after the nearest '>' are the value.
+        const char *gt = lt - 1;
+        while (*gt != '>') {
+            --gt;
+        }
+        if (xmlDecodeRun(p->session, gt + 1, static_cast<uint64_t>(lt - gt - 1), &cur->value,
+                         p->diag) != KRV_XML_OK) {
+            return false;
+        }
+    }
+    cur->valueOwned = 1;
+    p->pos = skipSpace(p->pos);
+    if (!nextTokenIs(p, '>')) {
+        note(p, p->token, "end tag not closed by '>'");
+        return false;
+    }
+    --p->openCount;
+    p->state = XML_PARSE_IDLE;
+    return true;
+}
+
+bool textContent(XmlParser *p)
+{
+    const char *start = p->token;
+    if (p->tokenLen == 2 && start[0] == '/' && start[1] == '>') {
+        note(p, start, "unexpected '/>'");
+        return false;
+    }
+    if (p->state != XML_PARSE_CONTENT || (p->openBits & 1u) == 0) {
+        const char *reason = p->current == nullptr           ? "text before the root element"
+                             : p->current->parent == nullptr ? "text outside the root element"
+                                                             : "mixed content";
+        note(p, start, reason);
+        return false;
+    }
+    while (start[-1] == ' ') {
+        --start;
+    }
+    const char *lt = start;
+    for (;;) {
+        lt = std::strchr(lt, '<');
+        if (lt == nullptr) {
+            note(p, start + std::strlen(start), "text ends inside an element");
+            return false;
+        }
+        if (!startsCdata(lt)) {
+            break;
+        }
+        const char *close = std::strstr(lt + 9, "]]>");
+        if (close == nullptr) {
+            scanFailure(p, lt, "unterminated CDATA section");
+            return false;
+        }
+        lt = close + 3;
+    }
+    uint64_t len = static_cast<uint64_t>(lt - start);
+    if (len > kMaxRun) {
+        note(p, start, "name, value or text too long");
+        return false;
+    }
+    p->token = start;
+    p->tokenLen = static_cast<uint32_t>(len);
+    p->pos = lt;
+    XmlNode *cur = p->current;
+    if (xmlDecodeRun(p->session, start, len, &cur->value, p->diag) != KRV_XML_OK) {
+        return false;
+    }
+    cur->valueOwned = 1;
+    if (Parser_getNextToken(p) == 0 || p->tokenLen != 2 || p->token[0] != '<') {
+        note(p, lt, "mixed content");
+        return false;
+    }
+    if (Parser_getNextToken(p) == 0) {
+        note(p, p->token, "missing element name");
+        return false;
+    }
+    if (!nameMatches(p, cur)) {
+        note(p, p->token, "end tag does not match the open element");
+        return false;
+    }
+    if (!closeCurrent(p, p->token)) {
+        return false;
+    }
+    if (!nextTokenIs(p, '>')) {
+        note(p, p->token, "end tag not closed by '>'");
+        return false;
+    }
+    p->openBits &= ~1u;
+    --p->openCount;
+    p->state = XML_PARSE_IDLE;
+    return true;
+}
+
+// Steps over "<!DOCTYPE ...>", internal subset included.
+bool skipDoctype(XmlParser *p)
+{
+    const char *q = p->pos + 1;
+    uint64_t depth = 1;
+    for (;;) {
+        q = std::strpbrk(q, "<>\"");
+        if (q == nullptr) {
+            note(p, p->pos, "unterminated document type declaration");
+            return false;
+        }
+        if (*q == '"') {
+            q = std::strchr(q + 1, '"');
+            if (q == nullptr) {
+                note(p, p->pos, "unterminated document type declaration");
+                return false;
+            }
+        } else if (*q == '<') {
+            ++depth;
+        } else if (--depth == 0) {
+            p->pos = q + 1;
+            return true;
+        }
+        ++q;
+    }
+}
+
+bool prolog(XmlParser *p)
+{
+    p->pos = skipSpace(p->pos);
+    if (startsWith(p->pos, "<?xml ", 6)) {
+        const char *end = std::strstr(p->pos, "?>");
+        if (end == nullptr) {
+            note(p, p->pos, "unterminated XML declaration");
+            return false;
+        }
+        p->pos = skipSpace(end + 2);
+    }
+    if (Parser_skipMisc(p) != KRV_XML_OK) {
+        return false;
+    }
+    if (startsWith(p->pos, "<!DOCTYPE", 9) && !skipDoctype(p)) {
+        return false;
+    }
+    p->pos = skipSpace(p->pos);
+    if (Parser_skipMisc(p) != KRV_XML_OK) {
+        return false;
+    }
+    if (*p->pos == '\0') {
+        note(p, p->pos, "no root element");
+        return false;
+    }
+    return true;
+}
+
+bool mainLoop(XmlParser *p)
+{
+    for (;;) {
+        p->pos = skipSpace(p->pos);
+        if (Parser_getNextToken(p) == 0) {
+            // A failed search for a closing delimiter is never a clean end.
+            if (p->scanFailed) {
+                return false;
+            }
+            if (*p->pos == '\0') {
+                return true;
+            }
+            if (p->tokenSeen == 0) {
+                note(p, p->pos, "no token");
+                return false;
+            }
+        }
+        const char *t = p->token;
+        bool ok;
+        if (t[0] == '>' && p->tokenLen == 1) {
+            note(p, t, "unexpected '>'");
+            ok = false;
+        } else if (t[0] == '<' && p->tokenLen == 2) {
+            ok = endTag(p);
+        } else if (t[0] == '<' && p->tokenLen == 1) {
+            ok = startTag(p);
+        } else {
+            ok = textContent(p);
+        }
+        if (!ok) {
+            return false;
+        }
+        while (*p->pos != '\0' && p->state == XML_PARSE_ATTRS) {
+            if (Parser_processAttribute(p) != KRV_XML_OK) {
+                return false;
+            }
+        }
+        if (*p->pos == '\0') {
+            return true;
+        }
+    }
+}
+
+// Fills the caller's record: offset, and line and column by one scan of the
+// text up to the stopping point.
+void fillInfo(KrvXmlParseInfo *info, const char *input, const char *at, uint32_t rc,
+              const char *reason)
+{
+    info->result = rc;
+    info->reason = reason;
+    info->offset = static_cast<uint64_t>(at - input);
+    uint32_t line = 1;
+    const char *lineStart = input;
+    for (const char *q = input; q < at;) {
+        const void *lf = std::memchr(q, '\n', static_cast<size_t>(at - q));
+        if (lf == nullptr) {
+            break;
+        }
+        ++line;
+        q = static_cast<const char *>(lf) + 1;
+        lineStart = q;
+    }
+    info->line = line;
+    info->column = static_cast<uint32_t>(at - lineStart) + 1;
+}
+
+}  // namespace
+
+uint32_t Parser_parseDocument(XmlNode **out, XmlParser *p)
+{
+    XmlMemSession *session = p->session;
+    XmlNode *doc = XML_NewNode(session, KRV_XML_NODE_DOCUMENT);
+    uint32_t rc = KRV_XML_OK;
+    if (doc == nullptr) {
+        note(p, p->pos, "out of memory");
+        rc = KRV_XML_ERR_NO_MEMORY;
+    } else {
+        doc->ownsSession = 1;
+        doc->mem = session;
+        std::memset(doc->nameTable, 0, sizeof doc->nameTable);
+        p->pending = doc;
+        bool ok = prolog(p) && mainLoop(p);
+        if (ok && p->openCount != 0) {
+            note(p, p->pos, "text ends inside an element");
+            ok = false;
+        }
+        if (ok) {
+            *out = doc;
+        } else {
+            if (p->pending == doc) {
+                p->pending = nullptr;
+            }
+            XML_FreeNode(doc);
+            if (session != nullptr) {
+                p->pending = nullptr;
+            }
+            rc = KRV_XML_ERR_SYNTAX;
+            note(p, p->pos, "syntax error");
+        }
+        if (p->pending != nullptr && p->session == nullptr) {
+            XML_FreeSingleNode(p->pending);
+        }
+    }
+    if (p->diag != nullptr) {
+        if (p->diag->info != nullptr) {
+            const char *at = rc == KRV_XML_OK ? p->pos : p->diag->at;
+            fillInfo(p->diag->info, p->input, at, rc, rc == KRV_XML_OK ? "ok" : p->diag->reason);
+        }
+    }
+    if (!p->inputBorrowed) {
+        krvHeapFree(const_cast<char *>(p->input));
+    }
+    if (doc == nullptr) {
+        XML_MemSessionEnd(session);
+    }
+    krvHeapFree(p);
+    return rc;
+}
+
+// ===== Input loading and entry points ======================================
+
+namespace {
+// Size refused before any buffer is made: a failed size query, or 4 GiB on.
+constexpr long long kMaxFileSize = 0xFFFFFFFFLL;
+}  // namespace
+
+uint32_t Parser_readFileOrBuffer(XmlParser *p, const char *path)
+{
+    FILE *file = XML_Fopen(path, "rb");
+    if (file == nullptr) {
+        return KRV_XML_ERR_FILE_OPEN;
+    }
+    uint32_t rc = KRV_XML_OK;
+    XML_Fseek(file, 0, SEEK_END);
+    long answer = XML_Ftell(file);
+    if (answer < 0 || static_cast<long long>(answer) > kMaxFileSize) {
+        rc = KRV_XML_ERR_FILE_READ;
+    } else if (answer == 0) {
+        rc = KRV_XML_ERR_SYNTAX;
+    } else {
+        size_t size = static_cast<size_t>(answer);
+        char *buf = static_cast<char *>(XML_Malloc(nullptr, static_cast<uint64_t>(size) + 1));
+        p->input = buf;
+        if (buf == nullptr) {
+            rc = KRV_XML_ERR_NO_MEMORY;
+        } else if (XML_Fseek(file, 0, SEEK_SET) != 0 || XML_Fread(buf, 1, size, file) != size) {
+            rc = KRV_XML_ERR_FILE_READ;
+            XML_Free(nullptr, buf);
+            p->input = nullptr;
+        } else {
+            buf[size] = '\0';
+        }
+    }
+    XML_Fclose(file);
+    return rc;
+}
+
+namespace {
+
+XmlParser *newParser()
+{
+    auto *p = static_cast<XmlParser *>(XML_Malloc(nullptr, sizeof(XmlParser)));
+    if (p != nullptr) {
+        std::memset(p, 0, sizeof(XmlParser));
+    }
+    return p;
+}
+
+// Reports a failure that has no position in the text.
+void reportEarly(XmlParseDiag *report, uint32_t rc, const char *reason)
+{
+    if (report != nullptr && report->info != nullptr) {
+        KrvXmlParseInfo *info = report->info;
+        info->result = rc;
+        info->offset = 0;
+        info->line = 0;
+        info->column = 0;
+        info->reason = reason;
+    }
+}
+
+uint32_t parseText(const char *text, XmlNode **out, bool inSession, XmlParseDiag *report)
+{
+    if (text == nullptr || out == nullptr || text[0] == '\0') {
+        reportEarly(report, KRV_XML_ERR_INVALID_PARAM, "invalid argument");
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    *out = nullptr;
+    XmlParser *p = newParser();
+    if (p == nullptr) {
+        reportEarly(report, KRV_XML_ERR_NO_MEMORY, "out of memory");
+        return KRV_XML_ERR_NO_MEMORY;
+    }
+    if (inSession) {
+        p->session = XML_MemSessionBegin(kSessionInitialSize);
+        if (p->session == nullptr) {
+            krvHeapFree(p);
+            reportEarly(report, KRV_XML_ERR_NO_MEMORY, "out of memory");
+            return KRV_XML_ERR_NO_MEMORY;
+        }
+        p->singleRoot = 1;
+    }
+    p->input = text;
+    p->pos = text;
+    p->inputBorrowed = 1;
+    p->diag = report;
+    return Parser_parseDocument(out, p);
+}
+
+uint32_t parseFile(const char *path, XmlNode **out, bool inSession, XmlParseDiag *report)
+{
+    if (path == nullptr || out == nullptr) {
+        reportEarly(report, KRV_XML_ERR_INVALID_PARAM, "invalid argument");
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    if (inSession) {
+        *out = nullptr;
+    }
+    XmlParser *p = newParser();
+    if (p == nullptr) {
+        reportEarly(report, KRV_XML_ERR_NO_MEMORY, "out of memory");
+        return KRV_XML_ERR_NO_MEMORY;
+    }
+    uint32_t rc = Parser_readFileOrBuffer(p, path);
+    if (rc == KRV_XML_OK && inSession) {
+        p->session = XML_MemSessionBegin(kSessionInitialSize);
+        rc = p->session == nullptr ? KRV_XML_ERR_NO_MEMORY : KRV_XML_OK;
+        p->singleRoot = 1;
+    }
+    if (rc != KRV_XML_OK) {
+        const char *reason = rc == KRV_XML_ERR_FILE_OPEN   ? "cannot open the file"
+                             : rc == KRV_XML_ERR_FILE_READ ? "cannot read the file"
+                             : rc == KRV_XML_ERR_SYNTAX    ? "empty file"
+                                                           : "out of memory";
+        krvHeapFree(const_cast<char *>(p->input));
+        krvHeapFree(p);
+        reportEarly(report, rc, reason);
+        return rc;
+    }
+    p->pos = p->input;
+    p->diag = report;
+    // A plain file parse leaves the caller's variable alone on failure.
+    XmlNode *doc = nullptr;
+    rc = Parser_parseDocument(&doc, p);
+    if (rc == KRV_XML_OK) {
+        *out = doc;
+    }
+    return rc;
+}
+
+}  // namespace
+
+uint32_t KRV_XML_Parse(const char *text, XmlNode **out)
+{
+    return parseText(text, out, false, nullptr);
+}
+
+uint32_t KRV_XML_ParseEx(const char *text, XmlNode **out)
+{
+    return parseText(text, out, true, nullptr);
+}
+
+uint32_t KRV_XML_ParseFile(const char *path, XmlNode **out)
+{
+    return parseFile(path, out, false, nullptr);
+}
+
+uint32_t KRV_XML_ParseFileEx(const char *path, XmlNode **out)
+{
+    return parseFile(path, out, true, nullptr);
+}
+
+uint32_t KRV_XML_ParseWithInfo(const char *text, uint32_t flags, XmlNode **out,
+                               KrvXmlParseInfo *info)
+{
+    XmlParseDiag report = {nullptr, nullptr, info};
+    if ((flags & ~KRV_XML_PARSE_SESSION) != 0) {
+        reportEarly(&report, KRV_XML_ERR_INVALID_PARAM, "invalid argument");
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    return parseText(text, out, (flags & KRV_XML_PARSE_SESSION) != 0, &report);
+}
+
+uint32_t KRV_XML_ParseFileWithInfo(const char *path, uint32_t flags, XmlNode **out,
+                                   KrvXmlParseInfo *info)
+{
+    XmlParseDiag report = {nullptr, nullptr, info};
+    if ((flags & ~KRV_XML_PARSE_SESSION) != 0) {
+        reportEarly(&report, KRV_XML_ERR_INVALID_PARAM, "invalid argument");
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    return parseFile(path, out, (flags & KRV_XML_PARSE_SESSION) != 0, &report);
+}
