@@ -540,8 +540,8 @@ bool parseArgs(int argc, char **argv, Options &opt)
         const char *v = nullptr;
         if (a == "--quick") {
             opt.quick = true;
-            opt.budget = 0.25;
-            opt.hostileTimeout = 4.0;
+            opt.budget = 0.15;
+            opt.hostileTimeout = 3.0;
             opt.timeout = 60.0;
         } else if (a == "--manifest" && (v = value()) != nullptr) {
             opt.manifest = v;
