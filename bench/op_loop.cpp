@@ -40,6 +40,10 @@ int main(int argc, char **argv)
     bool session = std::strcmp(argv[2], "session") == 0;
     int repeats = argc > 4 ? std::atoi(argv[4]) : 10;
     std::ifstream in(argv[3], std::ios::binary);
+    if (!in) {
+        std::fprintf(stderr, "cannot read %s\n", argv[3]);
+        return 2;
+    }
     std::ostringstream ss;
     ss << in.rdbuf();
     const std::string text = ss.str();
