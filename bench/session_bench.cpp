@@ -1,0 +1,194 @@
+// Google Benchmark programs for the memory session and for how the main
+// operations scale with document size.
+//
+// SessionMalloc/N: N small requests (8..120 bytes, a fixed pseudo-random
+// pattern) carved from one session, then the session ended. The time per
+// request should not depend on N: the first-fit search is O(1) or O(log
+// blocks), never a walk over the chain.
+//
+// Parse, Print, Clone, Free at 1 MB and 100 MB of the same synthetic
+// document, heap and session regimes: the time per byte should be flat.
+// The documents come from bench/make_corpus (KRVBENCH_CORPUS overrides the
+// directory).
+#include <benchmark/benchmark.h>
+
+#include <malloc.h>
+#include <time.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "krv_xml.h"
+#include "krv_xml_component.h"
+
+namespace {
+
+// Sizes 8..120, multiples of 8 and odd ones alike, from a fixed-seed LCG.
+const std::vector<int32_t> &requestSizes()
+{
+    static const std::vector<int32_t> sizes = [] {
+        std::vector<int32_t> v(4096);
+        uint64_t s = 0x2545F4914F6CDD1Dull;
+        for (auto &n : v) {
+            s = s * 6364136223846793005ull + 1442695040888963407ull;
+            n = 8 + static_cast<int32_t>((s >> 33) % 113);
+        }
+        return v;
+    }();
+    return sizes;
+}
+
+void SessionMalloc(benchmark::State &state)
+{
+    const auto &sizes = requestSizes();
+    const int64_t n = state.range(0);
+    auto once = [&] {
+        XmlMemSession *session = XML_MemSessionBegin(8192);
+        for (int64_t i = 0; i < n; ++i) {
+            void *p = XML_MemSpecialMalloc(session, sizes[static_cast<size_t>(i) & 4095]);
+            benchmark::DoNotOptimize(p);
+        }
+        XML_MemSessionEnd(session);
+    };
+    once();  // untimed: faults the memory in
+    for (auto _ : state) {
+        once();
+    }
+    state.SetItemsProcessed(state.iterations() * n);
+}
+BENCHMARK(SessionMalloc)->Arg(10000)->Unit(benchmark::kMillisecond);
+BENCHMARK(SessionMalloc)->Arg(10000000)->Iterations(3)->Unit(benchmark::kMillisecond);
+
+#ifdef KRVBENCH_HAVE_KRV
+
+double now()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+const std::string *document(const std::string &name)
+{
+    static std::map<std::string, std::string> cache;
+    auto it = cache.find(name);
+    if (it != cache.end()) {
+        return &it->second;
+    }
+    const char *dir = std::getenv("KRVBENCH_CORPUS");
+    std::string path = std::string(dir != nullptr ? dir : KRVBENCH_CORPUS_DIR) + "/" + name + ".xml";
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        return nullptr;
+    }
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return &(cache[name] = ss.str());
+}
+
+enum class Op { Parse, Print, Clone, Free };
+
+XmlNode *parse(const std::string &text, bool session)
+{
+    XmlNode *doc = nullptr;
+    uint32_t rc = session ? KRV_XML_ParseEx(text.c_str(), &doc) : KRV_XML_Parse(text.c_str(), &doc);
+    return rc == KRV_XML_OK ? doc : nullptr;
+}
+
+// Each iteration prepares what the operation needs untimed and times only the
+// operation itself (manual time).
+void Scaling(benchmark::State &state, Op op, bool session, const char *file)
+{
+    const std::string *text = document(file);
+    if (text == nullptr) {
+        state.SkipWithError("corpus file missing: run bench/make_corpus");
+        return;
+    }
+    for (auto _ : state) {
+        XmlNode *doc = parse(*text, session);
+        if (doc == nullptr) {
+            state.SkipWithError("parse failed");
+            return;
+        }
+        double t0 = now();
+        switch (op) {
+        case Op::Parse:
+            KRV_XML_FreeNode(doc);
+            t0 = now();
+            doc = parse(*text, session);
+            break;
+        case Op::Print: {
+            char *out = nullptr;
+            KRV_XML_Transform(doc, &out);
+            state.SetIterationTime(now() - t0);
+            KRV_XML_FreeMem(out);
+            t0 = -1;
+            break;
+        }
+        case Op::Clone: {
+            XmlNode *copy = nullptr;
+            KRV_XML_CloneNode(doc, &copy);
+            state.SetIterationTime(now() - t0);
+            KRV_XML_FreeNode(copy);
+            t0 = -1;
+            break;
+        }
+        case Op::Free:
+            KRV_XML_FreeNode(doc);
+            doc = nullptr;
+            break;
+        }
+        if (t0 >= 0) {
+            state.SetIterationTime(now() - t0);
+        }
+        KRV_XML_FreeNode(doc);
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text->size()));
+}
+
+int registerScaling()
+{
+    const std::pair<const char *, Op> ops[] = {
+        {"Parse", Op::Parse}, {"Print", Op::Print}, {"Clone", Op::Clone}, {"Free", Op::Free}};
+    for (const auto &op : ops) {
+        for (bool session : {false, true}) {
+            for (const char *file : {"synthetic_1MB", "synthetic_100MB"}) {
+                std::string name = std::string(op.first) + "/" + (session ? "session/" : "heap/") + file;
+                // Fixed counts: every iteration also parses untimed, so a
+                // minimum time on a short operation (a session free) would
+                // run for minutes.
+                bool large = std::string(file).find("100MB") != std::string::npos;
+                benchmark::RegisterBenchmark(name.c_str(), Scaling, op.second, session, file)
+                    ->UseManualTime()
+                    ->Iterations(large ? 2 : 20)
+                    ->Unit(benchmark::kMillisecond);
+            }
+        }
+    }
+    return 0;
+}
+const int g_registered = registerScaling();
+
+#endif  // KRVBENCH_HAVE_KRV
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    // Freed memory stays in the process, so that repetitions measure the
+    // library and not the first touch of fresh pages (costly on a VM).
+    mallopt(M_MMAP_MAX, 0);
+    mallopt(M_TRIM_THRESHOLD, INT32_MAX);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
