@@ -607,7 +607,9 @@ KRV_XML_API uint32_t KRV_XML_ParseFileWithInfo(const char *path, uint32_t flags,
  * and line-oriented: no XML declaration, no indentation, nodes in document
  * order, and a line feed after each start tag of an element with children,
  * after each leaf element and after each end tag. Documents print as
- * elements. Names print as prefix ":" name when the prefix is non-null.
+ * elements; a node of any other kind than element, attribute or document
+ * writes nothing where it is reached. Names print as prefix ":" name when
+ * the prefix is non-null (an empty prefix too).
  *   - an element with children: "<name attrs>", its children, "</name>"; its
  *     own value, if any, is not written;
  *   - a leaf with a value (the empty string too): "<name attrs>value</name>";
@@ -625,14 +627,17 @@ KRV_XML_API uint32_t KRV_XML_ParseFileWithInfo(const char *path, uint32_t flags,
  * and long attribute lists cost no stack.
  *
  * Results of every transform: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (top or
- * out null, top an attribute record, or a node or attribute of the sub-tree
- * with a null name: the partial text is discarded); KRV_XML_ERR_NO_MEMORY.
- * On failure *out is not written and nothing stays allocated. */
+ * out null, top an attribute record, or a node of the sub-tree with a null
+ * name, or an attribute with a null name where attributes are written: the
+ * partial text is discarded); KRV_XML_ERR_NO_MEMORY. On success *out is null
+ * when nothing was written. On failure *out is not written and nothing stays
+ * allocated. */
 
 /* The whole text of top's sub-tree (top: an element or document). On success
  * *out is the NUL-terminated text, from the heap, the caller's to release with
- * KRV_XML_FreeMem. Example: config with the attribute version="2" and the
- * leaf children port (value 8080) and item (no value) gives
+ * KRV_XML_FreeMem (null when nothing was written). Example: config with the
+ * attribute version="2" and the leaf children port (value 8080) and item (no
+ * value) gives
  *   <config version="2">\n<port>8080</port>\n<item/>\n</config>\n */
 KRV_XML_API uint32_t KRV_XML_Transform(XmlNode *top, char **out);
 
@@ -650,11 +655,16 @@ KRV_XML_API uint32_t KRV_XML_Transform(XmlNode *top, char **out);
  * On success *out is the text (release with KRV_XML_FreeMem). Results above. */
 KRV_XML_API uint32_t KRV_XML_TransformHead(XmlNode *top, char **out);
 
-/* The tail of a frame: the end tags of the last leaf of the chain of last
- * children from top and of all its ancestors below and including top, one
- * per line, innermost first. When top has no children nothing is written:
- * the result is KRV_XML_OK and *out is set to null. Otherwise *out is the
- * text (release with KRV_XML_FreeMem). Results above. */
+/* The tail of a frame: end tags only, one per line. For every leaf that is
+ * the last child of its parent, in document order: the leaf's end tag, then
+ * that of its parent, and so on up while the element just closed is its
+ * parent's last child, at most up to top. On the chain of last children from
+ * top this closes the last leaf and then each of its ancestors up to top,
+ * innermost first; off the chain it closes more, e.g. a with the children
+ * b (child c) and d gives "</c>\n</b>\n</d>\n</a>\n". Attributes are not
+ * read. When top has no children nothing is written: the result is
+ * KRV_XML_OK and *out is set to null. Otherwise *out is the text (release
+ * with KRV_XML_FreeMem). Results above. */
 KRV_XML_API uint32_t KRV_XML_TransformTail(XmlNode *top, char **out);
 
 /* Writes the whole text of top's sub-tree (as KRV_XML_Transform) to the file
@@ -662,7 +672,10 @@ KRV_XML_API uint32_t KRV_XML_TransformTail(XmlNode *top, char **out);
  * file opened with the runtime's fopen in mode "w+" (created or truncated)
  * and written with a single fwrite. A failure while building the text never
  * creates or touches the file. The file functions registered for parsing are
- * not used. The result of closing the file is not looked at.
+ * not used. The result of closing the file is not looked at. A top node of
+ * another kind than element or document gives an empty text, which counts
+ * as an incomplete write: the file is created or truncated and the result is
+ * KRV_XML_ERR_FILE_WRITE.
  * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (top or path null, top an
  * attribute record, a null name in the sub-tree); KRV_XML_ERR_NO_MEMORY;
  * KRV_XML_ERR_FILE_OPEN (file not opened); KRV_XML_ERR_FILE_WRITE (the

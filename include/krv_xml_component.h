@@ -131,7 +131,9 @@ KRV_XML_API void XML_MembufDestroy(XmlMemBuf *buf);
 
 /* Replaces the content with `count` bytes of src, NULs included. A null src
  * releases the storage (empty state). Zero bytes into a buffer without
- * storage take one byte of storage, so that data reads as "".
+ * storage take one byte of storage, so that data reads as ""; when the heap
+ * refuses that byte, the buffer stays in the empty state (data null) and the
+ * result is still KRV_XML_OK.
  * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (buf null);
  * KRV_XML_ERR_NO_MEMORY (buffer unchanged). */
 KRV_XML_API uint32_t XML_MemBufAssign(XmlMemBuf *buf, const char *src, uint32_t count);

@@ -2,8 +2,6 @@
 // create/set/remove/free and the library services.
 #include <gtest/gtest.h>
 
-#include <pthread.h>
-
 #include <cstring>
 #include <random>
 #include <string>
@@ -56,23 +54,6 @@ std::vector<int32_t> capacities(XmlMemSession *session)
         caps.push_back(b->capacity);
     }
     return caps;
-}
-
-// Runs fn on a thread with a small stack, so deep recursion would overflow.
-template <class Fn>
-void onSmallStack(Fn fn)
-{
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setstacksize(&attr, 256 * 1024);
-    pthread_t thread;
-    auto trampoline = [](void *arg) -> void * {
-        (*static_cast<Fn *>(arg))();
-        return nullptr;
-    };
-    ASSERT_EQ(pthread_create(&thread, &attr, trampoline, &fn), 0);
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attr);
 }
 
 }  // namespace
@@ -265,23 +246,16 @@ TEST(NodeStore, CreateNodeKindsAndStrings)
             EXPECT_EQ(node, reinterpret_cast<XmlNode *>(0x1));
             continue;
         }
-        EXPECT_EQ(node->kind, c.kind);
         EXPECT_EQ(node->ownsSession, c.kind == 12 ? 1 : 0);
         EXPECT_EQ(node->mem, nullptr);
-        EXPECT_STREQ(node->nsPrefix, "p");
-        EXPECT_STREQ(node->name, "n");
-        EXPECT_STREQ(node->value, "v");
-        EXPECT_EQ(node->nameOwned, 1);
-        EXPECT_EQ(node->valueOwned, 1);
+        EXPECT_EQ(std::string(node->nsPrefix) + node->name + node->value, "pnv");
         KRV_XML_FreeNode(node);
     }
     EXPECT_EQ(KRV_XML_CreateNode(0, nullptr, "n", nullptr, nullptr), KRV_XML_ERR_INVALID_PARAM);
     XmlNode *bare = nullptr;
     ASSERT_EQ(KRV_XML_CreateNode(0, "", nullptr, "", &bare), KRV_XML_OK);
-    EXPECT_EQ(bare->name, nullptr);
-    EXPECT_EQ(bare->value, nullptr);
-    EXPECT_EQ(bare->nsPrefix, nullptr);
-    EXPECT_EQ(bare->nameOwned + bare->valueOwned, 0);
+    EXPECT_TRUE(bare->name == nullptr && bare->value == nullptr && bare->nsPrefix == nullptr)
+        << "empty strings are not copied";
     KRV_XML_FreeNode(bare);
 }
 
@@ -365,9 +339,7 @@ TEST(NodeStore, RemoveNodeUnlinks)
     ASSERT_EQ(KRV_XML_RemoveNode(b), KRV_XML_OK);
     EXPECT_EQ(a->next, c);
     EXPECT_EQ(c->prev, a);
-    EXPECT_EQ(b->parent, nullptr);
-    EXPECT_EQ(b->next, nullptr);
-    EXPECT_EQ(b->prev, nullptr);
+    EXPECT_TRUE(b->parent == nullptr && b->next == nullptr && b->prev == nullptr);
     ASSERT_EQ(KRV_XML_RemoveNode(a), KRV_XML_OK);
     EXPECT_EQ(root->firstChild, c);
     ASSERT_EQ(KRV_XML_RemoveNode(c), KRV_XML_OK);
@@ -413,9 +385,10 @@ TEST(NodeStore, FreeNodeReleasesOnlyTheNodeAndItsSubtree)
     KRV_XML_FreeNode(root);
 }
 
-TEST(NodeStore, HeapDocumentWithFollowersIsReleasedWhole)
+TEST(NodeStore, DocumentReleaseByRegime)
 {
     krvtest::LeakGuard guard;
+    // A heap document takes its top-level followers with it.
     XmlNode *doc = nullptr;
     ASSERT_EQ(KRV_XML_CreateNode(12, nullptr, "r", nullptr, &doc), KRV_XML_OK);
     XmlNode *s = heapElement("s");
@@ -425,12 +398,9 @@ TEST(NodeStore, HeapDocumentWithFollowersIsReleasedWhole)
     s->next = t;
     t->prev = s;
     KRV_XML_FreeNode(doc);
-}
 
-TEST(NodeStore, SessionDocumentReleaseVisitsNoNode)
-{
-    krvtest::LeakGuard guard;
-    XmlNode *doc = nullptr;
+    // A session document ends its session and visits no node: a heap child
+    // linked in by hand survives.
     ASSERT_EQ(KRV_XML_CreateNodeEx(nullptr, 12, nullptr, "d", nullptr, &doc), KRV_XML_OK);
     XmlNode *heapChild = heapElement("h", "v");
     linkChild(doc, heapChild);
@@ -453,7 +423,7 @@ TEST(NodeStore, DeepChainIsFreedWithoutRecursion)
         linkChild(cur, child);
         cur = child;
     }
-    onSmallStack([root] { KRV_XML_FreeNode(root); });
+    krvtest::OnSmallStack([root] { KRV_XML_FreeNode(root); });
 }
 
 TEST(NodeStore, AllocationFailureAtEveryPoint)

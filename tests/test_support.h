@@ -5,7 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+
 #include <cstdint>
+#include <functional>
 
 #include "krv_xml.h"
 #include "platform/krv_platform.h"
@@ -58,6 +61,23 @@ long SweepAllocationFailures(Setup setup, Attempt attempt, Finish finish)
     }
     ADD_FAILURE() << "allocation sweep did not end";
     return -1;
+}
+
+// Runs fn on a thread with a 256 KiB stack: a walk that recursed once per
+// level of a deep tree would overflow it.
+inline void OnSmallStack(const std::function<void()> &fn)
+{
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, 256 * 1024);
+    pthread_t thread;
+    auto body = [](void *arg) -> void * {
+        (*static_cast<const std::function<void()> *>(arg))();
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, &attr, body, const_cast<std::function<void()> *>(&fn)), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attr);
 }
 
 }  // namespace krvtest

@@ -315,7 +315,9 @@ XmlNode *XML_NewNode(XmlMemSession *session, int32_t kind)
     if (raw == nullptr) {
         return nullptr;
     }
-    memset_s(raw, size, 0, size);
+    if (session == nullptr) {
+        memset_s(raw, size, 0, size);  // bytes carved from a session are zero already
+    }
     auto *node = static_cast<XmlNode *>(raw);
     // The stored kind always matches the shape, so no record claims fields
     // that it lacks.

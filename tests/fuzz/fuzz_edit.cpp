@@ -1,0 +1,16 @@
+// libFuzzer entry point; the case itself is in edit_case.h so that the
+// regression tests can replay crash inputs without the fuzzer.
+#include <cstdio>
+#include <cstdlib>
+
+#include "edit_case.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    std::string failure = krvfuzz::RunEditCase(data, size);
+    if (!failure.empty()) {
+        std::fprintf(stderr, "fuzz_edit: %s\n", failure.c_str());
+        std::abort();
+    }
+    return 0;
+}

@@ -1,0 +1,346 @@
+// check, get, set and print.
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "commands.h"
+#include "tool_support.h"
+
+namespace krvtool {
+
+namespace {
+
+struct TypeInfo {
+    const char *name;
+    uint32_t code;
+    int64_t min;
+    int64_t max;
+};
+
+const TypeInfo kTypes[] = {
+    {"bool", KRV_XML_VALUE_BOOL, 0, 1},
+    {"int8", KRV_XML_VALUE_INT8, INT8_MIN, INT8_MAX},
+    {"uint8", KRV_XML_VALUE_UINT8, 0, UINT8_MAX},
+    {"int16", KRV_XML_VALUE_INT16, INT16_MIN, INT16_MAX},
+    {"uint16", KRV_XML_VALUE_UINT16, 0, UINT16_MAX},
+    {"int32", KRV_XML_VALUE_INT32, INT32_MIN, INT32_MAX},
+    {"uint32", KRV_XML_VALUE_UINT32, 0, UINT32_MAX},
+};
+
+// Room for any typed value, at the width the library reads and writes.
+union TypedStorage {
+    uint32_t b;
+    int8_t i8;
+    uint8_t u8;
+    int16_t i16;
+    uint16_t u16;
+    int32_t i32;
+    uint32_t u32;
+};
+
+int UsageError(const char *command, const std::string &message)
+{
+    std::fprintf(stderr, "krvxml %s: %s (see krvxml %s --help)\n", command, message.c_str(), command);
+    return kExitUsage;
+}
+
+// The --type option, when given. Returns false for an unknown name.
+bool ReadTypeOption(const Args &args, const TypeInfo **type)
+{
+    *type = nullptr;
+    if (!args.Has("--type")) {
+        return true;
+    }
+    for (const TypeInfo &t : kTypes) {
+        if (args.Get("--type") == t.name) {
+            *type = &t;
+            return true;
+        }
+    }
+    return false;
+}
+
+// "[PREFIX:]NAME" into its parts; an empty prefix counts as none.
+bool SplitAttrName(const std::string &text, std::string &prefix, std::string &name)
+{
+    size_t colon = text.find(':');
+    prefix = colon == std::string::npos ? std::string() : text.substr(0, colon);
+    name = colon == std::string::npos ? text : text.substr(colon + 1);
+    return !name.empty();
+}
+
+const char *PrefixArg(const std::string &prefix)
+{
+    return prefix.empty() ? nullptr : prefix.c_str();
+}
+
+// Reads VALUE as the type: whole decimal text within the type's range; for
+// bool also "true" and "false".
+bool ParseTyped(const TypeInfo &type, const std::string &text, TypedStorage &out)
+{
+    int64_t v;
+    if (type.code == KRV_XML_VALUE_BOOL && (text == "true" || text == "false")) {
+        v = text == "true" ? 1 : 0;
+    } else {
+        if (text.empty() || (text[0] != '-' && text[0] != '+' && (text[0] < '0' || text[0] > '9'))) {
+            return false;
+        }
+        char *end = nullptr;
+        errno = 0;
+        long long parsed = std::strtoll(text.c_str(), &end, 10);
+        if (errno != 0 || *end != '\0' || parsed < type.min || parsed > type.max) {
+            return false;
+        }
+        v = parsed;
+    }
+    switch (type.code) {
+    case KRV_XML_VALUE_BOOL: out.b = static_cast<uint32_t>(v); break;
+    case KRV_XML_VALUE_INT8: out.i8 = static_cast<int8_t>(v); break;
+    case KRV_XML_VALUE_UINT8: out.u8 = static_cast<uint8_t>(v); break;
+    case KRV_XML_VALUE_INT16: out.i16 = static_cast<int16_t>(v); break;
+    case KRV_XML_VALUE_UINT16: out.u16 = static_cast<uint16_t>(v); break;
+    case KRV_XML_VALUE_INT32: out.i32 = static_cast<int32_t>(v); break;
+    default: out.u32 = static_cast<uint32_t>(v); break;
+    }
+    return true;
+}
+
+std::string FormatTyped(const TypeInfo &type, const TypedStorage &v)
+{
+    switch (type.code) {
+    case KRV_XML_VALUE_BOOL: return v.b != 0 ? "true" : "false";
+    case KRV_XML_VALUE_INT8: return std::to_string(v.i8);
+    case KRV_XML_VALUE_UINT8: return std::to_string(v.u8);
+    case KRV_XML_VALUE_INT16: return std::to_string(v.i16);
+    case KRV_XML_VALUE_UINT16: return std::to_string(v.u16);
+    case KRV_XML_VALUE_INT32: return std::to_string(v.i32);
+    default: return std::to_string(v.u32);
+    }
+}
+
+bool Parse(const std::string &file, bool heap, Tree &tree)
+{
+    ParseFailure failure;
+    if (ParseInput(file, heap, tree, failure) != KRV_XML_OK) {
+        PrintParseFailure(stderr, "krvxml: ", file, failure);
+        return false;
+    }
+    return true;
+}
+
+bool Locate(const std::string &file, XmlNode *root, const std::string &path, XmlNode **node)
+{
+    uint32_t rc = KRV_XML_GetNodeByUrl(root, path.c_str(), node);
+    if (rc != KRV_XML_OK) {
+        ReportFailure(file, "path '" + path + "'", rc);
+        return false;
+    }
+    return true;
+}
+
+// The text of `top`, or of a heap document with all its top-level elements.
+// `mode` 0 whole, 1 head, 2 tail. Appends to `text`.
+uint32_t Print(XmlNode *top, int mode, bool withSiblings, std::string &text)
+{
+    for (XmlNode *n = top; n != nullptr; n = withSiblings ? n->next : nullptr) {
+        char *out = nullptr;
+        uint32_t rc = mode == 1   ? KRV_XML_TransformHead(n, &out)
+                      : mode == 2 ? KRV_XML_TransformTail(n, &out)
+                                  : KRV_XML_Transform(n, &out);
+        if (rc != KRV_XML_OK) {
+            return rc;
+        }
+        if (out != nullptr) {
+            text += out;
+            KRV_XML_FreeMem(out);
+        }
+    }
+    return KRV_XML_OK;
+}
+
+bool WriteStdout(const std::string &text)
+{
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
+        std::fprintf(stderr, "krvxml: cannot write standard output: %s\n", std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int RunCheck(const Args &args)
+{
+    if (args.positional.empty()) {
+        return UsageError("check", "no FILE given");
+    }
+    bool allOk = true;
+    for (const std::string &file : args.positional) {
+        Tree tree;
+        ParseFailure failure;
+        if (ParseInput(file, args.Has("--heap"), tree, failure) == KRV_XML_OK) {
+            std::printf("%s: ok\n", file == "-" ? "<stdin>" : file.c_str());
+        } else {
+            std::fflush(stdout);
+            PrintParseFailure(stderr, "", file, failure);
+            allOk = false;
+        }
+    }
+    if (std::fflush(stdout) != 0) {
+        return kExitFailed;
+    }
+    return allOk ? kExitOk : kExitFailed;
+}
+
+int RunGet(const Args &args)
+{
+    const TypeInfo *type;
+    std::string prefix, name;
+    if (args.positional.size() != 2) {
+        return UsageError("get", "expected FILE and PATH");
+    }
+    if (!ReadTypeOption(args, &type)) {
+        return UsageError("get", "unknown type '" + args.Get("--type") + "'");
+    }
+    if (args.Has("--attr") && !SplitAttrName(args.Get("--attr"), prefix, name)) {
+        return UsageError("get", "empty attribute name");
+    }
+    const std::string &file = args.positional[0];
+    const std::string &path = args.positional[1];
+    Tree tree;
+    XmlNode *node = nullptr;
+    if (!Parse(file, args.Has("--heap"), tree) || !Locate(file, tree.get(), path, &node)) {
+        return kExitFailed;
+    }
+
+    std::string subject = path + (args.Has("--attr") ? "@" + args.Get("--attr") : std::string());
+    std::string text;
+    uint32_t rc;
+    if (type != nullptr) {
+        TypedStorage v{};
+        rc = args.Has("--attr") ? KRV_XML_GetAttrValueEx(node, PrefixArg(prefix), name.c_str(), type->code, &v)
+                                : KRV_XML_GetNodeValueEx(node, type->code, &v);
+        if (rc == KRV_XML_OK) {
+            text = FormatTyped(*type, v);
+        }
+    } else {
+        const char *value = nullptr;
+        rc = args.Has("--attr") ? KRV_XML_GetAttr(node, PrefixArg(prefix), name.c_str(), &value)
+                                : KRV_XML_GetNodeValue(node, nullptr, nullptr, nullptr, &value);
+        if (rc == KRV_XML_OK && value != nullptr) {
+            text = value;
+        }
+    }
+    if (rc != KRV_XML_OK) {
+        ReportFailure(file, std::string("read ") + (type ? type->name : "value") + " of '" + subject + "'", rc);
+        return kExitFailed;
+    }
+    return WriteStdout(text + "\n") ? kExitOk : kExitFailed;
+}
+
+int RunSet(const Args &args)
+{
+    const TypeInfo *type;
+    std::string prefix, name;
+    if (args.positional.size() != 3) {
+        return UsageError("set", "expected FILE, PATH and VALUE");
+    }
+    if (!ReadTypeOption(args, &type)) {
+        return UsageError("set", "unknown type '" + args.Get("--type") + "'");
+    }
+    if (args.Has("--attr") && !SplitAttrName(args.Get("--attr"), prefix, name)) {
+        return UsageError("set", "empty attribute name");
+    }
+    const std::string &file = args.positional[0];
+    const std::string &path = args.positional[1];
+    const std::string &value = args.positional[2];
+    TypedStorage typed{};
+    if (type != nullptr && !ParseTyped(*type, value, typed)) {
+        return UsageError("set", "'" + value + "' is not a " + type->name + " value");
+    }
+    std::string out = args.Has("-o") ? args.Get("-o") : file;
+    if (out.empty()) {
+        return UsageError("set", "empty output file name");
+    }
+
+    bool heap = args.Has("--heap");
+    Tree tree;
+    XmlNode *node = nullptr;
+    if (!Parse(file, heap, tree) || !Locate(file, tree.get(), path, &node)) {
+        return kExitFailed;
+    }
+
+    uint32_t rc;
+    const char *p = PrefixArg(prefix);
+    if (args.Has("--attr")) {
+        if (type != nullptr) {
+            rc = KRV_XML_SetAttrValueEx(node, p, name.c_str(), type->code, &typed);
+        } else {
+            rc = KRV_XML_SetAttr(node, p, name.c_str(), value.c_str());
+            if (rc == KRV_XML_ERR_NOT_FOUND) {
+                rc = KRV_XML_AddAttr(node, p, name.c_str(), value.c_str());
+            }
+        }
+    } else if (type != nullptr) {
+        rc = KRV_XML_SetNodeValueEx(node, type->code, &typed);
+    } else {
+        rc = KRV_XML_SetNode(node, nullptr, nullptr, value.c_str());
+    }
+    if (rc != KRV_XML_OK) {
+        std::string subject = path + (args.Has("--attr") ? "@" + args.Get("--attr") : std::string());
+        ReportFailure(file, "set '" + subject + "'", rc);
+        return kExitFailed;
+    }
+
+    std::string text;
+    rc = Print(tree.get(), 0, heap, text);
+    if (rc != KRV_XML_OK) {
+        ReportFailure(file, "print", rc);
+        return kExitFailed;
+    }
+    if (out == "-") {
+        return WriteStdout(text) ? kExitOk : kExitFailed;
+    }
+    std::string error;
+    if (!WriteFileAtomically(out, text, error)) {
+        std::fprintf(stderr, "krvxml: %s: write: %s\n", out.c_str(), error.c_str());
+        return kExitFailed;
+    }
+    return kExitOk;
+}
+
+int RunPrint(const Args &args)
+{
+    if (args.positional.empty() || args.positional.size() > 2) {
+        return UsageError("print", "expected FILE and at most one PATH");
+    }
+    if (args.Has("--head") && args.Has("--tail")) {
+        return UsageError("print", "--head and --tail exclude each other");
+    }
+    const std::string &file = args.positional[0];
+    bool heap = args.Has("--heap");
+    Tree tree;
+    XmlNode *top = nullptr;
+    if (!Parse(file, heap, tree)) {
+        return kExitFailed;
+    }
+    bool wholeDocument = args.positional.size() == 1;
+    if (wholeDocument) {
+        top = tree.get();
+    } else if (!Locate(file, tree.get(), args.positional[1], &top)) {
+        return kExitFailed;
+    }
+    int mode = args.Has("--head") ? 1 : args.Has("--tail") ? 2 : 0;
+    std::string text;
+    uint32_t rc = Print(top, mode, heap && wholeDocument && mode == 0, text);
+    if (rc != KRV_XML_OK) {
+        ReportFailure(file, "print", rc);
+        return kExitFailed;
+    }
+    return WriteStdout(text) ? kExitOk : kExitFailed;
+}
+
+}  // namespace krvtool

@@ -1,0 +1,74 @@
+// Shared pieces of the krvxml tool: result code names, reading input,
+// parsing with position reports, and the atomic file write.
+#ifndef KRVXML_TOOL_SUPPORT_H
+#define KRVXML_TOOL_SUPPORT_H
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "krv_xml.h"
+
+namespace krvtool {
+
+// Exit codes of every command.
+constexpr int kExitOk = 0;
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+// "KRV_XML_ERR_SYNTAX" for 0x1F000705 and so on; "unknown result 0x..." for a
+// code the tool does not know.
+std::string ResultName(uint32_t code);
+
+// Prints "krvxml: <subject>: <operation>: <result name>" to stderr.
+void ReportFailure(const std::string &subject, const std::string &operation, uint32_t code);
+
+// An owning handle for a tree root: released with KRV_XML_FreeNode.
+class Tree {
+public:
+    Tree() = default;
+    ~Tree() { KRV_XML_FreeNode(root_); }
+    Tree(const Tree &) = delete;
+    Tree &operator=(const Tree &) = delete;
+    XmlNode *get() const { return root_; }
+    XmlNode **out() { return &root_; }  // only while empty
+    XmlNode *release()
+    {
+        XmlNode *p = root_;
+        root_ = nullptr;
+        return p;
+    }
+
+private:
+    XmlNode *root_ = nullptr;
+};
+
+// Where a refused parse stopped. `line` is 0 when the library gives no
+// position.
+struct ParseFailure {
+    uint32_t code = KRV_XML_OK;
+    uint32_t line = 0;
+    uint32_t column = 0;
+    std::string reason;
+};
+
+// Parses FILE ("-" reads standard input) into `tree`, in a memory session
+// unless `heap`. On failure fills `failure` and returns its code.
+uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure &failure);
+
+// Prints a parse failure the way compilers do, after `lead`:
+// "FILE:LINE:COLUMN: reason (CODE)" when the position is known, else
+// "FILE: CODE". Standard input shows as "<stdin>".
+void PrintParseFailure(std::FILE *stream, const char *lead, const std::string &file,
+                       const ParseFailure &failure);
+
+// Replaces the file at `path` with `text`: the text goes to a new file beside
+// it, which is flushed to disk and renamed over the old one, so a reader sees
+// either the old or the new content whole. The old file's permission bits
+// are kept. On failure returns false with a message in `error` and leaves
+// the old file as it was.
+bool WriteFileAtomically(const std::string &path, const std::string &text, std::string &error);
+
+}  // namespace krvtool
+
+#endif  // KRVXML_TOOL_SUPPORT_H
