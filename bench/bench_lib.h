@@ -59,7 +59,7 @@ struct HeapCount {
 };
 void HeapCountStart();
 HeapCount HeapCountStop();
-bool HeapCountExact();  // false when only mallinfo2 deltas are available
+bool HeapCountExact();  // false in sanitizer builds: HeapCountStop gives -1s
 
 // Appends s to out as a JSON string literal.
 void JsonString(std::string &out, const std::string &s);
