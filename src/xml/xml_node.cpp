@@ -169,11 +169,9 @@ void *XML_MemSpecialMalloc(XmlMemSession *session, int32_t n)
     n = (n + 7) & ~7;  // records are carved from the same blocks as strings
     XmlMemSession *fit = findFirstFit(session, n);
     if (fit != nullptr) {
-        void *p = carve(fit, n);
-        if (session->index != nullptr && fit != session->firstNonFull) {
-            indexSet(session->index, fit->ordinal, fit->freeBytes);
-        }
-        return p;
+        // The block's leaf in the index is left as it was: stale-high leaves
+        // are allowed and mended by the next query they would mislead.
+        return carve(fit, n);
     }
     XmlMemSession *last = session->lastBlock;
     int32_t capacity = last->capacity;
