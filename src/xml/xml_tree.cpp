@@ -428,25 +428,14 @@ uint32_t KRV_XML_AddAttr(XmlNode *element, const char *prefix, const char *name,
         xmlReleaseTo(root->mem, attr);
         return rc;
     }
-    // One pass finds both a duplicate and the end of the list.
-    XmlNode *last = nullptr;
-    for (XmlNode *a = element->firstAttr; a != nullptr; a = a->next) {
-        if (sameText(a->nsPrefix, attr->nsPrefix) && sameText(a->name, attr->name)) {
-            // Never linked: freed with its strings in a heap tree, left to
-            // the session otherwise.
-            if (root->mem == nullptr) {
-                XML_FreeSingleNode(attr);
-            }
-            return KRV_XML_ERR_ALREADY_EXISTS;
+    if (XML_AddAttrNode(attr, element) != KRV_XML_OK) {
+        // A duplicate, never linked: freed with its strings in a heap tree,
+        // left to the session otherwise.
+        if (root->mem == nullptr) {
+            XML_FreeSingleNode(attr);
         }
-        last = a;
+        return KRV_XML_ERR_ALREADY_EXISTS;
     }
-    if (last == nullptr) {
-        element->firstAttr = attr;
-    } else {
-        last->next = attr;
-    }
-    attr->parent = element;
     if (root->ownsSession == 1 && attr->nameOwned == 1) {
         XML_InternName(root, attr);
     }
