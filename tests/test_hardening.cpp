@@ -288,23 +288,6 @@ TEST(AllocationFailure, EveryAllocatingCallFailsCleanly)
 // ---------------------------------------------------------------------------
 // Hostile inputs.
 
-// Runs fn on a thread whose stack is only 256 KiB, so that any recursion that
-// follows the input's depth overflows here instead of hiding in a big stack.
-void RunOnSmallStack(const std::function<void()> &fn)
-{
-    pthread_attr_t attr;
-    ASSERT_EQ(pthread_attr_init(&attr), 0);
-    ASSERT_EQ(pthread_attr_setstacksize(&attr, 256 * 1024), 0);
-    pthread_t thread;
-    auto body = [](void *arg) -> void * {
-        (*static_cast<const std::function<void()> *>(arg))();
-        return nullptr;
-    };
-    ASSERT_EQ(pthread_create(&thread, &attr, body, const_cast<std::function<void()> *>(&fn)), 0);
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attr);
-}
-
 TEST(HostileInput, MillionDeepNestingOnASmallStack)
 {
     constexpr size_t kDepth = 1000000;
@@ -333,7 +316,7 @@ TEST(HostileInput, MillionDeepNestingOnASmallStack)
     for (bool session : {false, true}) {
         SCOPED_TRACE(session ? "session" : "heap");
         krvtest::LeakGuard guard;
-        RunOnSmallStack([&] {
+        krvtest::OnSmallStack([&] {
             XmlNode *doc = nullptr;
             ASSERT_EQ(session ? KRV_XML_ParseEx(text.c_str(), &doc) : KRV_XML_Parse(text.c_str(), &doc),
                       KRV_XML_OK);
@@ -386,7 +369,7 @@ TEST(HostileInput, DeepChainBuiltThroughTheInterface)
 {
     krvtest::LeakGuard guard;
     constexpr size_t kDepth = 1000000;
-    RunOnSmallStack([&] {
+    krvtest::OnSmallStack([&] {
         XmlNode *top = nullptr;
         ASSERT_EQ(KRV_XML_CreateNode(KRV_XML_NODE_ELEMENT, nullptr, "c", "leaf", &top), KRV_XML_OK);
         for (size_t i = 1; i < kDepth; ++i) {

@@ -12,19 +12,6 @@
 
 namespace {
 
-// Appends child under parent by setting the links directly.
-void linkChild(XmlNode *parent, XmlNode *child)
-{
-    child->parent = parent;
-    child->prev = parent->lastChild;
-    if (parent->lastChild != nullptr) {
-        parent->lastChild->next = child;
-    } else {
-        parent->firstChild = child;
-    }
-    parent->lastChild = child;
-}
-
 XmlNode *heapElement(const char *name, const char *value = nullptr)
 {
     XmlNode *node = nullptr;
@@ -186,7 +173,7 @@ TEST(Routing, SessionOwnedTest)
     ASSERT_EQ(KRV_XML_CreateNodeEx(doc->mem, KRV_XML_NODE_ELEMENT, nullptr, "c", nullptr, &child),
               KRV_XML_OK);
     EXPECT_EQ(xmlSessionOf(child), doc->mem) << "an element root carved from a session";
-    linkChild(doc, child);
+    krvtest::LinkChild(doc, child);
     XmlNode *attr = XML_NewNode(doc->mem, KRV_XML_NODE_ATTRIBUTE);
     EXPECT_EQ(xmlSessionOf(attr), nullptr) << "an attribute without owner";
     ASSERT_EQ(XML_AddAttrNode(attr, child), KRV_XML_OK);
@@ -314,7 +301,7 @@ TEST(NodeStore, ReplacingAnInternedNameReleasesNothing)
     XmlNode *doc = nullptr;
     ASSERT_EQ(KRV_XML_CreateNode(12, nullptr, "d", nullptr, &doc), KRV_XML_OK);
     XmlNode *child = heapElement("item");
-    linkChild(doc, child);
+    krvtest::LinkChild(doc, child);
     XML_InternName(doc, child);
     ASSERT_EQ(child->name, doc->nameTable[0]);
     ASSERT_EQ(child->nameOwned, 0);
@@ -333,9 +320,9 @@ TEST(NodeStore, RemoveNodeUnlinks)
     XmlNode *c = heapElement("c");
     EXPECT_EQ(KRV_XML_RemoveNode(root), KRV_XML_ERR_INVALID_PARAM) << "not linked anywhere";
     EXPECT_EQ(KRV_XML_RemoveNode(nullptr), KRV_XML_ERR_INVALID_PARAM);
-    linkChild(root, a);
-    linkChild(root, b);
-    linkChild(root, c);
+    krvtest::LinkChild(root, a);
+    krvtest::LinkChild(root, b);
+    krvtest::LinkChild(root, c);
     ASSERT_EQ(KRV_XML_RemoveNode(b), KRV_XML_OK);
     EXPECT_EQ(a->next, c);
     EXPECT_EQ(c->prev, a);
@@ -360,9 +347,9 @@ TEST(NodeStore, FreeNodeReleasesOnlyTheNodeAndItsSubtree)
     XmlNode *root = heapElement("r");
     XmlNode *kids[3] = {heapElement("a", "1"), heapElement("b"), heapElement("c")};
     for (XmlNode *k : kids) {
-        linkChild(root, k);
+        krvtest::LinkChild(root, k);
     }
-    linkChild(kids[1], heapElement("deep"));
+    krvtest::LinkChild(kids[1], heapElement("deep"));
     XmlNode *attr = XML_NewNode(nullptr, KRV_XML_NODE_ATTRIBUTE);
     ASSERT_EQ(XML_SetNode(nullptr, attr, "p", "x", "1"), KRV_XML_OK);
     ASSERT_EQ(XML_AddAttrNode(attr, kids[1]), KRV_XML_OK);
@@ -403,7 +390,7 @@ TEST(NodeStore, DocumentReleaseByRegime)
     // linked in by hand survives.
     ASSERT_EQ(KRV_XML_CreateNodeEx(nullptr, 12, nullptr, "d", nullptr, &doc), KRV_XML_OK);
     XmlNode *heapChild = heapElement("h", "v");
-    linkChild(doc, heapChild);
+    krvtest::LinkChild(doc, heapChild);
     long live = krv_test::LiveBlocks();
     KRV_XML_FreeNode(doc);
     EXPECT_EQ(krv_test::LiveBlocks(), live - 1) << "only the session block went";
@@ -420,7 +407,7 @@ TEST(NodeStore, DeepChainIsFreedWithoutRecursion)
     for (int i = 0; i < kDepth; ++i) {
         XmlNode *child = XML_NewNode(nullptr, 0);
         ASSERT_NE(child, nullptr);
-        linkChild(cur, child);
+        krvtest::LinkChild(cur, child);
         cur = child;
     }
     krvtest::OnSmallStack([root] { KRV_XML_FreeNode(root); });

@@ -63,6 +63,21 @@ long SweepAllocationFailures(Setup setup, Attempt attempt, Finish finish)
     return -1;
 }
 
+// Appends child under parent by setting the links directly, for tests that
+// build trees without the insertion functions. Returns the child.
+inline XmlNode *LinkChild(XmlNode *parent, XmlNode *child)
+{
+    child->parent = parent;
+    child->prev = parent->lastChild;
+    if (parent->lastChild != nullptr) {
+        parent->lastChild->next = child;
+    } else {
+        parent->firstChild = child;
+    }
+    parent->lastChild = child;
+    return child;
+}
+
 // Runs fn on a thread with a 256 KiB stack: a walk that recursed once per
 // level of a deep tree would overflow it.
 inline void OnSmallStack(const std::function<void()> &fn)

@@ -2,7 +2,6 @@
 // file), escaping of values and the growable output buffer.
 #include <gtest/gtest.h>
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -299,27 +298,18 @@ TEST(Transform, DeepChainAndLongAttributeListUseConstantStack)
     for (int i = 1; i < kDepth; ++i) {
         top = el("d", nullptr, {top});
     }
-    struct Job { XmlNode *top; std::string text[3]; } job{top, {}};
-    auto body = [](void *arg) -> void * {
-        auto *j = static_cast<Job *>(arg);
+    std::string text[3];
+    krvtest::OnSmallStack([&] {
         for (int mode = 0; mode < 3; ++mode) {
-            j->text[mode] = run(kStringForms[mode], j->top);
+            text[mode] = run(kStringForms[mode], top);
         }
-        return nullptr;
-    };
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setstacksize(&attr, 256 * 1024);
-    pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, &attr, body, &job), 0);
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attr);
+    });
 
     const std::string leaf = "<d k=\"v\"" + repeat(" k=\"v\"", kAttrs - 1);
     const std::string opens = repeat("<d>\n", kDepth - 1), closes = repeat("</d>\n", kDepth - 1);
     const std::string expected[] = {opens + leaf + "/>\n" + closes, opens + leaf + ">\n", "</d>\n" + closes};
     for (int mode = 0; mode < 3; ++mode) {
-        EXPECT_TRUE(job.text[mode] == expected[mode]) << mode << ": " << job.text[mode].substr(0, 80);
+        EXPECT_TRUE(text[mode] == expected[mode]) << mode << ": " << text[mode].substr(0, 80);
     }
     KRV_XML_FreeNode(top);
 }

@@ -45,19 +45,6 @@ XmlNode *newElement(const char *name, const char *prefix = nullptr, XmlMemSessio
     return node;
 }
 
-XmlNode *appendChild(XmlNode *parent, XmlNode *child)
-{
-    child->parent = parent;
-    child->prev = parent->lastChild;
-    if (parent->lastChild != nullptr) {
-        parent->lastChild->next = child;
-    } else {
-        parent->firstChild = child;
-    }
-    parent->lastChild = child;
-    return child;
-}
-
 XmlNode *addAttr(XmlNode *element, const char *prefix, const char *name, const char *value)
 {
     XmlNode *attr = XML_NewNode(element->mem, KRV_XML_NODE_ATTRIBUTE);
@@ -168,7 +155,7 @@ TEST(TypedValue, WrittenValuesReadBackUnchanged)
     std::mt19937 rng(20261123u);
     XmlNode *doc = nullptr;
     ASSERT_EQ(KRV_XML_CreateNodeEx(nullptr, KRV_XML_NODE_DOCUMENT, nullptr, "doc", nullptr, &doc), KRV_XML_OK);
-    XmlNode *nodes[] = {newElement("heap"), appendChild(doc, newElement("s", nullptr, doc->mem))};
+    XmlNode *nodes[] = {newElement("heap"), krvtest::LinkChild(doc, newElement("s", nullptr, doc->mem))};
     for (uint32_t type = kBool; type <= kU8; ++type) {
         for (int i = 0; i < 400; ++i) {
             XmlNode *node = nodes[i % 2];
@@ -234,7 +221,7 @@ TEST(TypedValue, WriterOwnsTheNewTextInTheTreesRegime)
     // attribute values, and names of new attributes (interned when short).
     XmlNode *doc = nullptr;
     ASSERT_EQ(KRV_XML_CreateNodeEx(nullptr, KRV_XML_NODE_DOCUMENT, nullptr, "doc", nullptr, &doc), KRV_XML_OK);
-    XmlNode *item = appendChild(doc, newElement("item", nullptr, doc->mem));
+    XmlNode *item = krvtest::LinkChild(doc, newElement("item", nullptr, doc->mem));
     XmlNode *attr = addAttr(item, nullptr, "a", "1");
     live = krv_test::LiveBlocks();
     const uint32_t u = 42;
@@ -335,7 +322,7 @@ TEST(TypedValue, AttrWriterAddsOnlyUnderARootWithoutSiblings)
     XmlNode *second = newElement("r2");
     first->next = second;
     second->prev = first;
-    XmlNode *child = appendChild(first, newElement("c"));
+    XmlNode *child = krvtest::LinkChild(first, newElement("c"));
     XmlNode *x = addAttr(child, nullptr, "x", "1");
     const uint8_t nine = 9;
     EXPECT_EQ(KRV_XML_SetAttrValueEx(child, nullptr, "y", kU8, &nine), KRV_XML_ERR_INVALID_PARAM);
@@ -355,14 +342,14 @@ TEST(TypedValue, SettersSurviveEveryAllocationFailure)
     const int32_t v = 123;
     auto heapTree = [] {
         XmlNode *root = newElement("r");
-        return Tree{root, appendChild(root, newElement("e"))};
+        return Tree{root, krvtest::LinkChild(root, newElement("e"))};
     };
     // A session document whose block keeps `room` free bytes, so that the
     // session has to grow at a chosen point of the call.
     auto sessionTree = [](int32_t room) {
         XmlNode *doc = nullptr;
         EXPECT_EQ(KRV_XML_CreateNodeEx(nullptr, KRV_XML_NODE_DOCUMENT, nullptr, "d", nullptr, &doc), KRV_XML_OK);
-        XmlNode *el = appendChild(doc, newElement("e", nullptr, doc->mem));
+        XmlNode *el = krvtest::LinkChild(doc, newElement("e", nullptr, doc->mem));
         EXPECT_NE(XML_MemSpecialMalloc(doc->mem, doc->mem->freeBytes - room), nullptr);
         return Tree{doc, el};
     };
@@ -433,7 +420,7 @@ TEST(TypedValue, SettersSurviveEveryAllocationFailure)
             XmlNode *doc = nullptr;
             ASSERT_EQ(KRV_XML_CreateNodeEx(nullptr, KRV_XML_NODE_DOCUMENT, nullptr, "d", nullptr, &doc),
                       KRV_XML_OK);
-            t = Tree{doc, appendChild(doc, newElement("e", nullptr, doc->mem))};
+            t = Tree{doc, krvtest::LinkChild(doc, newElement("e", nullptr, doc->mem))};
         }
         if (e.prepare != nullptr) {
             e.prepare(t);
@@ -473,14 +460,14 @@ namespace {
 // config: server, port, server, version.2, 1a, a\b, .hidden, <no name>
 struct ConfigTree {
     XmlNode *config = newElement("config");
-    XmlNode *server1 = appendChild(config, newElement("server"));
-    XmlNode *port = appendChild(config, newElement("port"));
-    XmlNode *server2 = appendChild(config, newElement("server"));
-    XmlNode *version = appendChild(config, newElement("version.2"));
-    XmlNode *digitsName = appendChild(config, newElement("1a"));
-    XmlNode *backslash = appendChild(config, newElement("a\\b"));
-    XmlNode *dotName = appendChild(config, newElement(".hidden"));
-    XmlNode *nameless = appendChild(config, newElement(nullptr));
+    XmlNode *server1 = krvtest::LinkChild(config, newElement("server"));
+    XmlNode *port = krvtest::LinkChild(config, newElement("port"));
+    XmlNode *server2 = krvtest::LinkChild(config, newElement("server"));
+    XmlNode *version = krvtest::LinkChild(config, newElement("version.2"));
+    XmlNode *digitsName = krvtest::LinkChild(config, newElement("1a"));
+    XmlNode *backslash = krvtest::LinkChild(config, newElement("a\\b"));
+    XmlNode *dotName = krvtest::LinkChild(config, newElement(".hidden"));
+    XmlNode *nameless = krvtest::LinkChild(config, newElement(nullptr));
     ~ConfigTree() { KRV_XML_FreeNode(config); }
 };
 
@@ -533,10 +520,10 @@ TEST(PathLookup, IndexesEscapesAndSeparators)
 TEST(PathLookup, PrefixesInSegments)
 {
     XmlNode *root = newElement("root", "p");
-    XmlNode *nameless = appendChild(root, newElement(nullptr, "q"));
-    XmlNode *item = appendChild(root, newElement("item", "q"));
-    XmlNode *colon = appendChild(root, newElement("a:b"));
-    XmlNode *plain = appendChild(root, newElement("plain"));
+    XmlNode *nameless = krvtest::LinkChild(root, newElement(nullptr, "q"));
+    XmlNode *item = krvtest::LinkChild(root, newElement("item", "q"));
+    XmlNode *colon = krvtest::LinkChild(root, newElement("a:b"));
+    XmlNode *plain = krvtest::LinkChild(root, newElement("plain"));
     (void)nameless;
     expectPaths(root, {
         {"root", root, kOk}, {"p:root", root, kOk}, {"q:root", nullptr, kMissing}, {"p:", nullptr, kMissing},
@@ -551,8 +538,8 @@ TEST(PathLookup, LengthLimitArgumentsAndCallersPath)
     krvtest::LeakGuard guard;
     ConfigTree t;
     const std::string name504(504, 'x');
-    XmlNode *longChild = appendChild(t.config, newElement(name504.c_str()));
-    appendChild(t.config, newElement((name504 + "y").c_str()));
+    XmlNode *longChild = krvtest::LinkChild(t.config, newElement(name504.c_str()));
+    krvtest::LinkChild(t.config, newElement((name504 + "y").c_str()));
     std::string path511 = "config." + name504;
     ASSERT_EQ(path511.size(), 511u);
     expectPaths(t.config, {
