@@ -115,7 +115,7 @@ int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char
         return static_cast<int32_t>(KRV_XML_ERR_SYNTAX);
     }
     char *buf = session != nullptr
-                    ? static_cast<char *>(XML_MemSpecialMalloc(session, static_cast<int32_t>(len + 1)))
+                    ? static_cast<char *>(xmlSessionTake(session, static_cast<int32_t>(len + 1)))
                     : static_cast<char *>(krvHeapMalloc(static_cast<size_t>(len + 1)));
     *out = buf;
     if (buf == nullptr) {

@@ -54,6 +54,21 @@ struct XmlMemSession {
 // Every session in the library starts with this many bytes.
 constexpr int32_t kSessionInitialSize = 8192;
 
+// XML_MemSpecialMalloc with its common case inline: when the first block that
+// still has room can take the request, it is the first fit. n > 0.
+inline void *xmlSessionTake(XmlMemSession *session, int32_t n)
+{
+    int32_t rounded = (n + 7) & ~7;
+    XmlMemSession *block = session->firstNonFull;
+    if (block != nullptr && block->freeBytes >= rounded && n <= (1 << 30)) {
+        uint8_t *p = block->cursor;
+        block->cursor += rounded;
+        block->freeBytes -= rounded;
+        return p;
+    }
+    return XML_MemSpecialMalloc(session, n);
+}
+
 // The session that owns the tree of `context`, or null when that tree is not
 // session-owned (a null context, an ownerless attribute on the way up, a top
 // record with a sibling, or a top record without `mem`).

@@ -308,7 +308,7 @@ char *XML_Strdup(XmlNode *context, const char *text)
 XmlNode *XML_NewNode(XmlMemSession *session, int32_t kind)
 {
     size_t size = xmlRecordSize(kind);
-    void *raw = session != nullptr ? XML_MemSpecialMalloc(session, static_cast<int32_t>(size))
+    void *raw = session != nullptr ? xmlSessionTake(session, static_cast<int32_t>(size))
                                    : krvHeapMalloc(size);
     if (raw == nullptr) {
         return nullptr;
