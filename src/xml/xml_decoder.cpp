@@ -129,14 +129,15 @@ int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char
     const char *at = nullptr;
     while (s < end) {
         // Copy the plain stretch up to the next '&' or '<' in one go.
-        const char *stop = s;
-        while (stop < end && *stop != '&' && *stop != '<') {
-            ++stop;
-        }
+        const char *stop = findByte(s, end, '&', '<', '&');
         if (stop != s) {
             std::memcpy(d, s, static_cast<size_t>(stop - s));
             d += stop - s;
             s = stop;
+            continue;
+        }
+        if (*s == '\0') {
+            *d++ = *s++;  // the scan also stops at NUL, which is plain here
             continue;
         }
         if (*s == '<') {
@@ -208,6 +209,25 @@ int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char
     return KRV_XML_OK;
 }
 
+int32_t xmlStoreRunOutOfLine(XmlMemSession *session, const char *src, uint64_t len, bool plain,
+                             char **out, XmlParseDiag *diag)
+{
+    if (!plain || len == 0 || len > kMaxRun) {
+        return xmlDecodeRun(session, src, len, out, diag);
+    }
+    char *buf = session != nullptr
+                    ? static_cast<char *>(xmlSessionTake(session, static_cast<int32_t>(len + 1)))
+                    : static_cast<char *>(krvHeapMalloc(static_cast<size_t>(len + 1)));
+    *out = buf;
+    if (buf == nullptr) {
+        note(diag, src, "out of memory");
+        return static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY);
+    }
+    std::memcpy(buf, src, static_cast<size_t>(len));
+    buf[len] = '\0';
+    return KRV_XML_OK;
+}
+
 int32_t Parser_CopyBufToString(XmlMemSession *session, const char *src, uint32_t len, char **out)
 {
     return xmlDecodeRun(session, src, len, out, nullptr);
@@ -216,24 +236,27 @@ int32_t Parser_CopyBufToString(XmlMemSession *session, const char *src, uint32_t
 // ===== Namespace prefixes ==================================================
 
 int32_t xmlSplitName(XmlMemSession *session, const char *text, uint32_t length, char **prefix,
-                  char **name, bool copyName, XmlParseDiag *diag)
+                  char **name, bool copyName, XmlParseDiag *diag, bool plain,
+                  const char *const *knownColon)
 {
     const char *colon =
-        length != 0 ? static_cast<const char *>(std::memchr(text, ':', length)) : nullptr;
+        knownColon != nullptr ? *knownColon
+        : length != 0         ? static_cast<const char *>(std::memchr(text, ':', length))
+                              : nullptr;
     if (colon == nullptr) {
-        return copyName ? xmlDecodeRun(session, text, length, name, diag) : KRV_XML_OK;
+        return copyName ? xmlStoreRun(session, text, length, plain, name, diag) : KRV_XML_OK;
     }
     uint32_t i = static_cast<uint32_t>(colon - text);
     if (i == 0 || i == length - 1) {
         note(diag, text, "colon at the start or end of a name");
         return static_cast<int32_t>(KRV_XML_ERR_SYNTAX);
     }
-    int32_t rc = xmlDecodeRun(session, text, i, prefix, diag);
+    int32_t rc = xmlStoreRun(session, text, i, plain, prefix, diag);
     if (rc != KRV_XML_OK) {
         return rc;
     }
     if (copyName) {
-        rc = xmlDecodeRun(session, colon + 1, length - i - 1, name, diag);
+        rc = xmlStoreRun(session, colon + 1, length - i - 1, plain, name, diag);
         if (rc != KRV_XML_OK) {
             if (session == nullptr) {
                 krvHeapFree(*prefix);

@@ -54,19 +54,26 @@ struct XmlMemSession {
 // Every session in the library starts with this many bytes.
 constexpr int32_t kSessionInitialSize = 8192;
 
-// XML_MemSpecialMalloc with its common case inline: when the first block that
-// still has room can take the request, it is the first fit. n > 0.
-inline void *xmlSessionTake(XmlMemSession *session, int32_t n)
+// The common case of XML_MemSpecialMalloc: when the first block that still
+// has room can take `rounded` bytes (a multiple of 8, at most 2^30), it is
+// the first fit. Null when the full search is needed.
+inline void *xmlSessionTryTake(XmlMemSession *session, int32_t rounded)
 {
-    int32_t rounded = (n + 7) & ~7;
     XmlMemSession *block = session->firstNonFull;
-    if (block != nullptr && block->freeBytes >= rounded && n <= (1 << 30)) {
+    if (block != nullptr && block->freeBytes >= rounded) {
         uint8_t *p = block->cursor;
         block->cursor += rounded;
         block->freeBytes -= rounded;
         return p;
     }
-    return XML_MemSpecialMalloc(session, n);
+    return nullptr;
+}
+
+// XML_MemSpecialMalloc with its common case inline. n > 0.
+inline void *xmlSessionTake(XmlMemSession *session, int32_t n)
+{
+    void *p = n <= (1 << 30) ? xmlSessionTryTake(session, (n + 7) & ~7) : nullptr;
+    return p != nullptr ? p : XML_MemSpecialMalloc(session, n);
 }
 
 // The session that owns the tree of `context`, or null when that tree is not

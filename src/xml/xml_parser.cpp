@@ -65,18 +65,47 @@ uint32_t KRV_XML_RegFileFunc(KrvXmlFopenFn openFn, KrvXmlFseekFn seekFn, KrvXmlF
 
 namespace {
 
-// The in-place split of an element's own name, when it closes.
-int32_t splitElement(XmlParser *p, XmlNode *element, const char *at)
+// The in-place split of an element's own name (length bytes), when it
+// closes: the prefix is copied out (and decoded once more, as every copy is)
+// and the local name moves to the front of the string.
+// colonAt, when not kColonUnknown, is where the name's first colon is (-1:
+// none), known from a scan of the same bytes that also found no '&'.
+constexpr int64_t kColonUnknown = -2;
+
+int32_t splitElement(XmlParser *p, XmlNode *element, uint32_t length, const char *at,
+                     int64_t colonAt = kColonUnknown)
 {
-    uint32_t length = static_cast<uint32_t>(std::strlen(element->name));
-    int32_t rc = xmlSplitName(p->session, element->name, length, &element->nsPrefix,
-                              &element->name, false, nullptr);
+    char *name = element->name;
+    uint32_t i = 0;
+    bool plain = true;
+    if (colonAt == kColonUnknown) {
+        while (i < length && name[i] != ':') {
+            plain = plain && name[i] != '&' && name[i] != '<';
+            ++i;
+        }
+    } else {
+        i = colonAt < 0 ? length : static_cast<uint32_t>(colonAt);
+    }
+    if (i == length) {
+        return KRV_XML_OK;
+    }
+    int32_t rc = static_cast<int32_t>(KRV_XML_ERR_SYNTAX);
+    if (i != 0 && i != length - 1) {
+        rc = xmlStoreRun(p->session, name, i, plain, &element->nsPrefix, nullptr);
+    }
     if (rc != KRV_XML_OK) {
         note(p, at, rc == static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY)
                         ? "out of memory"
                         : "colon at the start or end of a name");
+        return rc;
     }
-    return rc;
+    std::memmove(name, name + i + 1, length - i);
+    return KRV_XML_OK;
+}
+
+int32_t splitElement(XmlParser *p, XmlNode *element, const char *at)
+{
+    return splitElement(p, element, static_cast<uint32_t>(std::strlen(element->name)), at);
 }
 
 bool sameText(const char *a, const char *b)
@@ -205,6 +234,72 @@ inline bool nextTokenIs(XmlParser *p, char c)
 
 }  // namespace
 
+namespace {
+
+// First half of reading one attribute: a record with its name divided into
+// prefix and local name. Null on failure (noted); nothing is left behind.
+XmlNode *newParsedAttr(XmlParser *p, const char *nameAt, uint32_t nameLen, bool plainName,
+                       int32_t *rc, const char *const *knownColon = nullptr)
+{
+    XmlNode *attr = xmlParserNewNode(p->session, KRV_XML_NODE_ATTRIBUTE);
+    if (attr == nullptr) {
+        note(p, nameAt, "out of memory");
+        *rc = static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY);
+        return nullptr;
+    }
+    *rc = xmlSplitName(p->session, nameAt, nameLen, &attr->nsPrefix, &attr->name, true, p->diag,
+                       plainName, knownColon);
+    attr->nameOwned = 1;
+    if (*rc != KRV_XML_OK) {
+        XML_FreeSingleAttrNode(attr);
+        return nullptr;
+    }
+    return attr;
+}
+
+enum class Dup { Unknown, No, Yes };
+
+// Second half: the value decoded into attr and attr appended to the element
+// unless an equal attribute is there (found here, or already known to the
+// caller). On failure attr is released.
+int32_t finishParsedAttr(XmlParser *p, XmlNode *element, XmlNode *attr, const char *nameAt,
+                         const char *value, uint32_t valueLen, bool plainValue, XmlNode **tail,
+                         uint32_t *count, AttrSet *set, Dup dup = Dup::Unknown)
+{
+    int32_t rc = xmlStoreRun(p->session, value, valueLen, plainValue, &attr->value, p->diag);
+    attr->valueOwned = 1;
+    if (rc == KRV_XML_OK) {
+        AttrStep step = AttrStep::Duplicate;
+        if (dup == Dup::Unknown) {
+            step = appendAttr(element, tail, count, set, attr);
+        } else if (dup == Dup::No) {
+            if (*tail == nullptr) {
+                element->firstAttr = attr;
+            } else {
+                (*tail)->next = attr;
+            }
+            attr->parent = element;
+            *tail = attr;
+            ++*count;
+            step = AttrStep::Ok;
+        }
+        if (step == AttrStep::Ok) {
+            return KRV_XML_OK;
+        }
+        if (step == AttrStep::Duplicate) {
+            note(p, nameAt, "duplicate attribute");
+            rc = static_cast<int32_t>(KRV_XML_ERR_ALREADY_EXISTS);
+        } else {
+            note(p, nameAt, "out of memory");
+            rc = static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY);
+        }
+    }
+    XML_FreeSingleAttrNode(attr);
+    return rc;
+}
+
+}  // namespace
+
 int32_t Parser_processAttribute(XmlParser *p)
 {
     XmlNode *element = p->current;
@@ -218,43 +313,28 @@ int32_t Parser_processAttribute(XmlParser *p)
             break;
         }
         const char *nameAt = p->token;
-        XmlNode *attr = XML_NewNode(p->session, KRV_XML_NODE_ATTRIBUTE);
+        XmlNode *attr = newParsedAttr(p, p->token, p->tokenLen, false, &rc);
         if (attr == nullptr) {
-            note(p, nameAt, "out of memory");
-            rc = static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY);
             break;
         }
-        rc = xmlSplitName(p->session, p->token, p->tokenLen, &attr->nsPrefix, &attr->name, true,
-                       p->diag);
-        attr->nameOwned = 1;
-        if (rc == KRV_XML_OK) {
-            rc = static_cast<int32_t>(KRV_XML_ERR_SYNTAX);
-            const char *quote = nullptr;
-            if (Parser_getNextToken(p) == 0 || !tokenIs(p, '=')) {
-                note(p, nameAt, "attribute without value");
-            } else if (!nextTokenIs(p, '"') && !(p->tokenLen == 1 && p->token[0] == '\'')) {
-                note(p, p->token, "attribute value not quoted");
-            } else if ((quote = std::strchr(p->pos, p->token[0])) == nullptr) {
-                note(p, p->token, "unterminated attribute value");
-            } else if (static_cast<uint64_t>(quote - p->pos) > kMaxRun) {
-                note(p, p->pos, "name, value or text too long");
-            } else {
-                rc = xmlDecodeRun(p->session, p->pos, static_cast<uint64_t>(quote - p->pos),
-                                  &attr->value, p->diag);
-                attr->valueOwned = 1;
-                if (rc == KRV_XML_OK) {
-                    AttrStep step = appendAttr(element, &tail, &count, &set, attr);
-                    if (step == AttrStep::Ok) {
-                        p->pos = quote + 1;
-                    } else if (step == AttrStep::Duplicate) {
-                        note(p, nameAt, "duplicate attribute");
-                        rc = static_cast<int32_t>(KRV_XML_ERR_ALREADY_EXISTS);
-                    } else {
-                        note(p, nameAt, "out of memory");
-                        rc = static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY);
-                    }
-                }
+        rc = static_cast<int32_t>(KRV_XML_ERR_SYNTAX);
+        const char *quote = nullptr;
+        if (Parser_getNextToken(p) == 0 || !tokenIs(p, '=')) {
+            note(p, nameAt, "attribute without value");
+        } else if (!nextTokenIs(p, '"') && !(p->tokenLen == 1 && p->token[0] == '\'')) {
+            note(p, p->token, "attribute value not quoted");
+        } else if ((quote = std::strchr(p->pos, p->token[0])) == nullptr) {
+            note(p, p->token, "unterminated attribute value");
+        } else if (static_cast<uint64_t>(quote - p->pos) > kMaxRun) {
+            note(p, p->pos, "name, value or text too long");
+        } else {
+            rc = finishParsedAttr(p, element, attr, nameAt, p->pos,
+                                  static_cast<uint32_t>(quote - p->pos), false, &tail, &count,
+                                  &set);
+            if (rc != KRV_XML_OK) {
+                break;  // attr was released
             }
+            p->pos = quote + 1;
         }
         if (rc != KRV_XML_OK) {
             XML_FreeSingleAttrNode(attr);
@@ -324,10 +404,25 @@ bool linkElement(XmlParser *p, XmlNode *n, const char *at)
 }
 
 // The end tag's name token must be the open element's whole qualified name.
+// Whether element's whole qualified name is the len bytes at text (which
+// hold no NUL): the same length and the same bytes.
+bool sameName(const XmlNode *element, const char *text, size_t len)
+{
+    const char *name = element->name;
+    if (name == nullptr) {
+        return false;
+    }
+    for (size_t i = 0; i < len; ++i) {
+        if (name[i] != text[i]) {
+            return false;  // also where name ends early: text holds no NUL
+        }
+    }
+    return name[len] == '\0';
+}
+
 bool nameMatches(const XmlParser *p, const XmlNode *element)
 {
-    return element->name != nullptr && std::strlen(element->name) == p->tokenLen &&
-           OSAL_MemCmp(element->name, p->token, p->tokenLen) == 0;
+    return sameName(element, p->token, p->tokenLen);
 }
 
 bool startTag(XmlParser *p)
@@ -339,7 +434,7 @@ bool startTag(XmlParser *p)
     }
     XmlNode *n = p->pending;
     if (n == nullptr) {
-        n = XML_NewNode(p->session, KRV_XML_NODE_ELEMENT);
+        n = xmlParserNewNode(p->session, KRV_XML_NODE_ELEMENT);
         if (n == nullptr) {
             note(p, lt, "out of memory");
             return false;
@@ -383,7 +478,7 @@ bool startTag(XmlParser *p)
 // reads the closing '>'.
 bool closeCurrent(XmlParser *p, const char *nameAt)
 {
-    if (splitElement(p, p->current, nameAt) != KRV_XML_OK) {
+    if (splitElement(p, p->current, p->tokenLen, nameAt) != KRV_XML_OK) {
         return false;
     }
     p->current->nameOwned = 1;
@@ -565,10 +660,395 @@ bool prolog(XmlParser *p)
     return true;
 }
 
+// ----- The fast path -------------------------------------------------------
+//
+// Most markup is plain: a start tag whose attributes are separated by white
+// space only, text without comments or CDATA that runs straight into its
+// end tag, an end tag directly closed by '>'. fastStep reads such a piece in
+// one go, with the same results as the token-by-token steps above. It first
+// scans the whole piece without changing anything, and leaves every other
+// case to those steps (Bail), so failures and their reports stay theirs.
+
+enum class Fast { Done, Bail, Failed };
+
+// A word as the tokenizer cuts it, from a word start; null when it holds a
+// CDATA section. *amp is set when it holds '&'; *colon, when given, receives
+// the first ':' (null for none).
+const char *scanWord(const char *s, bool *amp, const char **colon = nullptr)
+{
+    const char *q = s;
+    const char *firstColon = nullptr;
+    for (;;) {
+        uint8_t cls = kClass.of[static_cast<unsigned char>(*q)];
+        if (cls == 0) {
+            ++q;
+        } else if (cls == kColon) {
+            firstColon = firstColon == nullptr ? q : firstColon;
+            ++q;
+        } else if (cls == kAmp) {
+            *amp = true;
+            ++q;
+        } else if (cls & kStop) {
+            break;
+        } else if ((q[0] == ']' && q[1] == ']' && q[2] == '>') ||
+                   (q[0] == '-' && q[1] == '-' && q[2] == '>') || (q[0] == '/' && q[1] == '>')) {
+            break;
+        } else {
+            ++q;
+        }
+    }
+    if (*q == '<' && startsCdata(q)) {
+        return nullptr;
+    }
+    if (colon != nullptr) {
+        *colon = firstColon;
+    }
+    return q;
+}
+
+// Where the colon of a scanned name is, for splitElement.
+int64_t colonIndex(const char *name, bool amp, const char *colon)
+{
+    return amp ? kColonUnknown : colon == nullptr ? -1 : colon - name;
+}
+
+// An end tag's name and its '>' from `name` on: the name's end, or null when
+// it is not a plain name directly (or after spaces) closed by '>'. *gt
+// receives the '>', *colonAt the colon's place for splitElement.
+const char *scanEndName(const char *name, const char **gt, int64_t *colonAt)
+{
+    bool amp = false;
+    const char *colon = nullptr;
+    if (!isWordStart(*name)) {
+        return nullptr;
+    }
+    const char *end = scanWord(name, &amp, &colon);
+    *colonAt = colonIndex(name, amp, colon);
+    if (end == nullptr || end - name > static_cast<ptrdiff_t>(kMaxRun)) {
+        return nullptr;
+    }
+    const char *q = skipSpace(end);
+    if (*q != '>') {
+        return nullptr;
+    }
+    *gt = q;
+    return end;
+}
+
+struct FastAttr {
+    const char *name;
+    const char *colon;  // first ':' of the name, or null
+    const char *value;
+    uint32_t nameLen;
+    uint32_t valueLen;
+    bool plainName;
+    bool plainValue;
+};
+constexpr int kFastAttrs = 32;
+
+Fast fastStartTag(XmlParser *p)
+{
+    const char *lt = p->pos;
+    const char *name = lt + 1;
+    bool nameAmp = false;
+    const char *nameColon = nullptr;
+    const char *nameEnd = scanWord(name, &nameAmp, &nameColon);
+    if (nameEnd == nullptr || nameEnd - name > static_cast<ptrdiff_t>(kMaxRun)) {
+        return Fast::Bail;
+    }
+    const char *q = nameEnd;
+    FastAttr attrs[kFastAttrs];
+    int count = 0;
+    bool empty;
+    for (;;) {
+        if (*q == '>') {
+            empty = false;
+            ++q;
+            break;
+        }
+        if (q[0] == '/' && q[1] == '>') {
+            empty = true;
+            q += 2;
+            break;
+        }
+        if (!isSpace(*q)) {
+            return Fast::Bail;
+        }
+        q = skipSpace(q);
+        if (*q == '>' || (q[0] == '/' && q[1] == '>')) {
+            continue;
+        }
+        if (!isWordStart(*q) || count == kFastAttrs) {
+            return Fast::Bail;
+        }
+        FastAttr &a = attrs[count];
+        bool amp = false;
+        const char *nameEnd = scanWord(q, &amp, &a.colon);
+        if (nameEnd == nullptr || nameEnd - q > static_cast<ptrdiff_t>(kMaxRun)) {
+            return Fast::Bail;
+        }
+        a.name = q;
+        a.nameLen = static_cast<uint32_t>(nameEnd - q);
+        a.plainName = !amp;
+        q = skipSpace(nameEnd);
+        if (*q != '=') {
+            return Fast::Bail;
+        }
+        q = skipSpace(q + 1);
+        char quote = *q;
+        if (quote != '"' && quote != '\'') {
+            return Fast::Bail;
+        }
+        const char *v = q + 1;
+        const char *close = findByte(v, nullptr, quote, '&', '<');
+        a.plainValue = true;
+        while (*close != quote) {
+            if (*close == '\0') {
+                return Fast::Bail;
+            }
+            a.plainValue = false;
+            close = findByte(close + 1, nullptr, quote, '&', '<');
+        }
+        if (close - v > static_cast<ptrdiff_t>(kMaxRun)) {
+            return Fast::Bail;
+        }
+        a.value = v;
+        a.valueLen = static_cast<uint32_t>(close - v);
+        ++count;
+        q = close + 1;
+    }
+
+    // The tag is well formed as far as scanning can tell: build it in the
+    // order of the token-by-token steps.
+    XmlNode *n = p->pending;
+    if (n == nullptr) {
+        n = xmlParserNewNode(p->session, KRV_XML_NODE_ELEMENT);
+        if (n == nullptr) {
+            note(p, lt, "out of memory");
+            return Fast::Failed;
+        }
+        p->pending = n;
+    }
+    uint32_t nameLen = static_cast<uint32_t>(nameEnd - name);
+    if (xmlStoreRun(p->session, name, nameLen, !nameAmp, &n->name, p->diag) != KRV_XML_OK) {
+        return Fast::Failed;
+    }
+    n->nameOwned = 1;
+    p->tagName = name;
+    if (nameAmp) {
+        nameLen = static_cast<uint32_t>(std::strlen(n->name));  // decoding shortened it
+    }
+    int64_t colonAt = colonIndex(name, nameAmp, nameColon);
+    if (empty && count == 0 && splitElement(p, n, nameLen, name, colonAt) != KRV_XML_OK) {
+        return Fast::Failed;
+    }
+    bool firstChild = p->current != nullptr && (p->openBits & 1u);
+    if (!linkElement(p, n, lt)) {
+        return Fast::Failed;
+    }
+    p->current = n;
+    p->pending = nullptr;
+    p->tokenSeen = 1;
+    if (count == 0) {
+        if (empty) {
+            if (firstChild) {
+                p->openBits <<= 1;
+            }
+            p->state = XML_PARSE_IDLE;
+        } else {
+            p->openBits = (p->openBits << 1) | 1u;
+            ++p->openCount;
+            p->state = XML_PARSE_CONTENT;
+        }
+        p->pos = q;
+        return Fast::Done;
+    }
+    p->openBits = (p->openBits << 1) | 1u;
+    ++p->openCount;
+    p->state = XML_PARSE_ATTRS;
+    XmlNode *tail = nullptr;
+    uint32_t listed = 0;
+    AttrSet set = {nullptr, 0, 0};
+    int32_t rc = KRV_XML_OK;
+    // Names that need no decoding are equal exactly when their bytes are, so
+    // duplicates can be found on the text.
+    bool plainNames = true;
+    for (int i = 0; i < count; ++i) {
+        plainNames = plainNames && attrs[i].plainName;
+    }
+    for (int i = 0; i < count && rc == KRV_XML_OK; ++i) {
+        const FastAttr &a = attrs[i];
+        XmlNode *attr = newParsedAttr(p, a.name, a.nameLen, a.plainName, &rc, &a.colon);
+        if (attr == nullptr) {
+            break;
+        }
+        Dup dup = Dup::Unknown;
+        if (plainNames) {
+            dup = Dup::No;
+            for (int j = 0; j < i && dup == Dup::No; ++j) {
+                if (attrs[j].nameLen == a.nameLen &&
+                    std::memcmp(attrs[j].name, a.name, a.nameLen) == 0) {
+                    dup = Dup::Yes;
+                }
+            }
+        }
+        rc = finishParsedAttr(p, n, attr, a.name, a.value, a.valueLen, a.plainValue, &tail,
+                              &listed, &set, dup);
+    }
+    krvHeapFree(set.slots);
+    if (rc != KRV_XML_OK) {
+        return Fast::Failed;
+    }
+    if (empty) {
+        if (splitElement(p, n, nameLen, name, colonAt) != KRV_XML_OK) {
+            return Fast::Failed;
+        }
+        p->state = XML_PARSE_IDLE;
+        p->openBits &= ~1u;
+        --p->openCount;
+    } else {
+        p->state = XML_PARSE_CONTENT;
+    }
+    p->pos = q;
+    return Fast::Done;
+}
+
+Fast fastEndTag(XmlParser *p)
+{
+    const char *lt = p->pos;
+    const char *name = lt + 2;
+    const char *gt = nullptr;
+    int64_t colonAt = kColonUnknown;
+    const char *nameEnd = scanEndName(name, &gt, &colonAt);
+    if (nameEnd == nullptr) {
+        return Fast::Bail;
+    }
+    uint32_t len = static_cast<uint32_t>(nameEnd - name);
+    XmlNode *cur = p->current;
+    bool closesParent = (p->openBits & 1u) == 0;
+    if (closesParent) {
+        if (cur == nullptr || cur->parent == nullptr) {
+            return Fast::Bail;
+        }
+        cur = cur->parent;
+    }
+    if (!sameName(cur, name, len)) {
+        return Fast::Bail;
+    }
+    char before = lt > p->input ? lt[-1] : '\0';
+    if (closesParent) {
+        p->current = cur;
+        p->openBits >>= 1;
+    }
+    p->openBits &= ~1u;
+    p->tokenSeen = 1;
+    if (splitElement(p, cur, len, name, colonAt) != KRV_XML_OK) {
+        return Fast::Failed;
+    }
+    cur->nameOwned = 1;
+    if (before != '>' && p->state == XML_PARSE_CONTENT) {
+        const char *open = lt - 1;
+        while (*open != '>') {
+            --open;
+        }
+        if (xmlDecodeRun(p->session, open + 1, static_cast<uint64_t>(lt - open - 1), &cur->value,
+                         p->diag) != KRV_XML_OK) {
+            return Fast::Failed;
+        }
+    }
+    cur->valueOwned = 1;
+    --p->openCount;
+    p->state = XML_PARSE_IDLE;
+    p->pos = gt + 1;
+    return Fast::Done;
+}
+
+Fast fastText(XmlParser *p)
+{
+    const char *t = p->pos;
+    if (*t == '>' || (t[0] == '/' && t[1] == '>')) {
+        return Fast::Bail;
+    }
+    const char *start = t;
+    while (start[-1] == ' ') {
+        --start;
+    }
+    bool plain = true;
+    const char *lt = findByte(t, nullptr, '<', '&', '&');
+    while (*lt == '&') {
+        plain = false;
+        lt = findByte(lt + 1, nullptr, '<', '&', '&');
+    }
+    if (*lt != '<' || lt[1] != '/' || lt - start > static_cast<ptrdiff_t>(kMaxRun)) {
+        return Fast::Bail;
+    }
+    const char *name = lt + 2;
+    const char *gt = nullptr;
+    int64_t colonAt = kColonUnknown;
+    const char *nameEnd = scanEndName(name, &gt, &colonAt);
+    XmlNode *cur = p->current;
+    if (nameEnd == nullptr || !sameName(cur, name, static_cast<size_t>(nameEnd - name))) {
+        return Fast::Bail;
+    }
+    p->tokenSeen = 1;
+    if (xmlStoreRun(p->session, start, static_cast<uint64_t>(lt - start), plain, &cur->value,
+                    p->diag) != KRV_XML_OK) {
+        return Fast::Failed;
+    }
+    cur->valueOwned = 1;
+    if (splitElement(p, cur, static_cast<uint32_t>(nameEnd - name), name, colonAt) !=
+        KRV_XML_OK) {
+        return Fast::Failed;
+    }
+    cur->nameOwned = 1;
+    p->openBits &= ~1u;
+    --p->openCount;
+    p->state = XML_PARSE_IDLE;
+    p->pos = gt + 1;
+    return Fast::Done;
+}
+
+#ifdef KRVXML_TESTING
+bool g_fastParser = true;
+#endif
+
+// One piece of markup at `pos` (white space already skipped), if plain.
+Fast fastStep(XmlParser *p)
+{
+#ifdef KRVXML_TESTING
+    if (!g_fastParser) {
+        return Fast::Bail;
+    }
+#endif
+    const char *s = p->pos;
+    if (s[0] == '<') {
+        if (s[1] == '/') {
+            return fastEndTag(p);
+        }
+        // "<!" and "<?" may begin comments, instructions or CDATA.
+        return isWordStart(s[1]) && s[1] != '!' && s[1] != '?' ? fastStartTag(p) : Fast::Bail;
+    }
+    if (s[0] != '\0' && p->state == XML_PARSE_CONTENT && (p->openBits & 1u) &&
+        p->current != nullptr) {
+        return fastText(p);
+    }
+    return Fast::Bail;
+}
+
 bool mainLoop(XmlParser *p)
 {
     for (;;) {
         p->pos = skipSpace(p->pos);
+        Fast fast = fastStep(p);
+        if (fast == Fast::Failed) {
+            return false;
+        }
+        if (fast == Fast::Done) {
+            if (*p->pos == '\0') {
+                return true;
+            }
+            continue;
+        }
         if (Parser_getNextToken(p) == 0) {
             // A failed search for a closing delimiter is never a clean end.
             if (p->scanFailed) {
@@ -683,6 +1163,13 @@ uint32_t Parser_parseDocument(XmlNode **out, XmlParser *p)
     krvHeapFree(p);
     return rc;
 }
+
+#ifdef KRVXML_TESTING
+void krv_test::UseFastParser(bool on)
+{
+    g_fastParser = on;
+}
+#endif
 
 // ===== Input loading and entry points ======================================
 

@@ -5,6 +5,22 @@
 #include <cstdint>
 #include <cstring>
 
+// Delimiter scans read the text 16 aligned bytes at a time with SSE2. An
+// aligned block never crosses a page, so reading past the terminating NUL
+// inside the block that holds it is safe; address sanitizers cannot know
+// that, so their builds use the byte loop.
+#if defined(__SANITIZE_ADDRESS__)
+#define KRVXML_SCALAR_SCAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(memory_sanitizer)
+#define KRVXML_SCALAR_SCAN 1
+#endif
+#endif
+#if defined(__SSE2__) && !defined(KRVXML_SCALAR_SCAN)
+#define KRVXML_SSE2_SCAN 1
+#include <emmintrin.h>
+#endif
+
 #include "xml/xml_internal.h"
 
 // Driver states.
@@ -51,11 +67,59 @@ uint32_t Parser_readFileOrBuffer(XmlParser *parser, const char *path);
 int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char **out,
                      XmlParseDiag *diag);
 
+// xmlDecodeRun for a run that the caller knows holds no '&' and no '<'
+// (plain): then the bytes are copied as they are, with the same allocation.
+int32_t xmlStoreRunOutOfLine(XmlMemSession *session, const char *src, uint64_t len, bool plain,
+                             char **out, XmlParseDiag *diag);
+
+inline int32_t xmlStoreRun(XmlMemSession *session, const char *src, uint64_t len, bool plain,
+                           char **out, XmlParseDiag *diag)
+{
+    // The common case: a short plain run carved from a session block.
+    if (plain && session != nullptr && len != 0 && len < 4096) {
+        int32_t size = static_cast<int32_t>((len + 8) & ~static_cast<uint64_t>(7));
+        auto *buf = static_cast<char *>(xmlSessionTryTake(session, size));
+        if (buf != nullptr) {
+            std::memcpy(buf, src, static_cast<size_t>(len));  // the block is zero: NUL included
+            *out = buf;
+            return KRV_XML_OK;
+        }
+    }
+    return xmlStoreRunOutOfLine(session, src, len, plain, out, diag);
+}
+
+// A new record for the parser, as XML_NewNode makes it.
+inline XmlNode *xmlParserNewNode(XmlMemSession *session, int32_t kind)
+{
+    if (session != nullptr && kind != KRV_XML_NODE_DOCUMENT) {
+        auto *node = static_cast<XmlNode *>(
+            xmlSessionTryTake(session, static_cast<int32_t>(xmlRecordSize(kind))));
+        if (node != nullptr) {
+            node->kind = static_cast<uint8_t>(kind);  // zero bytes otherwise
+            node->mem = session;
+            return node;
+        }
+    }
+    return XML_NewNode(session, kind);
+}
+
 // Splits a qualified name at its first colon: the prefix into *prefix and,
 // with copyName, the local name into *name; without copyName, *name already
-// holds the text and the local name is moved to its front in place.
+// holds the text and the local name is moved to its front in place. plain:
+// the name holds no '&' and no '<', so its parts need no decoding.
+// knownColon, when given, points at the name's first colon (or null for
+// none), found while the name was scanned.
 int32_t xmlSplitName(XmlMemSession *session, const char *text, uint32_t length, char **prefix,
-                     char **name, bool copyName, XmlParseDiag *diag);
+                     char **name, bool copyName, XmlParseDiag *diag, bool plain = false,
+                     const char *const *knownColon = nullptr);
+
+#ifdef KRVXML_TESTING
+namespace krv_test {
+// Turns the parser's fast path for plain markup off (false) or on (true), so
+// that tests can compare it with the token-by-token steps.
+void UseFastParser(bool on);
+}  // namespace krv_test
+#endif
 
 // Byte classes and small helpers shared by the tokenizer, the decoder and the
 // driver.
@@ -64,6 +128,8 @@ namespace xmlp {
 constexpr uint8_t kSpace = 1;     // TAB LF CR SPACE
 constexpr uint8_t kStop = 2;      // ends a word by itself
 constexpr uint8_t kMaybeEnd = 4;  // may begin "]]>", "-->" or "/>"
+constexpr uint8_t kAmp = 8;       // '&': a word byte that needs decoding
+constexpr uint8_t kColon = 16;    // ':': a word byte that divides names
 
 struct ByteClasses {
     uint8_t of[256];
@@ -82,6 +148,8 @@ constexpr ByteClasses makeClasses()
         t.of[static_cast<unsigned char>(stops[i])] = kStop;
     }
     t.of[0] = kStop;
+    t.of[static_cast<unsigned char>('&')] = kAmp;
+    t.of[static_cast<unsigned char>(':')] = kColon;
     for (size_t i = 0; maybeEnd[i] != '\0'; ++i) {
         t.of[static_cast<unsigned char>(maybeEnd[i])] = kMaybeEnd;
     }
@@ -103,6 +171,50 @@ inline const char *skipSpace(const char *p)
         ++p;
     }
     return p;
+}
+
+// A byte that can start a word and stands for itself in it.
+inline bool isWordStart(char c)
+{
+    return (kClass.of[static_cast<unsigned char>(c)] & ~(kAmp | kColon)) == 0;
+}
+
+// The first byte at or after s that is a, b, c or NUL. With a non-null end,
+// the search stops there and returns end when nothing came before it.
+inline const char *findByte(const char *s, const char *end, char a, char b, char c)
+{
+#ifdef KRVXML_SSE2_SCAN
+    const __m128i va = _mm_set1_epi8(a);
+    const __m128i vb = _mm_set1_epi8(b);
+    const __m128i vc = _mm_set1_epi8(c);
+    const __m128i zero = _mm_setzero_si128();
+    uintptr_t skew = reinterpret_cast<uintptr_t>(s) & 15u;
+    const char *block = s - skew;
+    unsigned mask = ~0u << skew;
+    for (;;) {
+        __m128i x = _mm_load_si128(reinterpret_cast<const __m128i *>(block));
+        __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(x, va), _mm_cmpeq_epi8(x, vb)),
+                                   _mm_or_si128(_mm_cmpeq_epi8(x, vc), _mm_cmpeq_epi8(x, zero)));
+        unsigned m = static_cast<unsigned>(_mm_movemask_epi8(hit)) & mask;
+        if (m != 0) {
+            const char *r = block + __builtin_ctz(m);
+            return end != nullptr && r > end ? end : r;
+        }
+        block += 16;
+        if (end != nullptr && block >= end) {
+            return end;
+        }
+        mask = ~0u;
+    }
+#else
+    for (; end == nullptr || s < end; ++s) {
+        char ch = *s;
+        if (ch == a || ch == b || ch == c || ch == '\0') {
+            return s;
+        }
+    }
+    return end;
+#endif
 }
 
 inline bool startsWith(const char *p, const char *lit, size_t n)

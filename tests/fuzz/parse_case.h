@@ -11,6 +11,7 @@
 #include "fuzz_checks.h"
 #include "krv_xml.h"
 #include "platform/krv_platform.h"
+#include "xml/xml_parser_internal.h"
 
 namespace krvfuzz {
 
@@ -158,6 +159,44 @@ inline std::string RunParseCase(const uint8_t *data, size_t size)
             failure = CompareTrees(heap, viaInfo, false);
         }
         KRV_XML_FreeNode(viaInfo);
+    }
+
+    // The token-by-token steps alone must read the text exactly as the
+    // parser with its fast path: same result, tree and failure report.
+    if (failure.empty() && !emptyText) {
+        KrvXmlParseInfo slowInfo{};
+        XmlNode *slow = nullptr;
+        krv_test::UseFastParser(false);
+        uint32_t rc = KRV_XML_ParseWithInfo(text.c_str(), 0, &slow, &slowInfo);
+        krv_test::UseFastParser(true);
+        if (rc != rcHeap) {
+            failure = "fast path changed the result: " + std::to_string(rcHeap) + " against " +
+                      std::to_string(rc);
+        } else if (rc != KRV_XML_OK && (slowInfo.offset != info.offset ||
+                                        std::string(slowInfo.reason) != info.reason)) {
+            failure = std::string("fast path changed the failure report: ") + info.reason +
+                      " at " + std::to_string(info.offset) + " against " + slowInfo.reason +
+                      " at " + std::to_string(slowInfo.offset);
+        }
+        for (XmlNode *a = heap, *b = slow; failure.empty() && (a != nullptr || b != nullptr);
+             a = a->next, b = b->next) {
+            if (a == nullptr || b == nullptr || Dump(a) != Dump(b)) {
+                failure = "fast path built a different tree";
+                break;
+            }
+            for (XmlNode *x = a, *y = b; x != nullptr && failure.empty();
+                 x = NextInside(x, a), y = NextInside(y, b)) {
+                if (x->nameOwned != y->nameOwned || x->valueOwned != y->valueOwned) {
+                    failure = "fast path set different ownership flags";
+                }
+                for (XmlNode *s = x->firstAttr, *t = y->firstAttr; s != nullptr; s = s->next, t = t->next) {
+                    if (s->nameOwned != t->nameOwned || s->valueOwned != t->valueOwned) {
+                        failure = "fast path set different attribute flags";
+                    }
+                }
+            }
+        }
+        KRV_XML_FreeNode(slow);
     }
 
     if (failure.empty() && heap != nullptr) {
