@@ -238,8 +238,8 @@ namespace {
 
 // First half of reading one attribute: a record with its name divided into
 // prefix and local name. Null on failure (noted); nothing is left behind.
-XmlNode *newParsedAttr(XmlParser *p, const char *nameAt, uint32_t nameLen, bool plainName,
-                       int32_t *rc, const char *const *knownColon = nullptr)
+inline XmlNode *newParsedAttr(XmlParser *p, const char *nameAt, uint32_t nameLen, bool plainName,
+                              int32_t *rc, const char *const *knownColon = nullptr)
 {
     XmlNode *attr = xmlParserNewNode(p->session, KRV_XML_NODE_ATTRIBUTE);
     if (attr == nullptr) {
@@ -247,8 +247,27 @@ XmlNode *newParsedAttr(XmlParser *p, const char *nameAt, uint32_t nameLen, bool 
         *rc = static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY);
         return nullptr;
     }
-    *rc = xmlSplitName(p->session, nameAt, nameLen, &attr->nsPrefix, &attr->name, true, p->diag,
-                       plainName, knownColon);
+    const char *colon = knownColon != nullptr ? *knownColon : nullptr;
+    if (plainName && knownColon != nullptr && colon == nullptr) {
+        *rc = xmlStoreRun(p->session, nameAt, nameLen, true, &attr->name, p->diag);
+    } else if (plainName && colon != nullptr && colon != nameAt &&
+               colon != nameAt + nameLen - 1) {
+        // A plain name with its colon inside: prefix and local name as they stand.
+        *rc = xmlStoreRun(p->session, nameAt, static_cast<uint64_t>(colon - nameAt), true,
+                          &attr->nsPrefix, p->diag);
+        if (*rc == KRV_XML_OK) {
+            *rc = xmlStoreRun(p->session, colon + 1,
+                              static_cast<uint64_t>(nameAt + nameLen - colon - 1), true,
+                              &attr->name, p->diag);
+            if (*rc != KRV_XML_OK) {
+                xmlReleaseTo(p->session, attr->nsPrefix);
+                attr->nsPrefix = nullptr;
+            }
+        }
+    } else {
+        *rc = xmlSplitName(p->session, nameAt, nameLen, &attr->nsPrefix, &attr->name, true,
+                           p->diag, plainName, knownColon);
+    }
     attr->nameOwned = 1;
     if (*rc != KRV_XML_OK) {
         XML_FreeSingleAttrNode(attr);
@@ -262,9 +281,10 @@ enum class Dup { Unknown, No, Yes };
 // Second half: the value decoded into attr and attr appended to the element
 // unless an equal attribute is there (found here, or already known to the
 // caller). On failure attr is released.
-int32_t finishParsedAttr(XmlParser *p, XmlNode *element, XmlNode *attr, const char *nameAt,
-                         const char *value, uint32_t valueLen, bool plainValue, XmlNode **tail,
-                         uint32_t *count, AttrSet *set, Dup dup = Dup::Unknown)
+inline int32_t finishParsedAttr(XmlParser *p, XmlNode *element, XmlNode *attr,
+                                const char *nameAt, const char *value, uint32_t valueLen,
+                                bool plainValue, XmlNode **tail, uint32_t *count, AttrSet *set,
+                                Dup dup = Dup::Unknown)
 {
     int32_t rc = xmlStoreRun(p->session, value, valueLen, plainValue, &attr->value, p->diag);
     attr->valueOwned = 1;

@@ -72,6 +72,31 @@ int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char
 int32_t xmlStoreRunOutOfLine(XmlMemSession *session, const char *src, uint64_t len, bool plain,
                              char **out, XmlParseDiag *diag);
 
+// Copies len bytes, len at most 16, without a library call: two overlapping
+// loads cover every length of a size class.
+inline void xmlCopyShort(char *dst, const char *src, size_t len)
+{
+    if (len >= 8) {
+        uint64_t head;
+        uint64_t tail;
+        std::memcpy(&head, src, 8);
+        std::memcpy(&tail, src + len - 8, 8);
+        std::memcpy(dst, &head, 8);
+        std::memcpy(dst + len - 8, &tail, 8);
+    } else if (len >= 4) {
+        uint32_t head;
+        uint32_t tail;
+        std::memcpy(&head, src, 4);
+        std::memcpy(&tail, src + len - 4, 4);
+        std::memcpy(dst, &head, 4);
+        std::memcpy(dst + len - 4, &tail, 4);
+    } else {
+        for (size_t i = 0; i < len; ++i) {
+            dst[i] = src[i];
+        }
+    }
+}
+
 inline int32_t xmlStoreRun(XmlMemSession *session, const char *src, uint64_t len, bool plain,
                            char **out, XmlParseDiag *diag)
 {
@@ -80,7 +105,12 @@ inline int32_t xmlStoreRun(XmlMemSession *session, const char *src, uint64_t len
         int32_t size = static_cast<int32_t>((len + 8) & ~static_cast<uint64_t>(7));
         auto *buf = static_cast<char *>(xmlSessionTryTake(session, size));
         if (buf != nullptr) {
-            std::memcpy(buf, src, static_cast<size_t>(len));  // the block is zero: NUL included
+            // The block is zero, so the terminating NUL is there already.
+            if (len <= 16) {
+                xmlCopyShort(buf, src, static_cast<size_t>(len));
+            } else {
+                std::memcpy(buf, src, static_cast<size_t>(len));
+            }
             *out = buf;
             return KRV_XML_OK;
         }
