@@ -316,21 +316,44 @@ constexpr size_t kPathArea = 512;
 // Index segments longer than this are not read as numbers.
 constexpr size_t kMaxIndexDigits = 9;
 
-// KRV_XML_OK when the node answers the segment. A segment with a colon names
-// prefix:name of a prefixed node; otherwise, and for a node without prefix,
-// the node's local name must equal the whole segment.
+namespace {
+
+// A path segment with its colon found once, so that matching it against
+// many siblings costs one or two string comparisons each.
+struct Segment {
+    const char *text;
+    bool hasColon;
+};
+
+Segment makeSegment(const char *text)
+{
+    return {text, std::strchr(text, ':') != nullptr};
+}
+
+// A segment with a colon names prefix:name of a prefixed node; otherwise, and
+// for a node without prefix, the node's local name must equal the segment.
+bool answers(const XmlNode *node, const Segment &seg)
+{
+    if (node->name == nullptr) {
+        return false;
+    }
+    if (node->nsPrefix != nullptr && seg.hasColon) {
+        size_t plen = std::strlen(node->nsPrefix);
+        return std::strncmp(seg.text, node->nsPrefix, plen) == 0 && seg.text[plen] == ':' &&
+               std::strcmp(seg.text + plen + 1, node->name) == 0;
+    }
+    return std::strcmp(node->name, seg.text) == 0;
+}
+
+}  // namespace
+
+// KRV_XML_OK when the node answers the segment.
 uint32_t xmlCmpNode(const XmlNode *node, const char *segment)
 {
     if (node == nullptr || segment == nullptr || node->name == nullptr) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    if (node->nsPrefix != nullptr && std::strchr(segment, ':') != nullptr) {
-        size_t plen = std::strlen(node->nsPrefix);
-        bool match = std::strncmp(segment, node->nsPrefix, plen) == 0 && segment[plen] == ':' &&
-                     std::strcmp(segment + plen + 1, node->name) == 0;
-        return match ? KRV_XML_OK : KRV_XML_ERR_INVALID_PARAM;
-    }
-    return std::strcmp(node->name, segment) == 0 ? KRV_XML_OK : KRV_XML_ERR_INVALID_PARAM;
+    return answers(node, makeSegment(segment)) ? KRV_XML_OK : KRV_XML_ERR_INVALID_PARAM;
 }
 
 // Cuts the next segment out of the local path copy at *pos: skips dots,
@@ -371,10 +394,10 @@ bool isIndex(const char *segment)
     return true;
 }
 
-XmlNode *firstMatch(XmlNode *from, const char *segment)
+XmlNode *firstMatch(XmlNode *from, const Segment &segment)
 {
     for (XmlNode *n = from; n != nullptr; n = n->next) {
-        if (xmlCmpNode(n, segment) == KRV_XML_OK) {
+        if (answers(n, segment)) {
             return n;
         }
     }
@@ -406,15 +429,15 @@ uint32_t KRV_XML_GetNodeByUrl(XmlNode *start, const char *url, XmlNode **out)
         return KRV_XML_ERR_NOT_FOUND;
     }
     XmlNode *current = start;
-    const char *lastName = nullptr;  // the name segment an index counts by
+    Segment lastName = {nullptr, false};  // the name segment an index counts by
     bool afterName = false;          // the first segment does not count
     while ((segment = nextSegment(path, &pos)) != nullptr) {
         if (!isIndex(segment)) {
-            current = firstMatch(current->firstChild, segment);
+            lastName = makeSegment(segment);
+            current = firstMatch(current->firstChild, lastName);
             if (current == nullptr) {
                 return KRV_XML_ERR_NOT_FOUND;
             }
-            lastName = segment;
             afterName = true;
             continue;
         }
