@@ -251,17 +251,43 @@ inline bool xmlOutReserve(XmlOut *out, size_t need)
     return out->capacity - out->length >= need || xmlOutGrow(out, need);
 }
 
-// Copies bytes for which room was reserved.
+// Copies bytes for which room was reserved. Most pieces are short names and
+// values: up to 16 bytes are moved with two overlapping loads and stores of
+// fixed size each, which the compiler turns into plain moves.
 inline void xmlOutCopy(XmlOut *out, const char *bytes, size_t count)
 {
-    std::memcpy(out->data + out->length, bytes, count);
+    char *to = out->data + out->length;
     out->length += count;
+    if (count >= 8) {
+        if (count > 16) {
+            std::memcpy(to, bytes, count);
+            return;
+        }
+        uint64_t head;
+        uint64_t tail;
+        std::memcpy(&head, bytes, 8);
+        std::memcpy(&tail, bytes + count - 8, 8);
+        std::memcpy(to, &head, 8);
+        std::memcpy(to + count - 8, &tail, 8);
+    } else if (count >= 4) {
+        uint32_t head;
+        uint32_t tail;
+        std::memcpy(&head, bytes, 4);
+        std::memcpy(&tail, bytes + count - 4, 4);
+        std::memcpy(to, &head, 4);
+        std::memcpy(to + count - 4, &tail, 4);
+    } else if (count != 0) {
+        to[0] = bytes[0];
+        to[count / 2] = bytes[count / 2];
+        to[count - 1] = bytes[count - 1];
+    }
 }
 
 template <size_t N>
 inline void xmlOutCopyLit(XmlOut *out, const char (&text)[N])
 {
-    xmlOutCopy(out, text, N - 1);
+    std::memcpy(out->data + out->length, text, N - 1);
+    out->length += N - 1;
 }
 
 template <size_t N>
@@ -301,7 +327,7 @@ struct Entity {
     size_t length;
 };
 constexpr Entity kEntities[] = {
-    {"", 0}, {"&quot;", 6}, {"&apos;", 6}, {"&lt;", 4}, {"&gt;", 4}, {"&amp;", 5},
+    {"", 0}, {"&quot;", 6}, {"&apos;", 6}, {"&lt;", 4}, {"&gt;", 4}, {"&amp;", 5}, {"", 0},
 };
 constexpr size_t kLongestEntity = 6;
 
@@ -329,25 +355,34 @@ KRV_XML_WHOLE_BLOCK_READS inline unsigned xmlStopMask(const unsigned char *a)
     return static_cast<unsigned>(_mm_movemask_epi8(hit));
 }
 
-// The first byte at or after p that is NUL or one of " ' < > &, read in
-// aligned 16-byte blocks.
-KRV_XML_WHOLE_BLOCK_READS const unsigned char *xmlScanStop(const unsigned char *p)
+// The length of a name or prefix, read in aligned 16-byte blocks.
+KRV_XML_WHOLE_BLOCK_READS size_t xmlLength(const char *text)
 {
+    const auto *p = reinterpret_cast<const unsigned char *>(text);
     const uintptr_t skew = reinterpret_cast<uintptr_t>(p) & 15u;
     const unsigned char *block = p - skew;
-    unsigned mask = xmlStopMask(block) >> skew;
+    const __m128i zero = _mm_setzero_si128();
+    unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(
+                        _mm_cmpeq_epi8(_mm_load_si128(reinterpret_cast<const __m128i *>(block)), zero))) >>
+                    skew;
     if (mask != 0) {
-        return p + __builtin_ctz(mask);
+        return static_cast<size_t>(__builtin_ctz(mask));
     }
     for (;;) {
         block += 16;
-        mask = xmlStopMask(block);
+        mask = static_cast<unsigned>(
+            _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_load_si128(reinterpret_cast<const __m128i *>(block)), zero)));
         if (mask != 0) {
-            return block + __builtin_ctz(mask);
+            return static_cast<size_t>(block + __builtin_ctz(mask) - p);
         }
     }
 }
 #else
+inline size_t xmlLength(const char *text)
+{
+    return std::strlen(text);
+}
+
 const unsigned char *xmlScanStop(const unsigned char *p)
 {
     for (;;) {
@@ -426,10 +461,55 @@ bool xmlIsReference(const char *amp, const char **semicolon, bool *noSemicolon)
     return false;
 }
 
+// Writes the plain bytes from run up to stop and what stands for the byte at
+// stop: an entity, or nothing for the terminating NUL.
+inline bool xmlOutRunAndEntity(XmlOut *out, const char *run, const char *stop, uint8_t code)
+{
+    const size_t count = static_cast<size_t>(stop - run);
+    if (!xmlOutReserve(out, count + kLongestEntity)) {
+        return false;
+    }
+    xmlOutCopy(out, run, count);
+    xmlOutCopy(out, kEntities[code].text, kEntities[code].length);
+    return true;
+}
+
 // Appends text with the markup characters replaced by entities; an ampersand
 // that begins a well-formed reference is kept. The scan stops at the NUL and
 // at the markup characters at once, and runs of plain bytes are copied in one
 // piece.
+#if defined(__SSE2__)
+// Every byte of a 16-byte block that needs attention is taken from one mask,
+// so that text dense with markup is not scanned again after each stop.
+KRV_XML_WHOLE_BLOCK_READS bool xmlCopyWithEscape(XmlOut *out, const char *text)
+{
+    const char *run = text;
+    const char *semicolon = nullptr;
+    bool noSemicolon = false;
+    const uintptr_t skew = reinterpret_cast<uintptr_t>(text) & 15u;
+    const auto *block = reinterpret_cast<const unsigned char *>(text) - skew;
+    unsigned mask = xmlStopMask(block) & (0xFFFFu << skew);
+    for (;;) {
+        while (mask == 0) {
+            block += 16;
+            mask = xmlStopMask(block);
+        }
+        const char *stop = reinterpret_cast<const char *>(block) + __builtin_ctz(mask);
+        mask &= mask - 1;
+        const uint8_t code = kEscape.code[static_cast<unsigned char>(*stop)];
+        if (code == kAmp && xmlIsReference(stop, &semicolon, &noSemicolon)) {
+            continue;  // the ampersand stays in the run
+        }
+        if (!xmlOutRunAndEntity(out, run, stop, code)) {
+            return false;
+        }
+        if (code == kEnd) {
+            return true;
+        }
+        run = stop + 1;
+    }
+}
+#else
 bool xmlCopyWithEscape(XmlOut *out, const char *text)
 {
     const char *run = text;
@@ -440,22 +520,20 @@ bool xmlCopyWithEscape(XmlOut *out, const char *text)
         const char *stop = reinterpret_cast<const char *>(
             xmlScanStop(reinterpret_cast<const unsigned char *>(p)));
         const uint8_t code = kEscape.code[static_cast<unsigned char>(*stop)];
+        p = stop + 1;
         if (code == kAmp && xmlIsReference(stop, &semicolon, &noSemicolon)) {
-            p = stop + 1;  // the ampersand stays in the run
-            continue;
+            continue;  // the ampersand stays in the run
         }
-        const size_t count = static_cast<size_t>(stop - run);
-        if (!xmlOutReserve(out, count + kLongestEntity)) {
+        if (!xmlOutRunAndEntity(out, run, stop, code)) {
             return false;
         }
-        xmlOutCopy(out, run, count);
         if (code == kEnd) {
             return true;
         }
-        xmlOutCopy(out, kEntities[code].text, kEntities[code].length);
-        run = p = stop + 1;
+        run = p;
     }
 }
+#endif
 
 // ===== Tree printing =======================================================
 
@@ -474,9 +552,9 @@ struct QName {
 
 inline QName xmlQNameOf(const XmlNode *node)
 {
-    QName q{node->nsPrefix, 0, node->name, std::strlen(node->name)};
+    QName q{node->nsPrefix, 0, node->name, xmlLength(node->name)};
     if (q.prefix != nullptr) {
-        q.prefixLength = std::strlen(q.prefix);
+        q.prefixLength = xmlLength(q.prefix);
     }
     return q;
 }
@@ -631,31 +709,53 @@ inline void xmlPrefetch(const void *p)
 #endif
 }
 
-// Writes every node of top's sub-tree in document order. The records and
-// strings of a heap tree lie scattered over the heap, so the walk runs two
-// nodes ahead of the writer: the record of the node after next, and the
-// strings of the next one, are asked for while the current one is written.
-constexpr int kPrefetchAttrs = 4;
-
-uint32_t xmlPrintSubTree(XmlNode *top, XmlOut *out, uint32_t mode)
+// Asks for the strings of a node whose record has arrived, and for the
+// records of its first attributes.
+inline void xmlPrefetchStrings(const XmlNode *node)
 {
-    XmlNode *node = top;
-    XmlNode *next = xmlWalkNext(top);
-    while (node != nullptr) {
-        XmlNode *after = nullptr;
-        if (next != nullptr) {
-            after = xmlWalkNext(next);
-            xmlPrefetch(after);
-            xmlPrefetch(next->value);
-            xmlPrefetch(next->name);
-            xmlPrefetch(next->nsPrefix);
-            if (!xmlIsAttr(next)) {
-                xmlPrefetch(next->firstAttr);
-            }
+    xmlPrefetch(node->value);
+    xmlPrefetch(node->name);
+    xmlPrefetch(node->nsPrefix);
+    if (!xmlIsAttr(node)) {
+        xmlPrefetch(node->firstAttr);
+    }
+}
+
+// Writes every node of top's sub-tree in document order. The records and
+// strings of a heap tree lie scattered over the heap, so a second cursor runs
+// kAhead nodes ahead of the writer and asks for each record as it reaches it;
+// the strings of a node are asked for two nodes before it is written, and
+// those of its first attributes just before.
+constexpr int kPrefetchAttrs = 4;
+constexpr unsigned kAhead = 4;  // a power of two: the ring below wraps by mask
+
+uint32_t xmlPrintScattered(XmlNode *top, XmlOut *out, uint32_t mode)
+{
+    XmlNode *ring[kAhead] = {};
+    unsigned head = 0;  // ring[head] is the node written next
+    XmlNode *scout = top;
+    for (unsigned i = 0; i < kAhead && scout != nullptr; ++i) {
+        ring[i] = scout;
+        scout = xmlWalkNext(scout);
+        xmlPrefetch(scout);
+    }
+    while (ring[head] != nullptr) {
+        XmlNode *node = ring[head];
+        // The slot just taken is refilled with the node kAhead places on.
+        ring[head] = scout;
+        if (scout != nullptr) {
+            scout = xmlWalkNext(scout);
+            xmlPrefetch(scout);
+        }
+        head = (head + 1) & (kAhead - 1);
+        XmlNode *soon = ring[(head + 1) & (kAhead - 1)];
+        if (soon != nullptr) {
+            xmlPrefetchStrings(soon);
         }
         if (!xmlIsAttr(node)) {
-            // The first few attributes' strings; their records came with the
-            // previous round. Bounded, so that a long list is not walked twice.
+            // The first few attributes' strings; their records were asked for
+            // with the node's strings. Bounded, so that a long list is not
+            // walked twice.
             const XmlNode *a = node->firstAttr;
             for (int i = 0; i < kPrefetchAttrs && a != nullptr; ++i, a = a->next) {
                 xmlPrefetch(a->name);
@@ -668,10 +768,27 @@ uint32_t xmlPrintSubTree(XmlNode *top, XmlOut *out, uint32_t mode)
         if (rc != KRV_XML_OK) {
             return rc;
         }
-        node = next;
-        next = after;
     }
     return KRV_XML_OK;
+}
+
+// As xmlPrintScattered, without looking ahead: the records and strings of a
+// session tree were carved one after the other in document order, which the
+// processor's own prefetching follows.
+uint32_t xmlPrintCompact(XmlNode *top, XmlOut *out, uint32_t mode)
+{
+    for (XmlNode *node = top; node != nullptr; node = xmlWalkNext(node)) {
+        uint32_t rc = xmlPrintDomTreeRecursive(node, out, mode);
+        if (rc != KRV_XML_OK) {
+            return rc;
+        }
+    }
+    return KRV_XML_OK;
+}
+
+uint32_t xmlPrintSubTree(XmlNode *top, XmlOut *out, uint32_t mode)
+{
+    return top->mem != nullptr ? xmlPrintCompact(top, out, mode) : xmlPrintScattered(top, out, mode);
 }
 
 // Builds the text of top's sub-tree in the given mode. The top node's links
