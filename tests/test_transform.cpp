@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <initializer_list>
 #include <iterator>
@@ -282,6 +283,37 @@ TEST(Transform, AllocationFailureSweep)
     }
 }
 
+// An output of about 40 KB outgrows its first block several times: every
+// growth is a failure point, and a failure there leaves nothing behind.
+TEST(Transform, GrowingOutputFailsCleanlyAtEveryGrowth)
+{
+    krvtest::LeakGuard guard;
+    constexpr int kKids = 1500;
+    const std::string expected = "<r>\n" + repeat("<k a=\"1&amp;2\">text &lt; more</k>\n", kKids) + "</r>\n";
+    struct Fixture { XmlNode *root; char *out; };
+    long points = krvtest::SweepAllocationFailures(
+        [] {
+            XmlNode *root = el("r");
+            for (int i = 0; i < kKids; ++i) {
+                krvtest::LinkChild(root, el("k", "text < more", {}, {{"a", "1&2"}}));
+            }
+            return new Fixture{root, nullptr};
+        },
+        [](Fixture *f) { return KRV_XML_Transform(f->root, &f->out); },
+        [&expected](uint32_t rc, Fixture *f) {
+            if (rc == KRV_XML_OK) {
+                EXPECT_TRUE(f->out != nullptr && f->out == expected);
+            } else {
+                EXPECT_EQ(rc, KRV_XML_ERR_NO_MEMORY);
+                EXPECT_EQ(f->out, nullptr);
+            }
+            KRV_XML_FreeMem(f->out);
+            KRV_XML_FreeNode(f->root);
+            delete f;
+        });
+    EXPECT_GE(points, 3);  // the first block and at least two growths
+}
+
 // A chain 1,000,000 deep whose leaf has 100,000 attributes prints on a
 // 256 KiB stack.
 TEST(Transform, DeepChainAndLongAttributeListUseConstantStack)
@@ -336,6 +368,44 @@ TEST(Escape, ElementTextAndAttributeValues)
         EXPECT_EQ(run(KRV_XML_Transform, e), std::string("<e a=\"") + out + "\">" + out + "</e>\n") << in;
         KRV_XML_FreeNode(e);
     }
+}
+
+// Every position of a markup character, and of the end, relative to the
+// 16-byte blocks the scan reads: the value is placed at each offset of an
+// aligned buffer and has each length up to 40.
+TEST(Escape, EveryLengthAndAlignment)
+{
+    krvtest::LeakGuard guard;
+    const std::pair<char, const char *> marks[] = {
+        {'"', "&quot;"}, {'\'', "&apos;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'&', "&amp;"}, {'x', "x"},
+    };
+    alignas(16) char storage[64 + 16];
+    XmlNode *e = el("e", "v");
+    char *const owned = e->value;
+    for (size_t offset = 0; offset < 16; ++offset) {
+        for (size_t length = 0; length <= 40; ++length) {
+            for (const auto &[mark, entity] : marks) {
+                for (size_t at = 0; at < length; at += (length > 20 ? 3 : 1)) {
+                    std::string text(length, 'b');
+                    text[at] = mark;
+                    std::memset(storage, '<', sizeof storage);  // bytes after the end must not count
+                    std::memcpy(storage + offset, text.c_str(), length + 1);
+                    e->value = storage + offset;
+                    const std::string want = "<e>" + std::string(at, 'b') + entity +
+                                             std::string(length - at - 1, 'b') + "</e>\n";
+                    EXPECT_EQ(run(KRV_XML_Transform, e), want) << "offset " << offset << ", length " << length
+                                                               << ", '" << mark << "' at " << at;
+                }
+            }
+            std::memset(storage, '<', sizeof storage);
+            std::memcpy(storage + offset, std::string(length, 'b').c_str(), length + 1);
+            e->value = storage + offset;
+            EXPECT_EQ(run(KRV_XML_Transform, e), "<e>" + std::string(length, 'b') + "</e>\n")
+                << "offset " << offset << ", length " << length;
+        }
+    }
+    e->value = owned;
+    KRV_XML_FreeNode(e);
 }
 
 // Many ampersands must not make escaping quadratic: neither the search for

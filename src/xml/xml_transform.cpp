@@ -3,6 +3,10 @@
 #include <cstdio>
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "xml/xml_internal.h"
 
 // ===== Growable output buffer ==============================================
@@ -195,41 +199,113 @@ uint32_t XML_MemBufAppendStr(XmlMemBuf *buf, const char *str)
     return XML_MemBufInsert(buf, str, static_cast<uint32_t>(std::strlen(str)), buf->length);
 }
 
-// ===== Output sinks of the transforms ======================================
+// ===== Output of the transforms ============================================
 //
-// A transform walks its sub-tree twice: once with a counting sink, which
-// finds the exact length of the text (and any node without a name) without
-// allocating, and once with a writing sink into one block of exactly that
-// size. The text thus costs one allocation and no copying on growth, and the
-// time is linear in its length. The XmlMemBuf operations are not used here.
+// A transform walks its sub-tree once and writes into one block that grows
+// geometrically (doubling, so the copies on growth add up to less than the
+// final length). The XmlMemBuf operations are not used here: their additive
+// growth would make large outputs quadratic.
 
 namespace {
 
-struct XmlOutCount {
+constexpr size_t kOutFirstCapacity = 4096;
+
+// The text being built. `capacity` counts the usable bytes; the block always
+// has one more, for the terminator. `data` is null until the first byte.
+struct XmlOut {
+    char *data;
     size_t length;
-    void put(const char *, size_t count) { length += count; }
+    size_t capacity;
 };
 
-struct XmlOutWrite {
-    char *cursor;
-    void put(const char *bytes, size_t count)
-    {
-        std::memcpy(cursor, bytes, count);
-        cursor += count;
-    }
-};
-
-template <class Sink, size_t N>
-inline void xmlOutLit(Sink *out, const char (&text)[N])
+// Makes room for `need` more bytes: twice the capacity, or the room asked
+// for if that is more. The content is carried over; nothing changes on
+// failure, and a failed request fails the transform (no second attempt).
+bool xmlOutGrow(XmlOut *out, size_t need)
 {
-    out->put(text, N - 1);
+    if (need > SIZE_MAX - 1 - out->length) {
+        return false;
+    }
+    const size_t exact = out->length + need;
+    size_t wanted = out->capacity == 0                   ? kOutFirstCapacity
+                    : out->capacity > (SIZE_MAX - 1) / 2 ? SIZE_MAX - 1
+                                                         : out->capacity * 2;
+    if (wanted < exact) {
+        wanted = exact;
+    }
+    auto *block = static_cast<char *>(XML_Malloc(nullptr, static_cast<uint64_t>(wanted) + 1));
+    if (block == nullptr) {
+        return false;
+    }
+    if (out->data != nullptr) {
+        std::memcpy(block, out->data, out->length);
+        XML_Free(nullptr, out->data);
+    }
+    out->data = block;
+    out->capacity = wanted;
+    return true;
+}
+
+inline bool xmlOutReserve(XmlOut *out, size_t need)
+{
+    return out->capacity - out->length >= need || xmlOutGrow(out, need);
+}
+
+// Copies bytes for which room was reserved. Most pieces are short names and
+// values: up to 16 bytes are moved with two overlapping loads and stores of
+// fixed size each, which the compiler turns into plain moves.
+inline void xmlOutCopy(XmlOut *out, const char *bytes, size_t count)
+{
+    char *to = out->data + out->length;
+    out->length += count;
+    if (count >= 8) {
+        if (count > 16) {
+            std::memcpy(to, bytes, count);
+            return;
+        }
+        uint64_t head;
+        uint64_t tail;
+        std::memcpy(&head, bytes, 8);
+        std::memcpy(&tail, bytes + count - 8, 8);
+        std::memcpy(to, &head, 8);
+        std::memcpy(to + count - 8, &tail, 8);
+    } else if (count >= 4) {
+        uint32_t head;
+        uint32_t tail;
+        std::memcpy(&head, bytes, 4);
+        std::memcpy(&tail, bytes + count - 4, 4);
+        std::memcpy(to, &head, 4);
+        std::memcpy(to + count - 4, &tail, 4);
+    } else if (count != 0) {
+        to[0] = bytes[0];
+        to[count / 2] = bytes[count / 2];
+        to[count - 1] = bytes[count - 1];
+    }
+}
+
+template <size_t N>
+inline void xmlOutCopyLit(XmlOut *out, const char (&text)[N])
+{
+    std::memcpy(out->data + out->length, text, N - 1);
+    out->length += N - 1;
+}
+
+template <size_t N>
+inline bool xmlOutLit(XmlOut *out, const char (&text)[N])
+{
+    if (!xmlOutReserve(out, N - 1)) {
+        return false;
+    }
+    xmlOutCopyLit(out, text);
+    return true;
 }
 
 // ===== Escaping ============================================================
 
-// What each byte becomes: 0 itself, otherwise an index into kEntities.
-// The ampersand (5) is decided by the reference test.
+// What each byte becomes: 0 itself, otherwise an index into kEntities. The
+// ampersand (5) is decided by the reference test; NUL (6) ends the text.
 constexpr uint8_t kAmp = 5;
+constexpr uint8_t kEnd = 6;
 struct EscapeTable {
     uint8_t code[256];
 };
@@ -241,6 +317,7 @@ constexpr EscapeTable makeEscapeTable()
     t.code[static_cast<uint8_t>('<')] = 3;
     t.code[static_cast<uint8_t>('>')] = 4;
     t.code[static_cast<uint8_t>('&')] = kAmp;
+    t.code[0] = kEnd;
     return t;
 }
 constexpr EscapeTable kEscape = makeEscapeTable();
@@ -250,38 +327,114 @@ struct Entity {
     size_t length;
 };
 constexpr Entity kEntities[] = {
-    {"", 0}, {"&quot;", 6}, {"&apos;", 6}, {"&lt;", 4}, {"&gt;", 4}, {"&amp;", 5},
+    {"", 0}, {"&quot;", 6}, {"&apos;", 6}, {"&lt;", 4}, {"&gt;", 4}, {"&amp;", 5}, {"", 0},
 };
+constexpr size_t kLongestEntity = 6;
+
+#if defined(__SSE2__)
+// The scan below reads whole aligned blocks. A block never crosses a page, so
+// reading the bytes after the NUL that share its block is harmless, but the
+// address sanitizer would count them as reads past the string.
+#if defined(__clang__) || defined(__GNUC__)
+#define KRV_XML_WHOLE_BLOCK_READS __attribute__((no_sanitize_address))
+#else
+#define KRV_XML_WHOLE_BLOCK_READS
+#endif
+
+// The 16 bytes at the aligned address a, as a bit mask of those that are NUL
+// or one of " ' < > &.
+KRV_XML_WHOLE_BLOCK_READS inline unsigned xmlStopMask(const unsigned char *a)
+{
+    const __m128i v = _mm_load_si128(reinterpret_cast<const __m128i *>(a));
+    __m128i hit = _mm_cmpeq_epi8(v, _mm_setzero_si128());
+    hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_set1_epi8('"')));
+    hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_set1_epi8('\'')));
+    hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_set1_epi8('<')));
+    hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_set1_epi8('>')));
+    hit = _mm_or_si128(hit, _mm_cmpeq_epi8(v, _mm_set1_epi8('&')));
+    return static_cast<unsigned>(_mm_movemask_epi8(hit));
+}
+
+// The length of a name or prefix, read in aligned 16-byte blocks.
+KRV_XML_WHOLE_BLOCK_READS size_t xmlLength(const char *text)
+{
+    const auto *p = reinterpret_cast<const unsigned char *>(text);
+    const uintptr_t skew = reinterpret_cast<uintptr_t>(p) & 15u;
+    const unsigned char *block = p - skew;
+    const __m128i zero = _mm_setzero_si128();
+    unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(
+                        _mm_cmpeq_epi8(_mm_load_si128(reinterpret_cast<const __m128i *>(block)), zero))) >>
+                    skew;
+    if (mask != 0) {
+        return static_cast<size_t>(__builtin_ctz(mask));
+    }
+    for (;;) {
+        block += 16;
+        mask = static_cast<unsigned>(
+            _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_load_si128(reinterpret_cast<const __m128i *>(block)), zero)));
+        if (mask != 0) {
+            return static_cast<size_t>(block + __builtin_ctz(mask) - p);
+        }
+    }
+}
+#else
+inline size_t xmlLength(const char *text)
+{
+    return std::strlen(text);
+}
+
+const unsigned char *xmlScanStop(const unsigned char *p)
+{
+    for (;;) {
+        if (kEscape.code[p[0]] != 0) {
+            return p;
+        }
+        if (kEscape.code[p[1]] != 0) {
+            return p + 1;
+        }
+        if (kEscape.code[p[2]] != 0) {
+            return p + 2;
+        }
+        if (kEscape.code[p[3]] != 0) {
+            return p + 3;
+        }
+        p += 4;
+    }
+}
+#endif
 
 constexpr uint32_t kMaxCodePoint = 0x10FFFF;
 
-// True when a well-formed reference begins at the ampersand text[at]: the
-// five predefined entities, or "&#" decimal digits ";" or "&#x" hexadecimal
+// True when a well-formed reference begins at the ampersand `amp`: the five
+// predefined entities, or "&#" decimal digits ";" or "&#x" hexadecimal
 // digits ";" whose value stays within 0x10FFFF (no digits at all counts).
 // The candidate ends at the first ';' after the ampersand. *semicolon caches
-// the position of that ';' (or `length` when there is none) so that a text
-// with many ampersands is searched for ';' once overall.
-bool xmlIsReference(const unsigned char *text, uint32_t at, uint32_t length, uint32_t *semicolon)
+// that ';' between calls on one text (null: not searched yet; `noSemicolon`:
+// none up to the end), so that a text with many ampersands is searched for
+// ';' once overall.
+bool xmlIsReference(const char *amp, const char **semicolon, bool *noSemicolon)
 {
-    if (*semicolon <= at) {
-        const void *hit = std::memchr(text + at + 1, ';', length - at - 1);
-        *semicolon = hit != nullptr
-                         ? static_cast<uint32_t>(static_cast<const unsigned char *>(hit) - text)
-                         : length;
-    }
-    uint32_t end = *semicolon;
-    if (end >= length) {
+    if (*noSemicolon) {
         return false;
     }
-    if (text[at + 1] == '#') {
-        uint32_t i = at + 2;
-        bool hex = i < end && text[i] == 'x';
+    if (*semicolon == nullptr || *semicolon <= amp) {
+        *semicolon = std::strchr(amp + 1, ';');
+        if (*semicolon == nullptr) {
+            *noSemicolon = true;
+            return false;
+        }
+    }
+    const auto *end = reinterpret_cast<const unsigned char *>(*semicolon);
+    const auto *p = reinterpret_cast<const unsigned char *>(amp) + 1;
+    if (*p == '#') {
+        ++p;
+        bool hex = p < end && *p == 'x';
         if (hex) {
-            ++i;
+            ++p;
         }
         uint32_t value = 0;
-        for (; i < end; ++i) {
-            unsigned c = text[i];
+        for (; p < end; ++p) {
+            unsigned c = *p;
             unsigned digit;
             if (c >= '0' && c <= '9') {
                 digit = c - '0';
@@ -299,54 +452,88 @@ bool xmlIsReference(const unsigned char *text, uint32_t at, uint32_t length, uin
         }
         return true;
     }
-    size_t size = end - at + 1;
-    const char *candidate = reinterpret_cast<const char *>(text + at);
+    const size_t size = static_cast<size_t>(*semicolon - amp) + 1;
     for (int e = 1; e <= 5; ++e) {
-        if (kEntities[e].length == size && std::memcmp(candidate, kEntities[e].text, size) == 0) {
+        if (kEntities[e].length == size && std::memcmp(amp, kEntities[e].text, size) == 0) {
             return true;
         }
     }
     return false;
 }
 
-// Appends text with the markup characters replaced by entities; an ampersand
-// that begins a well-formed reference is kept. Runs of plain bytes are copied
-// in one piece. Only the low 32 bits of the text's length are used.
-template <class Sink>
-uint32_t xmlCopyWithEscape(Sink *out, const char *text)
+// Writes the plain bytes from run up to stop and what stands for the byte at
+// stop: an entity, or nothing for the terminating NUL.
+inline bool xmlOutRunAndEntity(XmlOut *out, const char *run, const char *stop, uint8_t code)
 {
-    if (text == nullptr) {
-        return KRV_XML_ERR_INVALID_PARAM;
+    const size_t count = static_cast<size_t>(stop - run);
+    if (!xmlOutReserve(out, count + kLongestEntity)) {
+        return false;
     }
-    const auto *p = reinterpret_cast<const unsigned char *>(text);
-    const uint32_t length = static_cast<uint32_t>(std::strlen(text));
-    uint32_t semicolon = 0;
-    uint32_t run = 0;
-    uint32_t i = 0;
-    for (;;) {
-        // Hot loop: skip bytes that stand for themselves.
-        while (length - i >= 4 && (kEscape.code[p[i]] | kEscape.code[p[i + 1]] |
-                                   kEscape.code[p[i + 2]] | kEscape.code[p[i + 3]]) == 0) {
-            i += 4;
-        }
-        while (i < length && kEscape.code[p[i]] == 0) {
-            ++i;
-        }
-        if (i == length) {
-            break;
-        }
-        uint8_t code = kEscape.code[p[i]];
-        if (code == kAmp && xmlIsReference(p, i, length, &semicolon)) {
-            ++i;  // the ampersand stays in the run
-            continue;
-        }
-        out->put(text + run, i - run);
-        out->put(kEntities[code].text, kEntities[code].length);
-        run = ++i;
-    }
-    out->put(text + run, length - run);
-    return KRV_XML_OK;
+    xmlOutCopy(out, run, count);
+    xmlOutCopy(out, kEntities[code].text, kEntities[code].length);
+    return true;
 }
+
+// Appends text with the markup characters replaced by entities; an ampersand
+// that begins a well-formed reference is kept. The scan stops at the NUL and
+// at the markup characters at once, and runs of plain bytes are copied in one
+// piece.
+#if defined(__SSE2__)
+// Every byte of a 16-byte block that needs attention is taken from one mask,
+// so that text dense with markup is not scanned again after each stop.
+KRV_XML_WHOLE_BLOCK_READS bool xmlCopyWithEscape(XmlOut *out, const char *text)
+{
+    const char *run = text;
+    const char *semicolon = nullptr;
+    bool noSemicolon = false;
+    const uintptr_t skew = reinterpret_cast<uintptr_t>(text) & 15u;
+    const auto *block = reinterpret_cast<const unsigned char *>(text) - skew;
+    unsigned mask = xmlStopMask(block) & (0xFFFFu << skew);
+    for (;;) {
+        while (mask == 0) {
+            block += 16;
+            mask = xmlStopMask(block);
+        }
+        const char *stop = reinterpret_cast<const char *>(block) + __builtin_ctz(mask);
+        mask &= mask - 1;
+        const uint8_t code = kEscape.code[static_cast<unsigned char>(*stop)];
+        if (code == kAmp && xmlIsReference(stop, &semicolon, &noSemicolon)) {
+            continue;  // the ampersand stays in the run
+        }
+        if (!xmlOutRunAndEntity(out, run, stop, code)) {
+            return false;
+        }
+        if (code == kEnd) {
+            return true;
+        }
+        run = stop + 1;
+    }
+}
+#else
+bool xmlCopyWithEscape(XmlOut *out, const char *text)
+{
+    const char *run = text;
+    const char *p = text;
+    const char *semicolon = nullptr;
+    bool noSemicolon = false;
+    for (;;) {
+        const char *stop = reinterpret_cast<const char *>(
+            xmlScanStop(reinterpret_cast<const unsigned char *>(p)));
+        const uint8_t code = kEscape.code[static_cast<unsigned char>(*stop)];
+        p = stop + 1;
+        if (code == kAmp && xmlIsReference(stop, &semicolon, &noSemicolon)) {
+            continue;  // the ampersand stays in the run
+        }
+        if (!xmlOutRunAndEntity(out, run, stop, code)) {
+            return false;
+        }
+        if (code == kEnd) {
+            return true;
+        }
+        run = p;
+    }
+}
+#endif
 
 // ===== Tree printing =======================================================
 
@@ -354,35 +541,69 @@ constexpr uint32_t kModeWhole = 0;
 constexpr uint32_t kModeHead = 1;
 constexpr uint32_t kModeTail = 2;
 
-// Names and prefixes, like values, count only the low 32 bits of their length.
-template <class Sink>
-void xmlPutQName(Sink *out, const XmlNode *node)
+// A node's qualified name, measured once for its start and end tags.
+struct QName {
+    const char *prefix;
+    size_t prefixLength;
+    const char *name;
+    size_t nameLength;
+    size_t length() const { return (prefix != nullptr ? prefixLength + 1 : 0) + nameLength; }
+};
+
+inline QName xmlQNameOf(const XmlNode *node)
 {
-    if (node->nsPrefix != nullptr) {
-        out->put(node->nsPrefix, static_cast<uint32_t>(std::strlen(node->nsPrefix)));
-        xmlOutLit(out, ":");
+    QName q{node->nsPrefix, 0, node->name, xmlLength(node->name)};
+    if (q.prefix != nullptr) {
+        q.prefixLength = xmlLength(q.prefix);
     }
-    out->put(node->name, static_cast<uint32_t>(std::strlen(node->name)));
+    return q;
+}
+
+// Copies the qualified name into reserved room.
+inline void xmlOutCopyQName(XmlOut *out, const QName &q)
+{
+    if (q.prefix != nullptr) {
+        xmlOutCopy(out, q.prefix, q.prefixLength);
+        out->data[out->length++] = ':';
+    }
+    xmlOutCopy(out, q.name, q.nameLength);
+}
+
+// "</" qualified name ">\n".
+bool xmlOutEndTag(XmlOut *out, const QName &q)
+{
+    if (!xmlOutReserve(out, q.length() + 4)) {
+        return false;
+    }
+    xmlOutCopyLit(out, "</");
+    xmlOutCopyQName(out, q);
+    xmlOutCopyLit(out, ">\n");
+    return true;
 }
 
 // Writes an attribute and every attribute after it in its list, separated by
 // single spaces. A loop, not a recursion, so that a long list costs no stack.
-template <class Sink>
-uint32_t xmlPrintAttrList(XmlNode *attr, Sink *out)
+uint32_t xmlPrintAttrList(XmlNode *attr, XmlOut *out)
 {
     for (XmlNode *a = attr; a != nullptr; a = a->next) {
         if (a->name == nullptr) {
             return KRV_XML_ERR_INVALID_PARAM;
         }
+        const QName q = xmlQNameOf(a);
+        if (!xmlOutReserve(out, q.length() + 4)) {
+            return KRV_XML_ERR_NO_MEMORY;
+        }
         if (a != attr) {
-            xmlOutLit(out, " ");
+            xmlOutCopyLit(out, " ");
         }
-        xmlPutQName(out, a);
-        xmlOutLit(out, "=\"");
-        if (a->value != nullptr) {
-            xmlCopyWithEscape(out, a->value);
+        xmlOutCopyQName(out, q);
+        xmlOutCopyLit(out, "=\"");
+        if (a->value != nullptr && !xmlCopyWithEscape(out, a->value)) {
+            return KRV_XML_ERR_NO_MEMORY;
         }
-        xmlOutLit(out, "\"");
+        if (!xmlOutLit(out, "\"")) {
+            return KRV_XML_ERR_NO_MEMORY;
+        }
     }
     return KRV_XML_OK;
 }
@@ -391,21 +612,20 @@ uint32_t xmlPrintAttrList(XmlNode *attr, Sink *out)
 // and, in both modes, those of the ancestors whose last child the previous
 // one is. Climbs iteratively; stops at the top node, whose parent is null for
 // the length of a transform.
-template <class Sink>
-void xmlCloseRun(XmlNode *node, Sink *out, uint32_t mode)
+bool xmlCloseRun(const XmlNode *node, XmlOut *out, uint32_t mode)
 {
-    XmlNode *parent = node->parent;
+    const XmlNode *parent = node->parent;
     if (parent == nullptr || node->firstChild != nullptr || parent->lastChild != node) {
-        return;
+        return true;
     }
-    XmlNode *close = mode == kModeTail ? node : parent;
+    const XmlNode *close = mode == kModeTail ? node : parent;
     for (;;) {
-        xmlOutLit(out, "</");
-        xmlPutQName(out, close);
-        xmlOutLit(out, ">\n");
-        XmlNode *up = close->parent;
+        if (!xmlOutEndTag(out, xmlQNameOf(close))) {
+            return false;
+        }
+        const XmlNode *up = close->parent;
         if (up == nullptr || up->lastChild != close) {
-            return;
+            return true;
         }
         close = up;
     }
@@ -414,8 +634,7 @@ void xmlCloseRun(XmlNode *node, Sink *out, uint32_t mode)
 // Writes one node in the given mode (0 whole, 1 head, 2 tail). Children are
 // not descended into: the caller's walk brings them. An attribute node writes
 // itself and the rest of its list.
-template <class Sink>
-uint32_t xmlPrintDomTreeRecursive(XmlNode *node, Sink *out, uint32_t mode)
+uint32_t xmlPrintDomTreeRecursive(XmlNode *node, XmlOut *out, uint32_t mode)
 {
     if (node == nullptr) {
         return KRV_XML_OK;
@@ -430,51 +649,146 @@ uint32_t xmlPrintDomTreeRecursive(XmlNode *node, Sink *out, uint32_t mode)
         return KRV_XML_OK;
     }
     if (mode == kModeTail) {
-        xmlCloseRun(node, out, mode);
-        return KRV_XML_OK;
+        return xmlCloseRun(node, out, mode) ? KRV_XML_OK : KRV_XML_ERR_NO_MEMORY;
     }
-    xmlOutLit(out, "<");
-    xmlPutQName(out, node);
+    const QName q = xmlQNameOf(node);
+    if (!xmlOutReserve(out, q.length() + 4)) {
+        return KRV_XML_ERR_NO_MEMORY;
+    }
+    xmlOutCopyLit(out, "<");
+    xmlOutCopyQName(out, q);
     if (node->firstAttr != nullptr) {
-        xmlOutLit(out, " ");
+        xmlOutCopyLit(out, " ");
         uint32_t rc = xmlPrintAttrList(node->firstAttr, out);
         if (rc != KRV_XML_OK) {
             return rc;
         }
     }
     if (node->firstChild != nullptr) {
-        xmlOutLit(out, ">\n");
-        return KRV_XML_OK;
+        return xmlOutLit(out, ">\n") ? KRV_XML_OK : KRV_XML_ERR_NO_MEMORY;
     }
+    bool ok;
     if (node->value != nullptr) {
-        xmlOutLit(out, ">");
-        xmlCopyWithEscape(out, node->value);
-        xmlOutLit(out, "</");
-        xmlPutQName(out, node);
-        xmlOutLit(out, ">\n");
+        ok = xmlOutLit(out, ">") && xmlCopyWithEscape(out, node->value) && xmlOutEndTag(out, q);
     } else if (mode == kModeHead && node->next == nullptr) {
         // The head leaves the last leaf open for the caller's content.
-        xmlOutLit(out, ">\n");
-        return KRV_XML_OK;
+        return xmlOutLit(out, ">\n") ? KRV_XML_OK : KRV_XML_ERR_NO_MEMORY;
     } else {
-        xmlOutLit(out, "/>\n");
+        ok = xmlOutLit(out, "/>\n");
     }
-    if (mode != kModeHead) {
-        xmlCloseRun(node, out, mode);
+    if (ok && mode != kModeHead) {
+        ok = xmlCloseRun(node, out, mode);
     }
-    return KRV_XML_OK;
+    return ok ? KRV_XML_OK : KRV_XML_ERR_NO_MEMORY;
 }
 
-template <class Sink>
-uint32_t xmlPrintSubTree(XmlNode *top, Sink *out, uint32_t mode)
+// The node after `node` in the order of KRV_XML_Iterator (whose steps are
+// repeated here, without a call per node): the first child, else the next
+// sibling of the node or of its nearest ancestor that has one. An attribute
+// node ends the walk, as it ends the iterator's.
+inline XmlNode *xmlWalkNext(XmlNode *node)
 {
-    for (XmlNode *node = top; node != nullptr; node = KRV_XML_Iterator(node)) {
+    if (xmlIsAttr(node)) {
+        return nullptr;
+    }
+    if (node->firstChild != nullptr) {
+        return node->firstChild;
+    }
+    while (node != nullptr && node->next == nullptr) {
+        node = node->parent;
+    }
+    return node != nullptr ? node->next : nullptr;
+}
+
+inline void xmlPrefetch(const void *p)
+{
+#if defined(__GNUC__) || defined(__clang__)
+    __builtin_prefetch(p);
+#else
+    (void)p;
+#endif
+}
+
+// Asks for the strings of a node whose record has arrived, and for the
+// records of its first attributes.
+inline void xmlPrefetchStrings(const XmlNode *node)
+{
+    xmlPrefetch(node->value);
+    xmlPrefetch(node->name);
+    xmlPrefetch(node->nsPrefix);
+    if (!xmlIsAttr(node)) {
+        xmlPrefetch(node->firstAttr);
+    }
+}
+
+// Writes every node of top's sub-tree in document order. The records and
+// strings of a heap tree lie scattered over the heap, so a second cursor runs
+// kAhead nodes ahead of the writer and asks for each record as it reaches it;
+// the strings of a node are asked for two nodes before it is written, and
+// those of its first attributes just before.
+constexpr int kPrefetchAttrs = 4;
+constexpr unsigned kAhead = 4;  // a power of two: the ring below wraps by mask
+
+uint32_t xmlPrintScattered(XmlNode *top, XmlOut *out, uint32_t mode)
+{
+    XmlNode *ring[kAhead] = {};
+    unsigned head = 0;  // ring[head] is the node written next
+    XmlNode *scout = top;
+    for (unsigned i = 0; i < kAhead && scout != nullptr; ++i) {
+        ring[i] = scout;
+        scout = xmlWalkNext(scout);
+        xmlPrefetch(scout);
+    }
+    while (ring[head] != nullptr) {
+        XmlNode *node = ring[head];
+        // The slot just taken is refilled with the node kAhead places on.
+        ring[head] = scout;
+        if (scout != nullptr) {
+            scout = xmlWalkNext(scout);
+            xmlPrefetch(scout);
+        }
+        head = (head + 1) & (kAhead - 1);
+        XmlNode *soon = ring[(head + 1) & (kAhead - 1)];
+        if (soon != nullptr) {
+            xmlPrefetchStrings(soon);
+        }
+        if (!xmlIsAttr(node)) {
+            // The first few attributes' strings; their records were asked for
+            // with the node's strings. Bounded, so that a long list is not
+            // walked twice.
+            const XmlNode *a = node->firstAttr;
+            for (int i = 0; i < kPrefetchAttrs && a != nullptr; ++i, a = a->next) {
+                xmlPrefetch(a->name);
+                xmlPrefetch(a->nsPrefix);
+                xmlPrefetch(a->value);
+                xmlPrefetch(a->next);
+            }
+        }
         uint32_t rc = xmlPrintDomTreeRecursive(node, out, mode);
         if (rc != KRV_XML_OK) {
             return rc;
         }
     }
     return KRV_XML_OK;
+}
+
+// As xmlPrintScattered, without looking ahead: the records and strings of a
+// session tree were carved one after the other in document order, which the
+// processor's own prefetching follows.
+uint32_t xmlPrintCompact(XmlNode *top, XmlOut *out, uint32_t mode)
+{
+    for (XmlNode *node = top; node != nullptr; node = xmlWalkNext(node)) {
+        uint32_t rc = xmlPrintDomTreeRecursive(node, out, mode);
+        if (rc != KRV_XML_OK) {
+            return rc;
+        }
+    }
+    return KRV_XML_OK;
+}
+
+uint32_t xmlPrintSubTree(XmlNode *top, XmlOut *out, uint32_t mode)
+{
+    return top->mem != nullptr ? xmlPrintCompact(top, out, mode) : xmlPrintScattered(top, out, mode);
 }
 
 // Builds the text of top's sub-tree in the given mode. The top node's links
@@ -490,30 +804,21 @@ uint32_t xmlBuildText(XmlNode *top, uint32_t mode, char **text, size_t *length)
     top->next = nullptr;
     top->prev = nullptr;
 
-    char *data = nullptr;
-    XmlOutCount count{0};
-    uint32_t rc = xmlPrintSubTree(top, &count, mode);
-    if (rc == KRV_XML_OK && count.length != 0) {
-        data = count.length < SIZE_MAX
-                   ? static_cast<char *>(XML_Malloc(nullptr, static_cast<uint64_t>(count.length) + 1))
-                   : nullptr;
-        if (data == nullptr) {
-            rc = KRV_XML_ERR_NO_MEMORY;
-        } else {
-            XmlOutWrite write{data};
-            xmlPrintSubTree(top, &write, mode);  // cannot fail: the first walk passed
-            data[count.length] = '\0';
-        }
-    }
+    XmlOut out{nullptr, 0, 0};
+    uint32_t rc = xmlPrintSubTree(top, &out, mode);
 
     top->parent = parent;
     top->next = next;
     top->prev = prev;
     if (rc != KRV_XML_OK) {
+        XML_Free(nullptr, out.data);
         return rc;
     }
-    *text = data;
-    *length = count.length;
+    if (out.data != nullptr) {
+        out.data[out.length] = '\0';
+    }
+    *text = out.data;
+    *length = out.length;
     return KRV_XML_OK;
 }
 
