@@ -314,7 +314,7 @@ XmlNode *XML_NewNode(XmlMemSession *session, int32_t kind)
         return nullptr;
     }
     if (session == nullptr) {
-        memset_s(raw, size, 0, size);  // bytes carved from a session are zero already
+        std::memset(raw, 0, size);  // bytes carved from a session are zero already
     }
     auto *node = static_cast<XmlNode *>(raw);
     // The stored kind always matches the shape, so no record claims fields
