@@ -123,6 +123,9 @@ void RunSweep(const AllocatingCall &c)
             if (c.path != nullptr) {
                 f.tree = MustParse(c.document, c.session);
                 f.node = Find(f.tree, c.path);
+                if (c.session) {  // a new session block must reach the heap
+                    krvtest::SpendSessionSlab(f.tree->mem);
+                }
                 f.before = Dump(f.tree);
             }
             return f;

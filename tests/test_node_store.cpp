@@ -43,6 +43,32 @@ std::vector<int32_t> capacities(XmlMemSession *session)
     return caps;
 }
 
+// A brute-force model of first fit over the chain: the free bytes and the
+// capacity of every block, searched from the first.
+struct FirstFitModel {
+    std::vector<int32_t> free{kSessionInitialSize};
+    std::vector<int32_t> cap{kSessionInitialSize};
+
+    // The block that serves a request of n bytes, adding one when none can.
+    int serve(int32_t n)
+    {
+        int32_t rounded = (n + 7) & ~7;
+        for (size_t b = 0; b < free.size(); ++b) {
+            if (free[b] >= rounded) {
+                free[b] -= rounded;
+                return static_cast<int>(b);
+            }
+        }
+        int32_t c = cap.back();
+        while (c < rounded) {
+            c *= 2;
+        }
+        cap.push_back(c);
+        free.push_back(c - rounded);
+        return static_cast<int>(free.size() - 1);
+    }
+};
+
 }  // namespace
 
 // ===== Session ==============================================================
@@ -107,59 +133,125 @@ TEST(Session, ServesZeroedAlignedMemoryAndExactFit)
 
 TEST(Session, FirstFitMatchesAReferenceModel)
 {
-    // A brute-force model of first fit over the chain: every request must be
-    // served by exactly the block the model picks, across many blocks with
-    // scattered leftovers.
+    // Every request must be served by exactly the block the model picks,
+    // across many blocks with scattered leftovers; in the second round a few
+    // requests also make blocks larger than a slab. Every piece must come
+    // zero-filled, also from memory that the first round dirtied, and no two
+    // pieces may overlap: each is filled with its own byte and all are
+    // checked at the end.
+    krvtest::LeakGuard guard;
     std::mt19937 rng(12345);
-    XmlMemSession *s = XML_MemSessionBegin(kSessionInitialSize);
-    std::vector<int32_t> modelFree{kSessionInitialSize};
-    std::vector<int32_t> modelCap{kSessionInitialSize};
-    for (int i = 0; i < 30000; ++i) {
-        int32_t n = (rng() % 10 == 0) ? static_cast<int32_t>(1 + rng() % 6000)
-                                      : static_cast<int32_t>(1 + rng() % 200);
-        int32_t rounded = (n + 7) & ~7;
-        int expected = -1;
-        for (size_t b = 0; b < modelFree.size(); ++b) {
-            if (modelFree[b] >= rounded) {
-                expected = static_cast<int>(b);
-                break;
+    for (int round = 0; round < 2; ++round) {
+        SCOPED_TRACE(round);
+        XmlMemSession *s = XML_MemSessionBegin(kSessionInitialSize);
+        ASSERT_NE(s, nullptr);
+        FirstFitModel model;
+        struct Piece {
+            uint8_t *p;
+            int32_t n;
+            uint8_t fill;
+        };
+        std::vector<Piece> pieces;
+        for (int i = 0; i < 30000; ++i) {
+            uint32_t pick = rng() % 1000;
+            int32_t n = pick == 0 && round == 1 ? static_cast<int32_t>(1 + rng() % 300000)
+                        : pick < 100 ? static_cast<int32_t>(1 + rng() % 6000)
+                                     : static_cast<int32_t>(1 + rng() % 200);
+            int expected = model.serve(n);
+            auto *p = static_cast<uint8_t *>(XML_MemSpecialMalloc(s, n));
+            ASSERT_NE(p, nullptr);
+            ASSERT_EQ(blockOf(s, p), expected) << "request " << i << " of " << n << " bytes";
+            for (int32_t k = 0; k < n; ++k) {
+                ASSERT_EQ(p[k], 0) << "request " << i << ", byte " << k;
+            }
+            auto fill = static_cast<uint8_t>(1 + i % 255);
+            std::memset(p, fill, static_cast<size_t>(n));
+            pieces.push_back({p, n, fill});
+        }
+        EXPECT_EQ(capacities(s), model.cap);
+        for (const Piece &piece : pieces) {
+            for (int32_t k = 0; k < piece.n; ++k) {
+                ASSERT_EQ(piece.p[k], piece.fill) << "pieces overlap";
             }
         }
-        if (expected < 0) {
-            int32_t cap = modelCap.back();
-            while (cap < rounded) {
-                cap *= 2;
-            }
-            modelCap.push_back(cap);
-            modelFree.push_back(cap);
-            expected = static_cast<int>(modelFree.size() - 1);
-        }
-        modelFree[expected] -= rounded;
-        void *p = XML_MemSpecialMalloc(s, n);
-        ASSERT_NE(p, nullptr);
-        ASSERT_EQ(blockOf(s, p), expected) << "request " << i << " of " << n << " bytes";
+        XML_MemSessionEnd(s);
     }
-    EXPECT_EQ(capacities(s), modelCap);
-    XML_MemSessionEnd(s);
+}
+
+TEST(Session, BlocksCostFewHeapAllocations)
+{
+    // Blocks are carved from slabs that grow geometrically, also after a first
+    // block too large for a shared slab: the heap sees the first block, the
+    // index and its growth, and a handful of slabs, not one per block.
+    struct Case {
+        int32_t first;
+        int32_t then;
+        int count;
+        size_t blocks;
+        long most;
+    };
+    const Case cases[] = {
+        {8192, 8192, 2000, 2001, 16},   // the first block, then 2000 of 8 KB
+        {100000, 131072, 60, 62, 10},   // 8 KB, then 61 blocks of 128 KB
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.first);
+        krvtest::LeakGuard guard;
+        long before = krv_test::AllocationCount();
+        XmlMemSession *s = XML_MemSessionBegin(kSessionInitialSize);
+        ASSERT_NE(s, nullptr);
+        ASSERT_NE(XML_MemSpecialMalloc(s, c.first), nullptr);
+        for (int i = 0; i < c.count; ++i) {
+            ASSERT_NE(XML_MemSpecialMalloc(s, c.then), nullptr);
+        }
+        EXPECT_EQ(capacities(s).size(), c.blocks);
+        EXPECT_LE(krv_test::AllocationCount() - before, c.most);
+        XML_MemSessionEnd(s);
+    }
 }
 
 TEST(Session, FailedGrowthLeavesTheChainAsItWas)
 {
+    // 70 full blocks need the block index, three slabs and a larger index;
+    // then a block larger than the next slab gets one of its own. Each of
+    // these heap allocations fails once: the request gets null, the chain
+    // stays what the served requests made, and the same request served again
+    // afterwards lands where first fit says.
+    std::vector<int32_t> requests(70, 8192);
+    requests.push_back(3000000);
+    requests.push_back(8192);
+    struct Run {
+        XmlMemSession *session;
+        size_t served;
+    };
     krvtest::LeakGuard guard;
-    krvtest::SweepAllocationFailures(
-        [] {
-            XmlMemSession *s = XML_MemSessionBegin(kSessionInitialSize);
-            EXPECT_NE(XML_MemSpecialMalloc(s, 8000), nullptr);
-            return s;
+    long points = krvtest::SweepAllocationFailures(
+        [] { return Run{XML_MemSessionBegin(kSessionInitialSize), 0}; },
+        [&](Run &r) {
+            for (; r.served < requests.size(); ++r.served) {
+                if (XML_MemSpecialMalloc(r.session, requests[r.served]) == nullptr) {
+                    return KRV_XML_ERR_NO_MEMORY;
+                }
+            }
+            return KRV_XML_OK;
         },
-        [](XmlMemSession *s) {
-            return XML_MemSpecialMalloc(s, 1000) ? KRV_XML_OK : KRV_XML_ERR_NO_MEMORY;
-        },
-        [](uint32_t rc, XmlMemSession *s) {
-            EXPECT_EQ(capacities(s).size(), rc == KRV_XML_OK ? 2u : 1u);
-            EXPECT_EQ(s->freeBytes, 8192 - 8000);
-            XML_MemSessionEnd(s);
+        [&](uint32_t rc, Run &r) {
+            FirstFitModel model;
+            for (size_t i = 0; i < r.served; ++i) {
+                model.serve(requests[i]);
+            }
+            EXPECT_EQ(capacities(r.session), model.cap) << "after " << r.served << " requests";
+            if (rc != KRV_XML_OK) {
+                int32_t n = requests[r.served];
+                int expected = model.serve(n);
+                auto *p = static_cast<uint8_t *>(XML_MemSpecialMalloc(r.session, n));
+                ASSERT_NE(p, nullptr);
+                EXPECT_EQ(blockOf(r.session, p), expected);
+                EXPECT_EQ(p[0] | p[n - 1], 0);
+            }
+            XML_MemSessionEnd(r.session);
         });
+    EXPECT_EQ(points, 6) << "index, 64 KB, 256 KB and 1 MB slabs, larger index, own slab";
 }
 
 // ===== Routing ==============================================================

@@ -12,6 +12,7 @@
 
 #include "krv_xml.h"
 #include "platform/krv_platform.h"
+#include "xml/xml_internal.h"
 
 namespace krvtest {
 
@@ -27,6 +28,16 @@ public:
 private:
     long before_;
 };
+
+// Fills the session's current slab with full blocks, so that the session's
+// next new block is a heap allocation that a sweep can fail.
+inline void SpendSessionSlab(XmlMemSession *session)
+{
+    int32_t capacity = session->lastBlock->capacity;
+    while (xmlSessionSlabRoom(session) >= capacity) {
+        EXPECT_NE(XML_MemSpecialMalloc(session, capacity), nullptr);
+    }
+}
 
 // Allocation failure sweep. For k = 1, 2, ...: `setup()` builds a fresh
 // fixture with failures off; `attempt(fixture)` runs with the k-th allocation

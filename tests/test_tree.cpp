@@ -775,7 +775,8 @@ TEST(Clone, AllocationFailuresLeaveNothingBehind)
         SCOPED_TRACE(static_cast<int>(which));
         for (auto clone : {KRV_XML_CloneNodeSelf, KRV_XML_CloneNode}) {
             // Values of 5000 bytes leave no session block with room for a
-            // copy of one, so copies of session trees must reach the heap.
+            // copy of one, and the session's slab is spent, so copies of
+            // session trees must reach the heap.
             auto setup = [&] {
                 CloneFixture f = cloneFixture(session);
                 std::string big(5000, 'v');
@@ -784,6 +785,9 @@ TEST(Clone, AllocationFailuresLeaveNothingBehind)
                 EXPECT_EQ(KRV_XML_SetAttr(x, "q", "xa", big.c_str()), KRV_XML_OK);
                 for (XmlNode *n : {f.source, x, x->firstChild}) {
                     EXPECT_EQ(KRV_XML_SetNode(n, nullptr, nullptr, big.c_str()), KRV_XML_OK);
+                }
+                if (session) {
+                    krvtest::SpendSessionSlab(f.doc->mem);
                 }
                 return f;
             };

@@ -384,10 +384,10 @@ TEST(TypedValue, SettersSurviveEveryAllocationFailure)
     };
     EXPECT_EQ(krvtest::SweepAllocationFailures(heapTree, attempt, check), 4);  // record, prefix, name, value
     // Session full: the record needs a new block (and the session its block
-    // index), then the value text is a heap copy.
+    // index and first slab), then the value text is a heap copy.
     EXPECT_EQ(krvtest::SweepAllocationFailures([&] { return sessionTree(0); }, attempt, check), 3);
     // Room for record, prefix and name only: the session copy of the value
-    // needs a new block while the heap copy is alive.
+    // needs a new block (index and first slab) while the heap copy is alive.
     const int32_t room = static_cast<int32_t>((kAttrRecordSize + 7) & ~size_t{7}) + 8 + 8;
     EXPECT_EQ(krvtest::SweepAllocationFailures([&] { return sessionTree(room); }, attempt, check), 3);
 

@@ -106,4 +106,11 @@ XmlNode *xmlGetAttr(XmlNode *element, const char *prefix, const char *name);
 // document's name table, releasing the former string by the release rule.
 void XML_InternName(XmlNode *document, XmlNode *node);
 
+// ----- Memory sessions -----
+
+// The largest block capacity that the session can still carve from its
+// current slab, that is without a heap allocation. For tests that need the
+// session's next new block to reach the heap.
+int32_t xmlSessionSlabRoom(const XmlMemSession *session);
+
 #endif  // KRV_XML_INTERNAL_H

@@ -11,16 +11,41 @@
 // exact without walking the chain per request, the first block keeps
 //   - `firstNonFull`: every block before it is full, so when it has room it is
 //     the first fit;
-//   - `index`: a max-tree over the blocks' free bytes, built once a second
-//     block exists. Its leaves may be stale (too high, never too low), so the
-//     leftmost leaf that claims room is checked against the block and mended
-//     when it lied. A request thus costs O(1) or O(log blocks).
+//   - `index`: a max-tree over the free bytes of the blocks before the last,
+//     built once a second block exists. Its leaves may be stale (too high,
+//     never too low), so the leftmost leaf that claims room is checked against
+//     the block and mended when it lied. The last block's leaf stays 0 until a
+//     newer block follows it: the root then says in O(1) whether any older
+//     block can serve, and when none can, the last block is the first fit.
+// A request thus costs O(1), or O(log blocks) when an older block serves it.
+//
+// The first block is a heap allocation of its own, so a small document costs
+// one small allocation. Later blocks are carved back to back from slabs that
+// grow fourfold from 64 KB to just under 32 MB, so a session makes a handful
+// of heap allocations instead of one per block, and frees them in one walk.
+// Slabs of that size are what glibc maps fresh and, once they are freed, learns
+// to keep in the process (its threshold follows the largest freed mapping up
+// to 32 MB and it trims only beyond twice that; with fourfold growth a session
+// of up to some 64 MB stays under that), so the next session does not fault
+// its memory in again. A shared slab is cleared block by block as blocks are
+// carved, just before the caller writes them; a block larger than the next
+// shared slab gets a zero-filled slab of its own and the shared slab stays in
+// use.
+
+struct SessionSlab {
+    SessionSlab *next;  // the previous slab of the session; blocks follow
+};
 
 struct SessionIndex {
     int32_t leaves;  // power of two
     int32_t count;   // blocks indexed
     int32_t *maxFree;  // 2 * leaves entries; node 1 is the root
     XmlMemSession **blocks;  // leaves entries
+    // The slabs, newest first, and the unused rest of the newest shared one.
+    SessionSlab *slabs;
+    uint8_t *slabCursor;
+    size_t slabRoom;
+    size_t nextSlab;  // heap footprint of the next shared slab
 };
 
 namespace {
@@ -33,17 +58,67 @@ uint8_t *blockData(XmlMemSession *block)
     return reinterpret_cast<uint8_t *>(block) + kBlockHeader;
 }
 
-XmlMemSession *newBlock(int32_t capacity)
+constexpr size_t kSlabHeader = (sizeof(SessionSlab) + 7) & ~static_cast<size_t>(7);
+constexpr size_t kFirstSlab = size_t{64} << 10;
+constexpr size_t kLargestSlab = (size_t{32} << 20) - 4096;
+// Slabs ask for a little less than a power of two, so that the heap's own
+// header does not push a page-backed slab onto one more page.
+constexpr size_t kHeapOverhead = 32;
+
+size_t nextSlabAfter(size_t slab)
 {
-    auto *block = static_cast<XmlMemSession *>(
-        krvHeapCalloc(1, kBlockHeader + static_cast<size_t>(capacity)));
-    if (block == nullptr) {
-        return nullptr;
-    }
+    return slab * 4 < kLargestSlab ? slab * 4 : kLargestSlab;
+}
+
+XmlMemSession *initBlock(void *at, int32_t capacity)
+{
+    auto *block = static_cast<XmlMemSession *>(at);  // zero-filled
     block->cursor = blockData(block);
     block->freeBytes = capacity;
     block->capacity = capacity;
     return block;
+}
+
+// A zero-filled block of `capacity` data bytes carved from the session's
+// slabs, or null when a needed slab cannot be allocated (nothing changed).
+XmlMemSession *slabBlock(SessionIndex *index, int32_t capacity)
+{
+    size_t bytes = kBlockHeader + static_cast<size_t>(capacity);
+    size_t shared = index->nextSlab - kHeapOverhead;
+    if (bytes > index->slabRoom && kSlabHeader + bytes > shared) {
+        auto *own = static_cast<SessionSlab *>(krvHeapCalloc(1, kSlabHeader + bytes));
+        if (own == nullptr) {
+            return nullptr;
+        }
+        own->next = index->slabs;
+        index->slabs = own;
+        // Later blocks keep this capacity: let the shared slabs catch up.
+        index->nextSlab = nextSlabAfter(index->nextSlab);
+        return initBlock(reinterpret_cast<uint8_t *>(own) + kSlabHeader, capacity);
+    }
+    if (bytes > index->slabRoom) {  // the rest of the current slab is given up
+        auto *slab = static_cast<SessionSlab *>(krvHeapMalloc(shared));
+        if (slab == nullptr) {
+            return nullptr;
+        }
+        slab->next = index->slabs;
+        index->slabs = slab;
+        index->slabCursor = reinterpret_cast<uint8_t *>(slab) + kSlabHeader;
+        index->slabRoom = shared - kSlabHeader;
+        index->nextSlab = nextSlabAfter(index->nextSlab);
+    }
+    uint8_t *at = index->slabCursor;
+    index->slabCursor += bytes;
+    index->slabRoom -= bytes;
+    memset_s(at, bytes, 0, bytes);
+    // The next block of this slab is likely to be cleared and filled soon:
+    // start loading it now, so that the memory's latency overlaps with the
+    // work done in this block instead of stalling the next clear.
+    size_t ahead = index->slabRoom < bytes ? index->slabRoom : bytes;
+    for (size_t off = 0; off < ahead; off += 64) {
+        __builtin_prefetch(index->slabCursor + off, 1, 3);
+    }
+    return initBlock(at, capacity);
 }
 
 void *carve(XmlMemSession *block, int32_t n)
@@ -93,11 +168,15 @@ SessionIndex *indexReserve(XmlMemSession *first)
         return nullptr;
     }
     if (old == nullptr) {
+        index->nextSlab = kFirstSlab;
         index->blocks[0] = first;
         index->count = 1;
-        indexSet(index, 0, first->freeBytes);
     } else {
         index->count = old->count;
+        index->slabs = old->slabs;
+        index->slabCursor = old->slabCursor;
+        index->slabRoom = old->slabRoom;
+        index->nextSlab = old->nextSlab;
         for (int32_t i = 0; i < old->count; ++i) {
             index->blocks[i] = old->blocks[i];
             index->maxFree[leaves + i] = old->maxFree[old->leaves + i];
@@ -143,7 +222,8 @@ XmlMemSession *findFirstFit(XmlMemSession *first, int32_t n)
         }
         indexSet(index, leaf, block->freeBytes);  // the leaf was stale: mend it
     }
-    return nullptr;
+    XmlMemSession *last = first->lastBlock;  // not in the tree
+    return last->freeBytes >= n ? last : nullptr;
 }
 
 }  // namespace
@@ -153,11 +233,13 @@ XmlMemSession *XML_MemSessionBegin(int32_t size)
     if (size <= 0) {
         return nullptr;
     }
-    XmlMemSession *first = newBlock(size);
-    if (first != nullptr) {
-        first->lastBlock = first;
-        first->firstNonFull = first;
+    void *raw = krvHeapCalloc(1, kBlockHeader + static_cast<size_t>(size));
+    if (raw == nullptr) {
+        return nullptr;
     }
+    XmlMemSession *first = initBlock(raw, size);
+    first->lastBlock = first;
+    first->firstNonFull = first;
     return first;
 }
 
@@ -182,7 +264,7 @@ void *XML_MemSpecialMalloc(XmlMemSession *session, int32_t n)
     if (index == nullptr) {
         return nullptr;
     }
-    XmlMemSession *block = newBlock(capacity);
+    XmlMemSession *block = slabBlock(index, capacity);
     if (block == nullptr) {
         return nullptr;  // a grown index is kept; the chain is unchanged
     }
@@ -190,8 +272,9 @@ void *XML_MemSpecialMalloc(XmlMemSession *session, int32_t n)
     block->ordinal = last->ordinal + 1;
     last->nextBlock = block;
     session->lastBlock = block;
+    // The former last block enters the tree; the new one stays out at 0.
+    indexSet(index, last->ordinal, last->freeBytes);
     index->blocks[index->count++] = block;
-    indexSet(index, block->ordinal, block->freeBytes);
     if (session->firstNonFull == nullptr) {
         session->firstNonFull = block;
     }
@@ -203,13 +286,27 @@ int32_t XML_MemSessionEnd(XmlMemSession *session)
     if (session == nullptr) {
         return 0;
     }
-    krvHeapFree(session->index);
-    while (session != nullptr) {
-        XmlMemSession *next = session->nextBlock;
-        krvHeapFree(session);
-        session = next;
+    SessionIndex *index = session->index;
+    if (index != nullptr) {
+        for (SessionSlab *slab = index->slabs; slab != nullptr;) {
+            SessionSlab *next = slab->next;
+            krvHeapFree(slab);
+            slab = next;
+        }
+        krvHeapFree(index);
     }
+    krvHeapFree(session);
     return 1;
+}
+
+int32_t xmlSessionSlabRoom(const XmlMemSession *session)
+{
+    const SessionIndex *index = session->index;
+    if (index == nullptr || index->slabRoom <= kBlockHeader) {
+        return 0;
+    }
+    size_t room = index->slabRoom - kBlockHeader;
+    return room > static_cast<size_t>(INT32_MAX) ? INT32_MAX : static_cast<int32_t>(room);
 }
 
 // ===== Allocation routing ==================================================
