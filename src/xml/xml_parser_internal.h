@@ -5,23 +5,11 @@
 #include <cstdint>
 #include <cstring>
 
-// Delimiter scans read the text 16 aligned bytes at a time with SSE2. An
-// aligned block never crosses a page, so reading past the terminating NUL
-// inside the block that holds it is safe; address sanitizers cannot know
-// that, so their builds use the byte loop.
-#if defined(__SANITIZE_ADDRESS__)
-#define KRVXML_SCALAR_SCAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(memory_sanitizer)
-#define KRVXML_SCALAR_SCAN 1
-#endif
-#endif
-#if defined(__SSE2__) && !defined(KRVXML_SCALAR_SCAN)
-#define KRVXML_SSE2_SCAN 1
+#include "xml/xml_internal.h"
+
+#ifdef KRVXML_SSE2_SCAN
 #include <emmintrin.h>
 #endif
-
-#include "xml/xml_internal.h"
 
 // Driver states.
 constexpr uint32_t XML_PARSE_IDLE = 0;     // between elements

@@ -3,11 +3,11 @@
 #include <cstdio>
 #include <cstring>
 
-#if defined(__SSE2__)
+#include "xml/xml_internal.h"
+
+#ifdef KRVXML_SSE2_SCAN
 #include <emmintrin.h>
 #endif
-
-#include "xml/xml_internal.h"
 
 // ===== Growable output buffer ==============================================
 //
@@ -331,19 +331,10 @@ constexpr Entity kEntities[] = {
 };
 constexpr size_t kLongestEntity = 6;
 
-#if defined(__SSE2__)
-// The scan below reads whole aligned blocks. A block never crosses a page, so
-// reading the bytes after the NUL that share its block is harmless, but the
-// address sanitizer would count them as reads past the string.
-#if defined(__clang__) || defined(__GNUC__)
-#define KRV_XML_WHOLE_BLOCK_READS __attribute__((no_sanitize_address))
-#else
-#define KRV_XML_WHOLE_BLOCK_READS
-#endif
-
+#ifdef KRVXML_SSE2_SCAN
 // The 16 bytes at the aligned address a, as a bit mask of those that are NUL
 // or one of " ' < > &.
-KRV_XML_WHOLE_BLOCK_READS inline unsigned xmlStopMask(const unsigned char *a)
+inline unsigned xmlStopMask(const unsigned char *a)
 {
     const __m128i v = _mm_load_si128(reinterpret_cast<const __m128i *>(a));
     __m128i hit = _mm_cmpeq_epi8(v, _mm_setzero_si128());
@@ -356,7 +347,7 @@ KRV_XML_WHOLE_BLOCK_READS inline unsigned xmlStopMask(const unsigned char *a)
 }
 
 // The length of a name or prefix, read in aligned 16-byte blocks.
-KRV_XML_WHOLE_BLOCK_READS size_t xmlLength(const char *text)
+size_t xmlLength(const char *text)
 {
     const auto *p = reinterpret_cast<const unsigned char *>(text);
     const uintptr_t skew = reinterpret_cast<uintptr_t>(p) & 15u;
@@ -478,10 +469,10 @@ inline bool xmlOutRunAndEntity(XmlOut *out, const char *run, const char *stop, u
 // that begins a well-formed reference is kept. The scan stops at the NUL and
 // at the markup characters at once, and runs of plain bytes are copied in one
 // piece.
-#if defined(__SSE2__)
+#ifdef KRVXML_SSE2_SCAN
 // Every byte of a 16-byte block that needs attention is taken from one mask,
 // so that text dense with markup is not scanned again after each stop.
-KRV_XML_WHOLE_BLOCK_READS bool xmlCopyWithEscape(XmlOut *out, const char *text)
+bool xmlCopyWithEscape(XmlOut *out, const char *text)
 {
     const char *run = text;
     const char *semicolon = nullptr;
