@@ -98,6 +98,21 @@ size_t readCharRef(const char *src, uint32_t *value, const char **reason)
     return static_cast<size_t>(q + 1 - src);
 }
 
+// The string buffer for a run of len bytes (0 < len <= kMaxRun), from the
+// session or the heap, stored at *out; null (noted) when memory ran out.
+char *newRunBuffer(XmlMemSession *session, const char *src, uint64_t len, char **out,
+                   XmlParseDiag *diag)
+{
+    char *buf = session != nullptr
+                    ? static_cast<char *>(xmlSessionTake(session, static_cast<int32_t>(len + 1)))
+                    : static_cast<char *>(krvHeapMalloc(static_cast<size_t>(len + 1)));
+    *out = buf;
+    if (buf == nullptr) {
+        note(diag, src, "out of memory");
+    }
+    return buf;
+}
+
 }  // namespace
 
 int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char **out,
@@ -114,12 +129,8 @@ int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char
         note(diag, src, "name, value or text too long");
         return static_cast<int32_t>(KRV_XML_ERR_SYNTAX);
     }
-    char *buf = session != nullptr
-                    ? static_cast<char *>(xmlSessionTake(session, static_cast<int32_t>(len + 1)))
-                    : static_cast<char *>(krvHeapMalloc(static_cast<size_t>(len + 1)));
-    *out = buf;
+    char *buf = newRunBuffer(session, src, len, out, diag);
     if (buf == nullptr) {
-        note(diag, src, "out of memory");
         return static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY);
     }
     const char *s = src;
@@ -215,12 +226,8 @@ int32_t xmlStoreRunOutOfLine(XmlMemSession *session, const char *src, uint64_t l
     if (!plain || len == 0 || len > kMaxRun) {
         return xmlDecodeRun(session, src, len, out, diag);
     }
-    char *buf = session != nullptr
-                    ? static_cast<char *>(xmlSessionTake(session, static_cast<int32_t>(len + 1)))
-                    : static_cast<char *>(krvHeapMalloc(static_cast<size_t>(len + 1)));
-    *out = buf;
+    char *buf = newRunBuffer(session, src, len, out, diag);
     if (buf == nullptr) {
-        note(diag, src, "out of memory");
         return static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY);
     }
     std::memcpy(buf, src, static_cast<size_t>(len));

@@ -445,6 +445,22 @@ bool nameMatches(const XmlParser *p, const XmlNode *element)
     return sameName(element, p->token, p->tokenLen);
 }
 
+// At an end tag ("</" at lt, `before` the byte ahead of it): when only white
+// space, comments or instructions stood between the element's start tag and
+// this end tag, the bytes after the nearest '>' become its value.
+bool storeBlankContent(XmlParser *p, XmlNode *element, const char *lt, char before)
+{
+    if (before == '>' || p->state != XML_PARSE_CONTENT) {
+        return true;
+    }
+    const char *gt = lt - 1;
+    while (*gt != '>') {
+        --gt;
+    }
+    return xmlDecodeRun(p->session, gt + 1, static_cast<uint64_t>(lt - gt - 1), &element->value,
+                        p->diag) == KRV_XML_OK;
+}
+
 bool startTag(XmlParser *p)
 {
     const char *lt = p->token;
@@ -530,17 +546,8 @@ bool endTag(XmlParser *p)
     if (!closeCurrent(p, p->token)) {
         return false;
     }
-    if (before != '>' && p->state == XML_PARSE_CONTENT) {
-        // Only white space, comments or instructions stood between the start
-        // tag and this end tag: the bytes after the nearest '>' are the value.
-        const char *gt = lt - 1;
-        while (*gt != '>') {
-            --gt;
-        }
-        if (xmlDecodeRun(p->session, gt + 1, static_cast<uint64_t>(lt - gt - 1), &cur->value,
-                         p->diag) != KRV_XML_OK) {
-            return false;
-        }
+    if (!storeBlankContent(p, cur, lt, before)) {
+        return false;
     }
     cur->valueOwned = 1;
     p->pos = skipSpace(p->pos);
@@ -966,15 +973,8 @@ Fast fastEndTag(XmlParser *p)
         return Fast::Failed;
     }
     cur->nameOwned = 1;
-    if (before != '>' && p->state == XML_PARSE_CONTENT) {
-        const char *open = lt - 1;
-        while (*open != '>') {
-            --open;
-        }
-        if (xmlDecodeRun(p->session, open + 1, static_cast<uint64_t>(lt - open - 1), &cur->value,
-                         p->diag) != KRV_XML_OK) {
-            return Fast::Failed;
-        }
+    if (!storeBlankContent(p, cur, lt, before)) {
+        return Fast::Failed;
     }
     cur->valueOwned = 1;
     --p->openCount;
