@@ -191,8 +191,8 @@ TEST(Session, BlocksCostFewHeapAllocations)
         long most;
     };
     const Case cases[] = {
-        {8192, 8192, 2000, 2001, 16},   // the first block, then 2000 of 8 KB
-        {100000, 131072, 60, 62, 10},   // 8 KB, then 61 blocks of 128 KB
+        {8192, 8192, 2000, 2001, 48},   // the first block, then 2000 of 8 KB (16 MB)
+        {100000, 131072, 60, 62, 32},   // 8 KB, then 61 blocks of 128 KB (8 MB)
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.first);
@@ -212,7 +212,7 @@ TEST(Session, BlocksCostFewHeapAllocations)
 
 TEST(Session, FailedGrowthLeavesTheChainAsItWas)
 {
-    // 70 full blocks need the block index, three slabs and a larger index;
+    // 70 full blocks need the block index, ten slabs and a larger index;
     // then a block larger than the next slab gets one of its own. Each of
     // these heap allocations fails once: the request gets null, the chain
     // stays what the served requests made, and the same request served again
@@ -251,7 +251,9 @@ TEST(Session, FailedGrowthLeavesTheChainAsItWas)
             }
             XML_MemSessionEnd(r.session);
         });
-    EXPECT_EQ(points, 6) << "index, 64 KB, 256 KB and 1 MB slabs, larger index, own slab";
+    // The index, nine slabs of 64 KB and one of 128 KB (an eighth of the 576 KB
+    // held then), the larger index and the big block's own slab.
+    EXPECT_EQ(points, 13);
 }
 
 // ===== Routing ==============================================================

@@ -20,14 +20,14 @@
 // A request thus costs O(1), or O(log blocks) when an older block serves it.
 //
 // The first block is a heap allocation of its own, so a small document costs
-// one small allocation. Later blocks are carved back to back from slabs that
-// grow fourfold from 64 KB to just under 32 MB, so a session makes a handful
-// of heap allocations instead of one per block, and frees them in one walk.
-// Slabs of that size are what glibc maps fresh and, once they are freed, learns
-// to keep in the process (its threshold follows the largest freed mapping up
-// to 32 MB and it trims only beyond twice that; with fourfold growth a session
-// of up to some 64 MB stays under that), so the next session does not fault
-// its memory in again. A shared slab is cleared block by block as blocks are
+// one small allocation. Later blocks are carved back to back from slabs of
+// 64 KB and up, each an eighth of what the session holds so far (at most just
+// under 32 MB): a session makes O(log size) heap allocations instead of one
+// per block and frees them in one walk, and the unused rest of its newest
+// slab stays below an eighth of its memory. Slabs of that size are what glibc
+// maps fresh and, once they are freed, learns to keep in the process (its
+// threshold follows the largest freed mapping up to 32 MB), so the next
+// session of a similar size does not fault its memory in again. A shared slab is cleared block by block as blocks are
 // carved, just before the caller writes them; a block larger than the next
 // shared slab gets a zero-filled slab of its own and the shared slab stays in
 // use.
@@ -45,7 +45,8 @@ struct SessionIndex {
     SessionSlab *slabs;
     uint8_t *slabCursor;
     size_t slabRoom;
-    size_t nextSlab;  // heap footprint of the next shared slab
+    size_t nextSlab;   // heap footprint of the next shared slab
+    size_t slabTotal;  // heap footprint of all slabs so far
 };
 
 namespace {
@@ -65,9 +66,11 @@ constexpr size_t kLargestSlab = (size_t{32} << 20) - 4096;
 // header does not push a page-backed slab onto one more page.
 constexpr size_t kHeapOverhead = 32;
 
-size_t nextSlabAfter(size_t slab)
+// The next shared slab: an eighth of the slabs so far, in 64 KB steps.
+size_t nextSlabFor(size_t total)
 {
-    return slab * 4 < kLargestSlab ? slab * 4 : kLargestSlab;
+    size_t want = (total / 8 + kFirstSlab - 1) / kFirstSlab * kFirstSlab;
+    return want < kFirstSlab ? kFirstSlab : want > kLargestSlab ? kLargestSlab : want;
 }
 
 XmlMemSession *initBlock(void *at, int32_t capacity)
@@ -93,7 +96,8 @@ XmlMemSession *slabBlock(SessionIndex *index, int32_t capacity)
         own->next = index->slabs;
         index->slabs = own;
         // Later blocks keep this capacity: let the shared slabs catch up.
-        index->nextSlab = nextSlabAfter(index->nextSlab);
+        index->slabTotal += kSlabHeader + bytes;
+        index->nextSlab = nextSlabFor(index->slabTotal);
         return initBlock(reinterpret_cast<uint8_t *>(own) + kSlabHeader, capacity);
     }
     if (bytes > index->slabRoom) {  // the rest of the current slab is given up
@@ -105,7 +109,8 @@ XmlMemSession *slabBlock(SessionIndex *index, int32_t capacity)
         index->slabs = slab;
         index->slabCursor = reinterpret_cast<uint8_t *>(slab) + kSlabHeader;
         index->slabRoom = shared - kSlabHeader;
-        index->nextSlab = nextSlabAfter(index->nextSlab);
+        index->slabTotal += shared;
+        index->nextSlab = nextSlabFor(index->slabTotal);
     }
     uint8_t *at = index->slabCursor;
     index->slabCursor += bytes;
@@ -177,6 +182,7 @@ SessionIndex *indexReserve(XmlMemSession *first)
         index->slabCursor = old->slabCursor;
         index->slabRoom = old->slabRoom;
         index->nextSlab = old->nextSlab;
+        index->slabTotal = old->slabTotal;
         for (int32_t i = 0; i < old->count; ++i) {
             index->blocks[i] = old->blocks[i];
             index->maxFree[leaves + i] = old->maxFree[old->leaves + i];
