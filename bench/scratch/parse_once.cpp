@@ -19,5 +19,5 @@ int main(int argc, char **argv) {
         if (ms < best) best = ms;
         if (rc) { printf("rc %x\n", rc); return 1; }
     }
-    printf("%s parse best %.1f ms (%.0f MB/s)\n", mode ? "session" : "heap", best, n / 1e6 / (best / 1e3));
+    printf("%s parse best %.3f ms (%.0f MB/s)\n", mode ? "session" : "heap", best, n / 1e6 / (best / 1e3));
 }

@@ -11,14 +11,39 @@ using namespace xmlp;
 
 namespace {
 
-struct Entity {
-    const char *text;
-    uint32_t len;
-    char byte;
-};
-constexpr Entity kEntities[] = {
-    {"&amp;", 5, '&'}, {"&lt;", 4, '<'}, {"&gt;", 4, '>'}, {"&apos;", 6, '\''}, {"&quot;", 6, '"'},
-};
+// The predefined entity at s ('&' at s[0]): its length through the ';' and
+// the byte it stands for, or 0. Each test stops at the first byte that
+// differs, so nothing past a terminating NUL is read.
+inline size_t matchEntity(const char *s, char *byte)
+{
+    switch (s[1]) {
+    case 'a':
+        if (s[2] == 'm' && s[3] == 'p' && s[4] == ';') {
+            *byte = '&';
+            return 5;
+        }
+        if (s[2] == 'p' && s[3] == 'o' && s[4] == 's' && s[5] == ';') {
+            *byte = '\'';
+            return 6;
+        }
+        return 0;
+    case 'l':
+    case 'g':
+        if (s[2] == 't' && s[3] == ';') {
+            *byte = s[1] == 'l' ? '<' : '>';
+            return 4;
+        }
+        return 0;
+    case 'q':
+        if (s[2] == 'u' && s[3] == 'o' && s[4] == 't' && s[5] == ';') {
+            *byte = '"';
+            return 6;
+        }
+        return 0;
+    default:
+        return 0;
+    }
+}
 
 inline int hexDigit(unsigned char c)
 {
@@ -187,19 +212,15 @@ int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char
                 d += putUtf8(d, v);
             }
         } else {
-            for (const Entity &e : kEntities) {
-                if (startsWith(s, e.text, e.len)) {
-                    if (s + e.len > end) {
-                        reason = "reference runs past the end of its text";
-                        break;
-                    }
-                    *d++ = e.byte;
-                    used = e.len;
-                    break;
-                }
-            }
-            if (used == 0 && reason == nullptr) {
+            char byte = 0;
+            size_t n = matchEntity(s, &byte);
+            if (n == 0) {
                 reason = "unknown entity";
+            } else if (s + n > end) {
+                reason = "reference runs past the end of its text";
+            } else {
+                *d++ = byte;
+                used = n;
             }
         }
         if (used == 0 || reason != nullptr) {

@@ -78,6 +78,9 @@ int32_t splitElement(XmlParser *p, XmlNode *element, uint32_t length, const char
     char *name = element->name;
     uint32_t i = 0;
     bool plain = true;
+    if (element->nsPrefix != nullptr) {
+        return KRV_XML_OK;  // divided when it opened
+    }
     if (colonAt == kColonUnknown) {
         while (i < length && name[i] != ':') {
             plain = plain && name[i] != '&' && name[i] != '<';
@@ -432,6 +435,21 @@ bool sameName(const XmlNode *element, const char *text, size_t len)
     if (name == nullptr) {
         return false;
     }
+    if (element->nsPrefix != nullptr) {
+        // Divided when it opened: the text must be prefix, ':' and name.
+        const char *prefix = element->nsPrefix;
+        size_t i = 0;
+        for (; prefix[i] != '\0'; ++i) {
+            if (i == len || prefix[i] != text[i]) {
+                return false;
+            }
+        }
+        if (i == len || text[i] != ':') {
+            return false;
+        }
+        text += i + 1;
+        len -= i + 1;
+    }
     for (size_t i = 0; i < len; ++i) {
         if (name[i] != text[i]) {
             return false;  // also where name ends early: text holds no NUL
@@ -698,32 +716,54 @@ bool prolog(XmlParser *p)
 
 enum class Fast { Done, Bail, Failed };
 
+// Whether the byte at q, of class cls, ends a word: a stop byte, or the
+// start of "]]>", "-->" or "/>". Each test stops at the first byte that
+// differs, so nothing past a terminating NUL is read.
+inline bool endsWord(const char *q, uint8_t cls)
+{
+    return (cls & kStop) != 0 ||
+           ((cls & kMaybeEnd) != 0 && ((q[0] == ']' && q[1] == ']' && q[2] == '>') ||
+                                       (q[0] == '-' && q[1] == '-' && q[2] == '>') ||
+                                       (q[0] == '/' && q[1] == '>')));
+}
+
+// The end of the word from s: the first byte that ends it. *amp is set when
+// a '&' comes before it, *firstColon receives the first ':' before it.
+inline const char *wordEnd(const char *s, bool *amp, const char **firstColon)
+{
+    const char *q = s;
+    for (;;) {
+        // Bytes of class 0 stand for themselves: four at a time while they
+        // last. Each test stops at the first byte that is not, so nothing
+        // past a terminating NUL is read.
+        while (kClass.of[static_cast<unsigned char>(q[0])] == 0 &&
+               kClass.of[static_cast<unsigned char>(q[1])] == 0 &&
+               kClass.of[static_cast<unsigned char>(q[2])] == 0 &&
+               kClass.of[static_cast<unsigned char>(q[3])] == 0) {
+            q += 4;
+        }
+        uint8_t cls = kClass.of[static_cast<unsigned char>(*q)];
+        while (cls == 0) {
+            cls = kClass.of[static_cast<unsigned char>(*++q)];
+        }
+        if (cls == kColon) {
+            *firstColon = *firstColon == nullptr ? q : *firstColon;
+        } else if (cls == kAmp) {
+            *amp = true;
+        } else if (endsWord(q, cls)) {
+            return q;
+        }
+        ++q;
+    }
+}
+
 // A word as the tokenizer cuts it, from a word start; null when it holds a
 // CDATA section. *amp is set when it holds '&'; *colon, when given, receives
 // the first ':' (null for none).
 const char *scanWord(const char *s, bool *amp, const char **colon = nullptr)
 {
-    const char *q = s;
     const char *firstColon = nullptr;
-    for (;;) {
-        uint8_t cls = kClass.of[static_cast<unsigned char>(*q)];
-        if (cls == 0) {
-            ++q;
-        } else if (cls == kColon) {
-            firstColon = firstColon == nullptr ? q : firstColon;
-            ++q;
-        } else if (cls == kAmp) {
-            *amp = true;
-            ++q;
-        } else if (cls & kStop) {
-            break;
-        } else if ((q[0] == ']' && q[1] == ']' && q[2] == '>') ||
-                   (q[0] == '-' && q[1] == '-' && q[2] == '>') || (q[0] == '/' && q[1] == '>')) {
-            break;
-        } else {
-            ++q;
-        }
-    }
+    const char *q = wordEnd(s, amp, &firstColon);
     if (*q == '<' && startsCdata(q)) {
         return nullptr;
     }
@@ -772,6 +812,146 @@ struct FastAttr {
     bool plainValue;
 };
 constexpr int kFastAttrs = 32;
+
+// Bytes a session string of len bytes takes: its NUL, rounded up to 8.
+constexpr size_t runBytes(size_t len)
+{
+    return (len + 8) & ~static_cast<size_t>(7);
+}
+
+// Bytes that a plain name of len bytes, first colon at colonAt (-1: none),
+// takes once divided; 0 when the colon is at its start or end, where
+// dividing fails.
+inline size_t nameBytes(uint32_t len, int64_t colonAt)
+{
+    if (colonAt < 0) {
+        return runBytes(len);
+    }
+    if (colonAt == 0 || colonAt == static_cast<int64_t>(len) - 1) {
+        return 0;
+    }
+    return runBytes(static_cast<size_t>(colonAt)) + runBytes(len - colonAt - 1);
+}
+
+// Copies a plain run to m, which is zero, and moves m past its piece.
+inline char *putRun(uint8_t **m, const char *src, uint32_t len)
+{
+    auto *dst = reinterpret_cast<char *>(*m);
+    if (len <= 16) {
+        xmlCopyShort(dst, src, len);
+    } else {
+        std::memcpy(dst, src, len);
+    }
+    *m += runBytes(len);
+    return dst;
+}
+
+inline void putName(uint8_t **m, const char *src, uint32_t len, int64_t colonAt, XmlNode *node)
+{
+    if (colonAt < 0) {
+        node->name = putRun(m, src, len);
+    } else {
+        auto at = static_cast<uint32_t>(colonAt);
+        node->nsPrefix = putRun(m, src, at);
+        node->name = putRun(m, src + at + 1, len - at - 1);
+    }
+    node->nameOwned = 1;
+}
+
+// A session tag whose names and values need no decoding, and that holds no
+// name with a misplaced colon and no repeated attribute, cannot fail once
+// its memory is there: when the session's first block with room can take
+// all of its pieces at once, they are carved from there together, in the
+// order and at the places that one carving per piece would give. Returns
+// the element with its name and attributes, or null (nothing changed) for
+// every other tag.
+XmlNode *carveTag(XmlParser *p, const char *name, uint32_t nameLen, int64_t colonAt,
+                  const FastAttr *attrs, int count)
+{
+    constexpr uint32_t kLongest = 4096;  // longer runs take the general path
+    XmlNode *n = p->pending;
+    size_t total = n == nullptr ? kElementRecordSize : 0;
+    size_t bytes = nameBytes(nameLen, colonAt);
+    if (bytes == 0 || nameLen >= kLongest) {
+        return nullptr;
+    }
+    total += bytes;
+    for (int i = 0; i < count; ++i) {
+        const FastAttr &a = attrs[i];
+        if (!a.plainName || !a.plainValue || a.nameLen >= kLongest || a.valueLen >= kLongest) {
+            return nullptr;
+        }
+        bytes = nameBytes(a.nameLen, a.colon == nullptr ? -1 : a.colon - a.name);
+        if (bytes == 0) {
+            return nullptr;
+        }
+        for (int j = 0; j < i; ++j) {
+            if (attrs[j].nameLen == a.nameLen &&
+                std::memcmp(attrs[j].name, a.name, a.nameLen) == 0) {
+                return nullptr;
+            }
+        }
+        total += kAttrRecordSize + bytes + (a.valueLen != 0 ? runBytes(a.valueLen) : 0);
+    }
+    auto *m = static_cast<uint8_t *>(xmlSessionTryTake(p->session, static_cast<int32_t>(total)));
+    if (m == nullptr) {
+        return nullptr;
+    }
+    if (n == nullptr) {
+        n = reinterpret_cast<XmlNode *>(m);
+        m += kElementRecordSize;
+        n->kind = kKindElement;
+        n->mem = p->session;
+    }
+    putName(&m, name, nameLen, colonAt, n);
+    XmlNode *tail = nullptr;
+    for (int i = 0; i < count; ++i) {
+        const FastAttr &a = attrs[i];
+        auto *attr = reinterpret_cast<XmlNode *>(m);
+        m += kAttrRecordSize;
+        attr->kind = kKindAttribute;
+        attr->mem = p->session;
+        putName(&m, a.name, a.nameLen, a.colon == nullptr ? -1 : a.colon - a.name, attr);
+        if (a.valueLen != 0) {
+            attr->value = putRun(&m, a.value, a.valueLen);
+        }
+        attr->valueOwned = 1;
+        attr->parent = n;
+        if (tail == nullptr) {
+            n->firstAttr = attr;
+        } else {
+            tail->next = attr;
+        }
+        tail = attr;
+    }
+    return n;
+}
+
+// Links the built element n of the start tag at lt (which ends before q)
+// and moves on as reading its attributes and its end would: an empty tag
+// with attributes leaves the open bits shifted, as their reading does.
+Fast linkTag(XmlParser *p, XmlNode *n, const char *lt, const char *q, bool empty, int count)
+{
+    bool firstChild = p->current != nullptr && (p->openBits & 1u);
+    if (!linkElement(p, n, lt)) {
+        return Fast::Failed;
+    }
+    p->current = n;
+    p->pending = nullptr;
+    p->tokenSeen = 1;
+    if (!empty) {
+        p->openBits = (p->openBits << 1) | 1u;
+        ++p->openCount;
+        p->state = XML_PARSE_CONTENT;
+    } else {
+        if (firstChild || count != 0) {
+            p->openBits <<= 1;
+        }
+        p->state = XML_PARSE_IDLE;
+    }
+    p->pos = q;
+    return Fast::Done;
+}
 
 Fast fastStartTag(XmlParser *p)
 {
@@ -847,7 +1027,17 @@ Fast fastStartTag(XmlParser *p)
 
     // The tag is well formed as far as scanning can tell: build it in the
     // order of the token-by-token steps.
-    XmlNode *n = p->pending;
+    uint32_t nameLen = static_cast<uint32_t>(nameEnd - name);
+    int64_t colonAt = colonIndex(name, nameAmp, nameColon);
+    XmlNode *n = nullptr;
+    if (p->session != nullptr && !nameAmp) {
+        n = carveTag(p, name, nameLen, colonAt, attrs, count);
+    }
+    if (n != nullptr) {
+        p->tagName = name;
+        return linkTag(p, n, lt, q, empty, count);
+    }
+    n = p->pending;
     if (n == nullptr) {
         n = xmlParserNewNode(p->session, KRV_XML_NODE_ELEMENT);
         if (n == nullptr) {
@@ -856,8 +1046,19 @@ Fast fastStartTag(XmlParser *p)
         }
         p->pending = n;
     }
-    uint32_t nameLen = static_cast<uint32_t>(nameEnd - name);
-    if (xmlStoreRun(p->session, name, nameLen, !nameAmp, &n->name, p->diag) != KRV_XML_OK) {
+    if (colonAt > 0 && colonAt < static_cast<int64_t>(nameLen) - 1) {
+        // A plain name with its colon inside is divided now rather than when
+        // the element closes, as that would give the same two strings;
+        // sameName and splitElement know such an element by its prefix.
+        uint32_t at = static_cast<uint32_t>(colonAt);
+        if (xmlStoreRun(p->session, name, at, true, &n->nsPrefix, p->diag) != KRV_XML_OK ||
+            xmlStoreRun(p->session, name + at + 1, nameLen - at - 1, true, &n->name,
+                        p->diag) != KRV_XML_OK) {
+            return Fast::Failed;
+        }
+        colonAt = -1;
+    } else if (xmlStoreRun(p->session, name, nameLen, !nameAmp, &n->name, p->diag) !=
+               KRV_XML_OK) {
         return Fast::Failed;
     }
     n->nameOwned = 1;
@@ -865,31 +1066,18 @@ Fast fastStartTag(XmlParser *p)
     if (nameAmp) {
         nameLen = static_cast<uint32_t>(std::strlen(n->name));  // decoding shortened it
     }
-    int64_t colonAt = colonIndex(name, nameAmp, nameColon);
     if (empty && count == 0 && splitElement(p, n, nameLen, name, colonAt) != KRV_XML_OK) {
         return Fast::Failed;
     }
-    bool firstChild = p->current != nullptr && (p->openBits & 1u);
+    if (count == 0) {
+        return linkTag(p, n, lt, q, empty, 0);
+    }
     if (!linkElement(p, n, lt)) {
         return Fast::Failed;
     }
     p->current = n;
     p->pending = nullptr;
     p->tokenSeen = 1;
-    if (count == 0) {
-        if (empty) {
-            if (firstChild) {
-                p->openBits <<= 1;
-            }
-            p->state = XML_PARSE_IDLE;
-        } else {
-            p->openBits = (p->openBits << 1) | 1u;
-            ++p->openCount;
-            p->state = XML_PARSE_CONTENT;
-        }
-        p->pos = q;
-        return Fast::Done;
-    }
     p->openBits = (p->openBits << 1) | 1u;
     ++p->openCount;
     p->state = XML_PARSE_ATTRS;
