@@ -1,5 +1,6 @@
 // Node records, memory sessions, allocation routing, create/set/free and the
 // library services.
+#include <cstdlib>
 #include <cstring>
 
 #include "xml/xml_internal.h"
@@ -506,6 +507,25 @@ void releaseAttrList(XmlMemSession *session, XmlNode *attr)
 
 }  // namespace
 
+// A large heap tree leaves its small blocks on glibc's fast lists, which
+// hand them out last-freed first and scattered. One request of a size that
+// those lists do not serve makes glibc merge them into large free areas, so
+// the next tree is laid out in the order it is built and walked. The
+// request is no library memory: it is given back at once.
+namespace {
+
+constexpr size_t kMergeAfter = 4096;
+
+void mergeFreedBlocks()
+{
+    void *probe = std::malloc(2048);
+    // The compiler may drop an unused malloc and free pair: keep it.
+    __asm__ volatile("" : : "r"(probe) : "memory");
+    std::free(probe);
+}
+
+}  // namespace
+
 void XML_FreeNode(XmlNode *node)
 {
     if (node == nullptr) {
@@ -529,6 +549,7 @@ void XML_FreeNode(XmlNode *node)
     // parent is not ours to release.
     XmlNode *cur = node;
     size_t depth = 0;
+    size_t released = 0;
     for (;;) {
         XmlNode *parent = cur->parent;
         bool chainEnds = false;
@@ -548,12 +569,16 @@ void XML_FreeNode(XmlNode *node)
                 XmlNode *next = cur->next;
                 releaseAttrList(session, cur->firstAttr);
                 releaseRecord(session, cur);
+                ++released;
                 if (next != nullptr) {
                     cur = next;
                     break;
                 }
             }
             if (depth == 0) {
+                if (released >= kMergeAfter) {
+                    mergeFreedBlocks();
+                }
                 return;
             }
             --depth;
