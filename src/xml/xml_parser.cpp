@@ -760,7 +760,8 @@ inline const char *wordEnd(const char *s, bool *amp, const char **firstColon)
 // A word as the tokenizer cuts it, from a word start; null when it holds a
 // CDATA section. *amp is set when it holds '&'; *colon, when given, receives
 // the first ':' (null for none).
-const char *scanWord(const char *s, bool *amp, const char **colon = nullptr)
+inline __attribute__((always_inline)) const char *scanWord(const char *s, bool *amp,
+                                                         const char **colon = nullptr)
 {
     const char *firstColon = nullptr;
     const char *q = wordEnd(s, amp, &firstColon);
@@ -858,45 +859,52 @@ inline void putName(uint8_t **m, const char *src, uint32_t len, int64_t colonAt,
     node->nameOwned = 1;
 }
 
+constexpr uint32_t kLongestCarved = 4096;  // longer runs take the general path
+
+// Whether attribute a repeats the name of one of the count before it; plain
+// names are equal exactly when their bytes are.
+inline bool repeatsName(const FastAttr *attrs, int count, const FastAttr &a)
+{
+    for (int j = 0; j < count; ++j) {
+        if (attrs[j].nameLen == a.nameLen && attrs[j].name[0] == a.name[0] &&
+            std::memcmp(attrs[j].name, a.name, a.nameLen) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Session bytes that attribute a adds to a tag carved in one piece, or 0
+// when it keeps the tag from being carved so: a name or value that needs
+// decoding, a misplaced colon, a repeated name, a long run.
+inline size_t carvedAttrBytes(const FastAttr *attrs, int count, const FastAttr &a)
+{
+    if (!a.plainName || !a.plainValue || a.nameLen >= kLongestCarved ||
+        a.valueLen >= kLongestCarved) {
+        return 0;
+    }
+    size_t bytes = nameBytes(a.nameLen, a.colon == nullptr ? -1 : a.colon - a.name);
+    if (bytes == 0 || repeatsName(attrs, count, a)) {
+        return 0;
+    }
+    return kAttrRecordSize + bytes + (a.valueLen != 0 ? runBytes(a.valueLen) : 0);
+}
+
 // A session tag whose names and values need no decoding, and that holds no
 // name with a misplaced colon and no repeated attribute, cannot fail once
 // its memory is there: when the session's first block with room can take
-// all of its pieces at once, they are carved from there together, in the
-// order and at the places that one carving per piece would give. Returns
-// the element with its name and attributes, or null (nothing changed) for
-// every other tag.
-XmlNode *carveTag(XmlParser *p, const char *name, uint32_t nameLen, int64_t colonAt,
+// all of its pieces at once (total bytes), they are carved from there
+// together, in the order and at the places that one carving per piece
+// would give. Returns the element with its name and attributes, or null
+// (nothing changed) when that block is too small.
+XmlNode *carveTag(XmlParser *p, size_t total, const char *name, uint32_t nameLen, int64_t colonAt,
                   const FastAttr *attrs, int count)
 {
-    constexpr uint32_t kLongest = 4096;  // longer runs take the general path
-    XmlNode *n = p->pending;
-    size_t total = n == nullptr ? kElementRecordSize : 0;
-    size_t bytes = nameBytes(nameLen, colonAt);
-    if (bytes == 0 || nameLen >= kLongest) {
-        return nullptr;
-    }
-    total += bytes;
-    for (int i = 0; i < count; ++i) {
-        const FastAttr &a = attrs[i];
-        if (!a.plainName || !a.plainValue || a.nameLen >= kLongest || a.valueLen >= kLongest) {
-            return nullptr;
-        }
-        bytes = nameBytes(a.nameLen, a.colon == nullptr ? -1 : a.colon - a.name);
-        if (bytes == 0) {
-            return nullptr;
-        }
-        for (int j = 0; j < i; ++j) {
-            if (attrs[j].nameLen == a.nameLen &&
-                std::memcmp(attrs[j].name, a.name, a.nameLen) == 0) {
-                return nullptr;
-            }
-        }
-        total += kAttrRecordSize + bytes + (a.valueLen != 0 ? runBytes(a.valueLen) : 0);
-    }
     auto *m = static_cast<uint8_t *>(xmlSessionTryTake(p->session, static_cast<int32_t>(total)));
     if (m == nullptr) {
         return nullptr;
     }
+    XmlNode *n = p->pending;
     if (n == nullptr) {
         n = reinterpret_cast<XmlNode *>(m);
         m += kElementRecordSize;
@@ -967,6 +975,14 @@ Fast fastStartTag(XmlParser *p)
     FastAttr attrs[kFastAttrs];
     int count = 0;
     bool empty;
+    // Session bytes of the whole tag when it can be carved in one piece, else 0.
+    uint32_t nameLen = static_cast<uint32_t>(nameEnd - name);
+    int64_t colonAt = colonIndex(name, nameAmp, nameColon);
+    size_t carved = 0;
+    if (p->session != nullptr && !nameAmp && nameLen < kLongestCarved) {
+        carved = nameBytes(nameLen, colonAt);
+        carved += carved != 0 && p->pending == nullptr ? kElementRecordSize : 0;
+    }
     for (;;) {
         if (*q == '>') {
             empty = false;
@@ -1021,17 +1037,19 @@ Fast fastStartTag(XmlParser *p)
         }
         a.value = v;
         a.valueLen = static_cast<uint32_t>(close - v);
+        if (carved != 0) {
+            size_t bytes = carvedAttrBytes(attrs, count, a);
+            carved = bytes != 0 ? carved + bytes : 0;
+        }
         ++count;
         q = close + 1;
     }
 
     // The tag is well formed as far as scanning can tell: build it in the
     // order of the token-by-token steps.
-    uint32_t nameLen = static_cast<uint32_t>(nameEnd - name);
-    int64_t colonAt = colonIndex(name, nameAmp, nameColon);
     XmlNode *n = nullptr;
-    if (p->session != nullptr && !nameAmp) {
-        n = carveTag(p, name, nameLen, colonAt, attrs, count);
+    if (carved != 0) {
+        n = carveTag(p, carved, name, nameLen, colonAt, attrs, count);
     }
     if (n != nullptr) {
         p->tagName = name;
@@ -1099,13 +1117,7 @@ Fast fastStartTag(XmlParser *p)
         }
         Dup dup = Dup::Unknown;
         if (plainNames) {
-            dup = Dup::No;
-            for (int j = 0; j < i && dup == Dup::No; ++j) {
-                if (attrs[j].nameLen == a.nameLen &&
-                    std::memcmp(attrs[j].name, a.name, a.nameLen) == 0) {
-                    dup = Dup::Yes;
-                }
-            }
+            dup = repeatsName(attrs, i, a) ? Dup::Yes : Dup::No;
         }
         rc = finishParsedAttr(p, n, attr, a.name, a.value, a.valueLen, a.plainValue, &tail,
                               &listed, &set, dup);
