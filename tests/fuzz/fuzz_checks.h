@@ -200,13 +200,15 @@ inline bool TreeMayHoldReference(XmlNode *top)
     return false;
 }
 
-// True when a name or prefix in the sub-tree holds markup or white space.
-// The parser decodes references in names ("a&apos;b") but the printer writes
-// names as they are, so such a tree does not read back from its own text.
+// True when a name or prefix in the sub-tree is empty or holds markup or white
+// space. The parser decodes references and CDATA in names ("a&apos;b") but the
+// printer writes names as they are, so such a tree does not read back.
 inline bool TreeHasMarkupInNames(XmlNode *top)
 {
+    // An empty name (a CDATA section that held nothing) prints as nothing.
     auto odd = [](const char *text) {
-        return text != nullptr && std::strpbrk(text, " \t\r\n<>&'\"=/?!") != nullptr;
+        return text != nullptr &&
+               (text[0] == '\0' || std::strpbrk(text, " \t\r\n<>&'\"=/?!") != nullptr);
     };
     for (XmlNode *n = top; n != nullptr; n = NextInside(n, top)) {
         if (odd(n->name) || odd(n->nsPrefix)) {
