@@ -89,6 +89,9 @@ TEST(Parser, AcceptedDocuments)
         {"<a x=''>t</a>", "0 a=t x=~;"}, {"<a p:x='1' q:x='2' x='3'/>", "0 a=~ p:x=1 q:x=2 x=3;"},
         {"<a p:q:r='1' xmlns:p='urn:x' xmlns='d'/>", "0 a=~ p:q:r=1 xmlns:p=urn:x xmlns=d;"},
         {"<p:a x='1'/>", "0 p:a=~ x=1;"}, {"<a><b><c/></b><d>1</d></a>", "0 a=~;1 b=~;2 c=~;1 d=1;"},
+        // prefixed names closed after text, a comment, children, or spaces
+        {"<p:a>x<!--c--></p:a>", "0 p:a=x;"}, {"<p:a><q:b k:x='1' y=''/></p:a >", "0 p:a=~;1 q:b=~ k:x=1 y=~;"},
+        {"<ab:c><a:bc/></ab:c>", "0 ab:c=~;1 a:bc=~;"},
         {"<r><!--x--><a/><?p?><b/></r>", "0 r=~;1 a=~;1 b=~;"}, {"<r/>\n<!-- tail -->\n<?pi?>\n", "0 r=~;"},
         {"<r>x</r>\0<junk", "0 r=x;"}, {"<r>'q' \"d\" =</r>", "0 r='q' \"d\" =;"},
         {"<?xml version=\"1.0\"?>\n<cfg:root xmlns:cfg='urn:c' id='7'>\n"
@@ -124,6 +127,8 @@ TEST(Parser, RefusedDocuments)
         "<r a='&bad;'/>", "<&lt/>", "<a:/>", "<:a></:a>", "<a:></a:>", "<r x:='1'/>", "<a x>",
         "<a x=\"1'/>", "<a p:x='1' p:x='2'/>", "<a x='1' y/>", "<a x='1'/ >", "<a x='1' ='2'/>",
         "<a x='1' '/>", "<a x='1' \"/>", "<a x='1' </a>", "</", "<r/><",
+        "<ab:c></a:bc>", "<a:bc></ab:c>", "<p:a></p:ab>", "<p:ab></p:a>", "<p:a></p>",
+        "<p:a>x<!--c--></p:b>", "<p:a><!--c--></pa>",
         // refusals after top-level followers were built (heap)
         "<r/><s><t/>", "<r/><s a='1' a='2'/>", "<r><a/></r><s>x<t/></s>",
     };
