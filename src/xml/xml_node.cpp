@@ -505,6 +505,52 @@ void releaseAttrList(XmlMemSession *session, XmlNode *attr)
     }
 }
 
+// The blocks of a heap tree, handed to the heap in batches, each batch last
+// first. Trees are built front to back, so a batch goes back highest address
+// first: glibc's fast lists then hold each size in address order, which
+// makes merging them (below) a walk through memory instead of a scatter.
+struct FreeBatch {
+    static constexpr size_t kSize = 512;
+    void *blocks[kSize];
+    size_t count = 0;
+
+    void flush()
+    {
+        while (count != 0) {
+            krvHeapFree(blocks[--count]);
+        }
+    }
+    void add(void *block)
+    {
+        if (block != nullptr) {
+            if (count == kSize) {
+                flush();
+            }
+            blocks[count++] = block;
+        }
+    }
+    // A record's pieces in the order the parser makes them. A flush may
+    // hand the record back as soon as it is added: its fields are read first.
+    void addRecord(XmlNode *node)
+    {
+        void *prefix = node->nsPrefix;
+        void *name = node->nameOwned ? node->name : nullptr;
+        void *value = node->valueOwned ? node->value : nullptr;
+        add(node);
+        add(prefix);
+        add(name);
+        add(value);
+    }
+    void addAttrs(XmlNode *attr)
+    {
+        while (attr != nullptr) {
+            XmlNode *next = attr->next;
+            addRecord(attr);
+            attr = next;
+        }
+    }
+};
+
 }  // namespace
 
 // A large heap tree leaves its small blocks on glibc's fast lists, which
@@ -543,10 +589,17 @@ void XML_FreeNode(XmlNode *node)
     if (session != nullptr && !(node->ownsSession && node->mem != nullptr)) {
         return;  // everything below lies in the session and goes with it
     }
-    // Post-order walk without recursion: descend through first children,
-    // release a record once its children are gone, then go on with its next
-    // sibling or climb to its parent. `depth` 0 is the starting chain, whose
-    // parent is not ours to release.
+    if (session != nullptr) {
+        XML_MemSessionEnd(node->mem);  // the record and everything carved with it
+        return;
+    }
+    // Post-order walk without recursion: release a record's attributes, then
+    // descend through first children, release a record once its children
+    // are gone, then go on with its next sibling or climb to its parent.
+    // `depth` 0 is the starting chain, whose parent is not ours to release.
+    // Blocks go through the batch, and a flush may hand a record back as
+    // soon as it is added: the walk reads a record's links before adding it.
+    FreeBatch batch;
     XmlNode *cur = node;
     size_t depth = 0;
     size_t released = 0;
@@ -558,17 +611,19 @@ void XML_FreeNode(XmlNode *node)
             // from it; the rest of this chain is not visited.
             XML_MemSessionEnd(cur->mem);
             chainEnds = true;
-        } else if (cur->firstChild != nullptr) {
-            cur = cur->firstChild;
-            ++depth;
-            continue;
+        } else {
+            batch.addAttrs(cur->firstAttr);
+            if (cur->firstChild != nullptr) {
+                cur = cur->firstChild;
+                ++depth;
+                continue;
+            }
         }
         // Release records whose children are gone, climbing while a chain ends.
         for (;;) {
             if (!chainEnds) {
                 XmlNode *next = cur->next;
-                releaseAttrList(session, cur->firstAttr);
-                releaseRecord(session, cur);
+                batch.addRecord(cur);
                 ++released;
                 if (next != nullptr) {
                     cur = next;
@@ -576,6 +631,7 @@ void XML_FreeNode(XmlNode *node)
                 }
             }
             if (depth == 0) {
+                batch.flush();
                 if (released >= kMergeAfter) {
                     mergeFreedBlocks();
                 }
