@@ -803,6 +803,53 @@ const char *scanEndName(const char *name, const char **gt, int64_t *colonAt)
     return end;
 }
 
+// Whether the text byte at t, equal to a stored name byte, is one that the
+// word scan would pass over without a note: a plain byte, or one that only
+// may begin "]]>", "-->" or "/>" and does not here.
+inline bool plainNameByte(const char *t)
+{
+    uint8_t cls = kClass.of[static_cast<unsigned char>(*t)];
+    return cls == 0 || (cls == kMaybeEnd && !endsWord(t, cls));
+}
+
+// Compares the text at t with the stored name part s: returns the text after
+// it, or null when they differ or a byte is not plain.
+inline const char *plainPart(const char *t, const char *s)
+{
+    for (; *s != '\0'; ++s, ++t) {
+        if (*t != *s || !plainNameByte(t)) {
+            return nullptr;  // also where the text ends: a NUL differs
+        }
+    }
+    return t;
+}
+
+// The common end tag: the open element's own name as it was stored, made of
+// plain bytes (prefix, ':' and name when divided when it opened), then '>'
+// after optional spaces. Returns the '>', or null when the end tag reads
+// otherwise and needs the full scan. Such a name ends where scanEndName
+// would end it, equals the element's name there and needs no division.
+const char *closesOwnName(const XmlNode *element, const char *text)
+{
+    const char *name = element->name;
+    if (name == nullptr || name[0] == '\0') {
+        return nullptr;
+    }
+    const char *t = text;
+    if (element->nsPrefix != nullptr) {
+        t = plainPart(t, element->nsPrefix);
+        if (t == nullptr || *t++ != ':') {
+            return nullptr;
+        }
+    }
+    t = plainPart(t, name);
+    if (t == nullptr || t - text > static_cast<ptrdiff_t>(kMaxRun)) {
+        return nullptr;
+    }
+    t = skipSpace(t);
+    return *t == '>' ? t : nullptr;
+}
+
 struct FastAttr {
     const char *name;
     const char *colon;  // first ':' of the name, or null
@@ -1144,13 +1191,6 @@ Fast fastEndTag(XmlParser *p)
 {
     const char *lt = p->pos;
     const char *name = lt + 2;
-    const char *gt = nullptr;
-    int64_t colonAt = kColonUnknown;
-    const char *nameEnd = scanEndName(name, &gt, &colonAt);
-    if (nameEnd == nullptr) {
-        return Fast::Bail;
-    }
-    uint32_t len = static_cast<uint32_t>(nameEnd - name);
     XmlNode *cur = p->current;
     bool closesParent = (p->openBits & 1u) == 0;
     if (closesParent) {
@@ -1159,8 +1199,14 @@ Fast fastEndTag(XmlParser *p)
         }
         cur = cur->parent;
     }
-    if (!sameName(cur, name, len)) {
-        return Fast::Bail;
+    const char *gt = closesOwnName(cur, name);
+    const char *nameEnd = nullptr;
+    int64_t colonAt = kColonUnknown;
+    if (gt == nullptr) {
+        nameEnd = scanEndName(name, &gt, &colonAt);
+        if (nameEnd == nullptr || !sameName(cur, name, static_cast<size_t>(nameEnd - name))) {
+            return Fast::Bail;
+        }
     }
     char before = lt > p->input ? lt[-1] : '\0';
     if (closesParent) {
@@ -1169,7 +1215,8 @@ Fast fastEndTag(XmlParser *p)
     }
     p->openBits &= ~1u;
     p->tokenSeen = 1;
-    if (splitElement(p, cur, len, name, colonAt) != KRV_XML_OK) {
+    if (nameEnd != nullptr &&
+        splitElement(p, cur, static_cast<uint32_t>(nameEnd - name), name, colonAt) != KRV_XML_OK) {
         return Fast::Failed;
     }
     cur->nameOwned = 1;
@@ -1203,12 +1250,15 @@ Fast fastText(XmlParser *p)
         return Fast::Bail;
     }
     const char *name = lt + 2;
-    const char *gt = nullptr;
-    int64_t colonAt = kColonUnknown;
-    const char *nameEnd = scanEndName(name, &gt, &colonAt);
     XmlNode *cur = p->current;
-    if (nameEnd == nullptr || !sameName(cur, name, static_cast<size_t>(nameEnd - name))) {
-        return Fast::Bail;
+    const char *gt = closesOwnName(cur, name);
+    const char *nameEnd = nullptr;
+    int64_t colonAt = kColonUnknown;
+    if (gt == nullptr) {
+        nameEnd = scanEndName(name, &gt, &colonAt);
+        if (nameEnd == nullptr || !sameName(cur, name, static_cast<size_t>(nameEnd - name))) {
+            return Fast::Bail;
+        }
     }
     p->tokenSeen = 1;
     if (xmlStoreRun(p->session, start, static_cast<uint64_t>(lt - start), plain, &cur->value,
@@ -1216,8 +1266,9 @@ Fast fastText(XmlParser *p)
         return Fast::Failed;
     }
     cur->valueOwned = 1;
-    if (splitElement(p, cur, static_cast<uint32_t>(nameEnd - name), name, colonAt) !=
-        KRV_XML_OK) {
+    if (nameEnd != nullptr &&
+        splitElement(p, cur, static_cast<uint32_t>(nameEnd - name), name, colonAt) !=
+            KRV_XML_OK) {
         return Fast::Failed;
     }
     cur->nameOwned = 1;
