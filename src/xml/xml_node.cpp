@@ -25,13 +25,15 @@
 // 64 KB and up, each an eighth of what the session holds so far (at most just
 // under 32 MB): a session makes O(log size) heap allocations instead of one
 // per block and frees them in one walk, and the unused rest of its newest
-// slab stays below an eighth of its memory. Slabs of that size are what glibc
-// maps fresh and, once they are freed, learns to keep in the process (its
-// threshold follows the largest freed mapping up to 32 MB), so the next
-// session of a similar size does not fault its memory in again. A shared slab is cleared block by block as blocks are
-// carved, just before the caller writes them; a block larger than the next
-// shared slab gets a zero-filled slab of its own and the shared slab stays in
-// use.
+// slab stays below an eighth of its memory. glibc maps large slabs fresh
+// and, once one is freed, serves requests up to its size from the heap; but
+// it hands a freed heap top larger than twice that size back to the system,
+// so under default settings a loop that parses and frees a large document
+// faults the session's memory in on every pass, as it does for any tree
+// allocated through malloc. A shared slab is cleared block by block as
+// blocks are carved, just before the caller writes them; a block larger than
+// the next shared slab gets a zero-filled slab of its own and the shared slab
+// stays in use.
 
 struct SessionSlab {
     SessionSlab *next;  // the previous slab of the session; blocks follow
