@@ -78,10 +78,11 @@ inline void xmlCopyShort(char *dst, const char *src, size_t len)
         std::memcpy(&tail, src + len - 4, 4);
         std::memcpy(dst, &head, 4);
         std::memcpy(dst + len - 4, &tail, 4);
-    } else {
-        for (size_t i = 0; i < len; ++i) {
-            dst[i] = src[i];
-        }
+    } else if (len != 0) {
+        // One to three bytes: first, middle and last cover each of them.
+        dst[0] = src[0];
+        dst[len / 2] = src[len / 2];
+        dst[len - 1] = src[len - 1];
     }
 }
 
