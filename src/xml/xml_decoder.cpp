@@ -167,8 +167,13 @@ int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char
         // Copy the plain stretch up to the next '&' or '<' in one go.
         const char *stop = findByte(s, end, '&', '<', '&');
         if (stop != s) {
-            std::memcpy(d, s, static_cast<size_t>(stop - s));
-            d += stop - s;
+            auto n = static_cast<size_t>(stop - s);
+            if (n <= 16) {
+                xmlCopyShort(d, s, n);  // stretches between references are mostly short
+            } else {
+                std::memcpy(d, s, n);
+            }
+            d += n;
             s = stop;
             continue;
         }
