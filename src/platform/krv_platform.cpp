@@ -200,6 +200,16 @@ __attribute__((noinline)) void *krvHeapCalloc(size_t count, size_t size)
 #endif
 }
 
+__attribute__((noinline)) void *krvHeapRealloc(void *ptr, size_t size)
+{
+#ifdef KRVXML_TESTING
+    if (shouldFail()) {
+        return nullptr;
+    }
+#endif
+    return std::realloc(ptr, size == 0 ? 1 : size);
+}
+
 __attribute__((noinline)) void krvHeapFree(void *ptr)
 {
     if (ptr == nullptr) {

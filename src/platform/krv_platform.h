@@ -34,11 +34,14 @@ KRV_HIDDEN void *OSAL_MemTypeMallocD(size_t size, uint32_t type, uint32_t line, 
 KRV_HIDDEN void OSAL_MemTypeFreeD(void *block, uint32_t type, uint32_t line, const char *file);
 
 // The library's only way to the heap. Every byte the library allocates goes
-// through these three, which is where test builds count and fail allocations.
+// through these four, which is where test builds count and fail allocations.
 // They are deliberately out of line so that the compiler never sees the size
 // of an allocation: attribute records are allocated shorter than XmlNode.
 KRV_HIDDEN void *krvHeapMalloc(size_t size);
 KRV_HIDDEN void *krvHeapCalloc(size_t count, size_t size);
+// Resizes a block from krvHeapMalloc (not null), in place when the heap can;
+// on failure returns null and the block stays as it was.
+KRV_HIDDEN void *krvHeapRealloc(void *ptr, size_t size);
 KRV_HIDDEN void krvHeapFree(void *ptr);
 
 #ifdef KRVXML_TESTING
