@@ -289,18 +289,26 @@ void planLookup(const std::vector<Adapter> &libs, File &f, const Options &opt)
     }
 }
 
+// Reads straight into a buffer of the file's size: no growing stream and no
+// temporary copies, which would leave freed holes in the parent's heap that
+// every forked cell then fills page by page (copy-on-write faults).
 bool loadFile(File &f)
 {
-    std::ifstream in(f.path, std::ios::binary);
+    std::ifstream in(f.path, std::ios::binary | std::ios::ate);
     if (!in) {
         return false;
     }
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    std::string s = ss.str();
-    f.size = s.size();
-    f.text.assign(s.begin(), s.end());
-    f.text.push_back('\0');
+    std::streamoff size = in.tellg();
+    if (size < 0) {
+        return false;
+    }
+    in.seekg(0);
+    f.size = static_cast<size_t>(size);
+    f.text.resize(f.size + 1);
+    if (!in.read(f.text.data(), size)) {
+        return false;
+    }
+    f.text[f.size] = '\0';
     return true;
 }
 
