@@ -13,7 +13,6 @@
 #include <functional>
 #include <iterator>
 #include <string>
-#include <vector>
 
 #include "krv_xml.h"
 #include "platform/krv_platform.h"
@@ -169,37 +168,6 @@ inline std::string ReadFile(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-// The rows of the table tests/data/<name>: one a line, fields split at TABs,
-// with \n \r \t \\ and \xHH decoded; lines that start with '#' are comments.
-inline std::vector<std::vector<std::string>> DataRows(const std::string &name)
-{
-    std::ifstream in(std::string(KRVXML_TEST_DATA) + "/" + name);
-    EXPECT_TRUE(in.good()) << name;
-    std::vector<std::vector<std::string>> rows;
-    for (std::string line; std::getline(in, line);) {
-        if (line.empty() || line[0] == '#') {
-            continue;
-        }
-        rows.emplace_back(1);
-        for (size_t i = 0; i < line.size(); ++i) {
-            char c = line[i], e = i + 1 < line.size() ? line[i + 1] : '\0';
-            if (c == '\t') {
-                rows.back().emplace_back();
-                continue;
-            } else if (c == '\\' && e != '\0') {
-                c = e == 'n' ? '\n' : e == 'r' ? '\r' : e == 't' ? '\t' : e;
-                if (e == 'x') {
-                    c = static_cast<char>(std::stoi(line.substr(i + 2, 2), nullptr, 16));
-                    i += 2;
-                }
-                ++i;
-            }
-            rows.back().back() += c;
-        }
-    }
-    return rows;
 }
 
 }  // namespace krvtest

@@ -62,18 +62,45 @@ std::vector<XmlNode *> attrsOf(XmlNode *element)
 // limit, no other forms, and long numbers never wrap back into range.
 TEST(TypedValue, ReaderIsStrictAndExactAtEveryWidth)
 {
-    const char *const types[] = {"bool", "int32", "uint32", "int16", "uint16", "int8", "uint8"};
-    const auto rows = krvtest::DataRows("typed_read.txt");
-    EXPECT_GT(rows.size(), 50u);
+    struct Row {
+        uint32_t type;
+        std::string text;
+        bool ok;
+        int64_t expect;
+    };
+    const std::string manyZeros(300, '0');
+    const Row rows[] = {
+        {kBool, "true", true, 1}, {kBool, "1", true, 1}, {kBool, "false", true, 0}, {kBool, "0", true, 0},
+        {kBool, "TRUE", false, 0}, {kBool, "01", false, 0}, {kBool, " true", false, 0}, {kBool, "true ", false, 0},
+        {kBool, "yes", false, 0}, {kBool, "2", false, 0}, {kBool, "", false, 0},
+        {kI8, "-128", true, -128}, {kI8, "127", true, 127}, {kI8, "-129", false, 0}, {kI8, "128", false, 0},
+        {kU8, "0", true, 0}, {kU8, "255", true, 255}, {kU8, "256", false, 0}, {kU8, "-1", false, 0},
+        {kU8, "-128", false, 0}, {kI16, "-32768", true, -32768}, {kI16, "32767", true, 32767},
+        {kI16, "-32769", false, 0}, {kI16, "32768", false, 0}, {kU16, "0", true, 0}, {kU16, "65535", true, 65535},
+        {kU16, "65536", false, 0}, {kU16, "-1", false, 0}, {kI32, "-2147483648", true, INT32_MIN},
+        {kI32, "2147483647", true, INT32_MAX}, {kI32, "-2147483649", false, 0}, {kI32, "2147483648", false, 0},
+        {kU32, "0", true, 0}, {kU32, "4294967295", true, UINT32_MAX}, {kU32, "4294967296", false, 0},
+        {kU32, "-1", false, 0},
+        // Signs: one, and for signed types only; minus zero is zero.
+        {kI8, "+5", true, 5}, {kU8, "+5", false, 0}, {kI32, "-0", true, 0}, {kI16, "-000", true, 0},
+        {kU16, "-0", false, 0}, {kI8, "+", false, 0}, {kI8, "-", false, 0}, {kI8, "--1", false, 0},
+        {kI8, "+-1", false, 0},
+        // Leading zeros without limit; no other forms.
+        {kU32, "0001", true, 1}, {kU32, "000", true, 0}, {kU8, manyZeros + "7", true, 7},
+        {kI32, "-" + manyZeros + "2147483648", true, INT32_MIN}, {kU32, "", false, 0}, {kU32, " 1", false, 0},
+        {kU32, "1 ", false, 0}, {kU32, "12a", false, 0}, {kU32, "0x10", false, 0}, {kU32, "1.0", false, 0},
+        {kU32, "1e3", false, 0},
+        // Long numbers never wrap back into range.
+        {kU32, "36893488147419103233", false, 0}, {kI32, "-18446744073709551616", false, 0},
+        {kU8, "1" + std::string(23, '0') + "1", false, 0}, {kU8, std::string(25, '9'), false, 0},
+    };
     XmlNode *node = Element("n");
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row[0] + " \"" + row.at(3) + "\"");
-        const uint32_t type = static_cast<uint32_t>(std::find(types, types + 7, row[0]) - types);
-        const bool ok = row[1] == "ok";
-        node->value = const_cast<char *>(row[3].c_str());  // not owned: never released
+    for (const Row &row : rows) {
+        SCOPED_TRACE("type " + std::to_string(row.type) + " text \"" + row.text + "\"");
+        node->value = const_cast<char *>(row.text.c_str());  // not owned: never released
         std::vector<uint8_t> target(8, 0xA5);
-        EXPECT_EQ(KRV_XML_GetNodeValueEx(node, type, target.data()), ok ? KRV_XML_OK : KRV_XML_ERR_INVALID_PARAM);
-        EXPECT_EQ(target, ok ? asBytes(std::stoll(row[2]), widthOf(type), 0xA5) : std::vector<uint8_t>(8, 0xA5))
+        EXPECT_EQ(KRV_XML_GetNodeValueEx(node, row.type, target.data()), row.ok ? KRV_XML_OK : KRV_XML_ERR_INVALID_PARAM);
+        EXPECT_EQ(target, row.ok ? asBytes(row.expect, widthOf(row.type), 0xA5) : std::vector<uint8_t>(8, 0xA5))
             << "a wrong value, or written past the type's width or on failure";
     }
     node->value = nullptr;
@@ -337,9 +364,20 @@ TEST(PathLookup, IndexesEscapesSeparatorsAndLimits)
     for (const auto &[label, name] : children) {
         labels[label] = LinkChild(config, Element(name.c_str()));  // "": no name
     }
-    const auto rows = krvtest::DataRows("path_lookup.txt");
-    EXPECT_GT(rows.size(), 30u);
-    expectPaths(config, rows, labels);
+    const std::string path511 = "config." + x504;
+    expectPaths(config, {
+        {"config", "config"}, {"config.server", "server1"}, {"config.server.2", "server2"},
+        {"..config..server..", "server1"}, {"config.version\\.2", "version"}, {"config.server.3", "missing"},
+        {"config.server.0", "bad-url"}, {"config.2", "bad-url"}, {"config.server.2.1", "bad-url"},
+        {"other.server", "missing"}, {"config.host", "missing"}, {"config...", "config"}, {"...", "missing"},
+        {"config.server.01", "server1"}, {"config.server.1", "server1"}, {"config.server.000000002", "server2"},
+        {"config.server.0000000002", "missing"}, {"config.server.0000000000", "missing"},
+        {"config.server.000", "bad-url"}, {"config.server.2.2", "bad-url"}, {"config.port.2", "missing"},
+        {"config.server.2.port", "missing"}, {"config.1a", "digits"}, {"config.1", "bad-url"},
+        {"config.a\\b", "backslash"}, {"config.\\.hidden", "dot"}, {"config.version.2", "missing"},
+        {"config\\", "missing"}, {path511, "long"}, {path511 + "y", "invalid"},
+        {"config" + std::string(505, '.'), "config"}, {"config" + std::string(506, '.'), "invalid"}, {"", "invalid"},
+    }, labels);
 
     char path[] = "..config..version\\.2..";
     const std::string before = path;
