@@ -1,14 +1,18 @@
-// Shared helpers for the test suites: the allocation failure sweep and a leak
-// guard built on the test-only counters of the heap path.
+// Shared helpers for the test suites: the allocation failure sweep, a leak
+// guard built on the test-only counters of the heap path, and small builders.
 #ifndef KRVXML_TEST_SUPPORT_H
 #define KRVXML_TEST_SUPPORT_H
 
 #include <gtest/gtest.h>
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <cstdint>
+#include <fstream>
 #include <functional>
+#include <iterator>
+#include <string>
 
 #include "krv_xml.h"
 #include "platform/krv_platform.h"
@@ -28,6 +32,13 @@ public:
 private:
     long before_;
 };
+
+// A value an out-argument is preset to, to see that a failed call left it.
+template <class T = XmlNode>
+T *Sentinel()
+{
+    return reinterpret_cast<T *>(uintptr_t{0x5EA1});
+}
 
 // Fills the session's current slab with full blocks, so that the session's
 // next new block is a heap allocation that a sweep can fail.
@@ -80,11 +91,7 @@ inline XmlNode *LinkChild(XmlNode *parent, XmlNode *child)
 {
     child->parent = parent;
     child->prev = parent->lastChild;
-    if (parent->lastChild != nullptr) {
-        parent->lastChild->next = child;
-    } else {
-        parent->firstChild = child;
-    }
+    (parent->lastChild != nullptr ? parent->lastChild->next : parent->firstChild) = child;
     parent->lastChild = child;
     return child;
 }
@@ -104,6 +111,63 @@ inline void OnSmallStack(const std::function<void()> &fn)
     ASSERT_EQ(pthread_create(&thread, &attr, body, const_cast<std::function<void()> *>(&fn)), 0);
     pthread_join(thread, nullptr);
     pthread_attr_destroy(&attr);
+}
+
+inline std::string Str(const char *s)
+{
+    return s != nullptr ? std::string(s) : std::string("~");
+}
+
+// An element made through the interface: on the heap, or carved from mem.
+inline XmlNode *Element(const char *name, XmlMemSession *mem = nullptr, const char *value = nullptr,
+                        const char *prefix = nullptr)
+{
+    XmlNode *node = nullptr;
+    EXPECT_EQ(KRV_XML_CreateNodeEx(mem, KRV_XML_NODE_ELEMENT, prefix, name, value, &node), KRV_XML_OK);
+    return node;
+}
+
+// An empty document: a session document, or a heap one.
+inline XmlNode *Document(bool session, const char *name = "doc")
+{
+    XmlNode *doc = nullptr;
+    EXPECT_EQ(session ? KRV_XML_CreateNodeEx(nullptr, KRV_XML_NODE_DOCUMENT, nullptr, name, nullptr, &doc)
+                      : KRV_XML_CreateNode(KRV_XML_NODE_DOCUMENT, nullptr, name, nullptr, &doc),
+              KRV_XML_OK);
+    return doc;
+}
+
+inline uint32_t ParseIn(bool session, const char *text, XmlNode **out)
+{
+    return session ? KRV_XML_ParseEx(text, out) : KRV_XML_Parse(text, out);
+}
+
+inline uint32_t ParseFileIn(bool session, const char *path, XmlNode **out)
+{
+    return session ? KRV_XML_ParseFileEx(path, out) : KRV_XML_ParseFile(path, out);
+}
+
+inline XmlNode *MustParse(const std::string &text, bool session)
+{
+    XmlNode *doc = nullptr;
+    EXPECT_EQ(ParseIn(session, text.c_str(), &doc), KRV_XML_OK);
+    return doc;
+}
+
+// A path in the test's temporary directory, written with content when given.
+inline std::string TempFile(const std::string &leaf, const char *content = nullptr)
+{
+    std::string path = ::testing::TempDir() + "krvxml_" + std::to_string(getpid()) + "_" + leaf;
+    if (content != nullptr) {
+        std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+    }
+    return path;
+}
+
+inline std::string ReadFile(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 }  // namespace krvtest

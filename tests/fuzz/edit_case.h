@@ -78,15 +78,6 @@ struct Pool {
     }
 };
 
-inline uint32_t CountChildren(XmlNode *n)
-{
-    uint32_t count = 0;
-    for (XmlNode *c = n->firstChild; c != nullptr; c = c->next) {
-        ++count;
-    }
-    return count;
-}
-
 inline size_t CountInside(XmlNode *top)
 {
     size_t n = 0;
@@ -96,12 +87,20 @@ inline size_t CountInside(XmlNode *top)
     return n;
 }
 
+inline size_t CountList(XmlNode *first)
+{
+    size_t n = 0;
+    for (; first != nullptr; first = first->next) {
+        ++n;
+    }
+    return n;
+}
+
 // A record of the tree of top, chosen by the input.
 inline XmlNode *PickInside(ByteReader &in, XmlNode *top)
 {
-    size_t k = in.Pick(CountInside(top));
     XmlNode *p = top;
-    while (k-- > 0) {
+    for (size_t k = in.Pick(CountInside(top)); k > 0; --k) {
         p = NextInside(p, top);
     }
     return p;
@@ -121,15 +120,8 @@ inline XmlNode *PickNode(ByteReader &in, Pool &pool)
 inline XmlNode *PickAttr(ByteReader &in, Pool &pool)
 {
     XmlNode *el = PickNode(in, pool);
-    if (el == nullptr || el->firstAttr == nullptr) {
-        return nullptr;
-    }
-    size_t count = 0;
-    for (XmlNode *a = el->firstAttr; a != nullptr; a = a->next) {
-        ++count;
-    }
-    XmlNode *a = el->firstAttr;
-    for (size_t k = in.Pick(count); k > 0; --k) {
+    XmlNode *a = el != nullptr ? el->firstAttr : nullptr;
+    for (size_t k = a != nullptr ? in.Pick(CountList(a)) : 0; k > 0; --k) {
         a = a->next;
     }
     return a;
@@ -139,14 +131,14 @@ inline std::string DumpPool(const Pool &pool)
 {
     std::string out;
     for (XmlNode *t : pool.tops) {
-        out += Dump(t);
-        out += "--\n";
+        out += Dump(t) + "--\n";
     }
     return out;
 }
 
 inline std::string CheckPool(const Pool &pool)
 {
+    std::string broken;
     for (XmlNode *t : pool.tops) {
         if (t->parent != nullptr) {
             return "a held top has a parent";
@@ -154,8 +146,7 @@ inline std::string CheckPool(const Pool &pool)
         if ((t->prev != nullptr && t->prev->next != t) || (t->next != nullptr && t->next->prev != t)) {
             return "top-level siblings are linked one way only";
         }
-        std::string broken = CheckLinks(t);
-        if (!broken.empty()) {
+        if (!(broken = CheckLinks(t)).empty()) {
             return broken;
         }
     }
@@ -253,49 +244,38 @@ inline std::string CheckTypedRoundTrip(XmlNode *node, uint32_t type, uint32_t ra
 
 inline std::string RunEditCase(const uint8_t *data, size_t size)
 {
-    long live = krv_test::LiveBlocks();
+    const long live = krv_test::LiveBlocks();
     ByteReader in(data, size);
     Pool pool;
     std::string failure;
     for (int step = 0; step < 400 && !in.Empty() && failure.empty(); ++step) {
-        uint8_t op = in.Byte() % 24;
-        std::string before = DumpPool(pool);
+        const uint8_t op = in.Byte() % 24;
+        const std::string before = DumpPool(pool);
         bool mustNotChange = false;
         uint32_t rc = KRV_XML_OK;
+        XmlNode *made = nullptr;
         switch (op) {
         case 0:
         case 1: {  // a new heap element or document
-            XmlNode *n = nullptr;
             const char *prefix = PickName(in);
             const char *name = PickName(in);
             rc = KRV_XML_CreateNode(op == 0 ? KRV_XML_NODE_ELEMENT : KRV_XML_NODE_DOCUMENT, prefix, name,
-                                    PickValue(in), &n);
-            if (rc == KRV_XML_OK) {
-                pool.Add(n);
-            }
+                                    PickValue(in), &made);
             break;
         }
         case 2: {  // a new session document, or an element in a held session
-            XmlNode *n = nullptr;
             XmlNode *t = PickTop(in, pool);
             bool element = t != nullptr && t->mem != nullptr && (in.Byte() & 1) != 0;
             rc = KRV_XML_CreateNodeEx(element ? t->mem : nullptr,
                                       element ? KRV_XML_NODE_ELEMENT : KRV_XML_NODE_DOCUMENT, PickName(in),
-                                      PickName(in), PickValue(in), &n);
-            if (rc == KRV_XML_OK) {
-                pool.Add(n);
-            }
+                                      PickName(in), PickValue(in), &made);
             break;
         }
-        case 3: {  // parse a document into the pool
-            XmlNode *n = nullptr;
+        case 3: {  // parse a document into the pool, with its top-level followers
             const char *text = PickDocument(in);
-            rc = (in.Byte() & 1) != 0 ? KRV_XML_ParseEx(text, &n) : KRV_XML_Parse(text, &n);
-            if (rc == KRV_XML_OK) {
-                pool.Add(n);
-                for (XmlNode *f = n->next; f != nullptr; f = f->next) {
-                    pool.Add(f);
-                }
+            rc = (in.Byte() & 1) != 0 ? KRV_XML_ParseEx(text, &made) : KRV_XML_Parse(text, &made);
+            for (XmlNode *f = rc == KRV_XML_OK ? made : nullptr; f != nullptr; f = f->next) {
+                pool.Add(f);
             }
             break;
         }
@@ -311,7 +291,7 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             using Fn = uint32_t (*)(XmlNode *, XmlNode *);
             const Fn fns[4] = {KRV_XML_AddFirstChildNode, KRV_XML_AppendChildNode, KRV_XML_AddNextSiblingNode,
                                KRV_XML_AddPrevSiblingNode};
-            std::string moved = Dump(node);
+            const std::string moved = Dump(node);
             rc = fns[op - 4](target, node);
             mustNotChange = rc != KRV_XML_OK;
             if (rc == KRV_XML_OK && Dump(node) != moved) {
@@ -321,12 +301,9 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
         }
         case 8: {  // take a node out of its tree
             XmlNode *n = PickNode(in, pool);
-            if (n == nullptr) {
-                break;
-            }
-            std::string taken = Dump(n);
-            rc = KRV_XML_RemoveNode(n);
-            if (rc == KRV_XML_OK) {
+            const std::string taken = Dump(n);
+            rc = n != nullptr ? KRV_XML_RemoveNode(n) : KRV_XML_ERR_INVALID_PARAM;
+            if (n != nullptr && rc == KRV_XML_OK) {
                 pool.Add(n);
                 if (Dump(n) != taken || n->parent != nullptr || n->prev != nullptr || n->next != nullptr) {
                     failure = "a removed sub-tree is not detached as it was";
@@ -368,13 +345,9 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             }
             const char *prefix = PickName(in);
             const char *name = PickName(in);
-            if (op == 10) {
-                rc = KRV_XML_AddAttr(el, prefix, name, PickValue(in));
-            } else if (op == 11) {
-                rc = KRV_XML_SetAttr(el, prefix, name, PickValue(in));
-            } else {
-                rc = KRV_XML_RemoveAttr(el, prefix, name);
-            }
+            rc = op == 10   ? KRV_XML_AddAttr(el, prefix, name, PickValue(in))
+                 : op == 11 ? KRV_XML_SetAttr(el, prefix, name, PickValue(in))
+                            : KRV_XML_RemoveAttr(el, prefix, name);
             mustNotChange = rc != KRV_XML_OK && rc != KRV_XML_ERR_NO_MEMORY;
             break;
         }
@@ -401,26 +374,25 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
         case 14: {  // typed reads change nothing
             XmlNode *n = PickNode(in, pool);
             uint32_t outValue = 0;
-            rc = KRV_XML_GetNodeValueEx(n, in.Pick(8), &outValue);
-            rc = KRV_XML_GetAttrValueEx(n, PickName(in), PickName(in), in.Pick(8), &outValue);
+            KRV_XML_GetNodeValueEx(n, in.Pick(8), &outValue);
+            KRV_XML_GetAttrValueEx(n, PickName(in), PickName(in), in.Pick(8), &outValue);
             mustNotChange = true;
             break;
         }
         case 15: {  // copies join the pool; the source stays as it was
             XmlNode *n = PickNode(in, pool);
-            XmlNode *copy = nullptr;
-            if (n == nullptr || DumpPool(pool).size() > 64 * 1024) {
+            if (n == nullptr || before.size() > 64 * 1024) {
                 break;  // keep repeated deep copies from growing without bound
             }
             bool deep = (in.Byte() & 1) != 0;
+            XmlNode *copy = nullptr;
             rc = deep ? KRV_XML_CloneNode(n, &copy) : KRV_XML_CloneNodeSelf(n, &copy);
             if (DumpPool(pool) != before) {
                 failure = "copying changed its source";
+            } else if (rc == KRV_XML_OK && (copy == nullptr || copy->parent != nullptr || copy->next != nullptr ||
+                                            copy->prev != nullptr)) {
+                failure = "a copy is not detached";
             } else if (rc == KRV_XML_OK) {
-                if (copy == nullptr || copy->parent != nullptr || copy->next != nullptr || copy->prev != nullptr) {
-                    failure = "a copy is not detached";
-                    break;
-                }
                 pool.Add(copy);
                 if (copy->mem != n->mem && copy->ownsSession == 0) {
                     failure = "a copy of a node is not in its source's regime";
@@ -445,23 +417,19 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
                 if (cur->name == nullptr || cur == start) {
                     break;
                 }
-                path += '.';
-                path += cur->name;
+                path += '.' + std::string(cur->name);
                 if ((in.Byte() & 3) == 0) {
-                    path += '.';
-                    path += std::to_string(in.Pick(4));
+                    path += '.' + std::to_string(in.Pick(4));
                 }
             }
             XmlNode *found = nullptr;
             rc = KRV_XML_GetNodeByUrl(start, path.c_str(), &found);
-            if (rc == KRV_XML_OK) {
-                XmlNode *up = found;
-                while (up != nullptr && up != start) {
-                    up = up->parent;
-                }
-                if (up != start) {
-                    failure = "path lookup answered a node outside the start's sub-tree";
-                }
+            XmlNode *up = found;
+            while (up != nullptr && up != start) {
+                up = up->parent;
+            }
+            if (rc == KRV_XML_OK && up != start) {
+                failure = "path lookup answered a node outside the start's sub-tree";
             }
             mustNotChange = true;
             break;
@@ -471,13 +439,9 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             if (t == nullptr) {
                 break;
             }
-            XmlNode *saveNext = t->next;
-            size_t expect = CountInside(t);
-            size_t seen = 0;
-            for (XmlNode *p = t; p != nullptr && seen <= expect; p = KRV_XML_Iterator(p)) {
-                if (saveNext != nullptr && p == saveNext) {
-                    break;  // walked on into the following top-level records
-                }
+            size_t expect = CountInside(t), seen = 0;
+            // Stops where the walk would go on into the following top-level records.
+            for (XmlNode *p = t; p != nullptr && p != t->next && seen <= expect; p = KRV_XML_Iterator(p)) {
                 ++seen;
             }
             if (seen != expect) {
@@ -502,20 +466,15 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             mustNotChange = true;
             break;
         }
-        case 19: {  // attribute walks agree with the list
+        case 19: {  // attribute walks and the child count agree with the lists
             XmlNode *n = PickNode(in, pool);
             if (n == nullptr) {
                 break;
             }
-            size_t expect = 0;
-            for (XmlNode *a = n->firstAttr; a != nullptr; a = a->next) {
-                ++expect;
-            }
-            uint32_t children = 0;
+            const size_t expect = CountList(n->firstAttr);
             size_t seen = 0;
-            const char *p = nullptr;
-            const char *nm = nullptr;
-            const char *v = nullptr;
+            uint32_t children = 0;
+            const char *p = nullptr, *nm = nullptr, *v = nullptr;
             XmlNode *cursor = nullptr;
             while (seen <= expect && KRV_XML_GetNextSiblingAttrEx(n, &p, &nm, &v, &cursor) == KRV_XML_OK) {
                 ++seen;
@@ -523,7 +482,7 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             if (seen != expect || cursor != nullptr) {
                 failure = "the attribute cursor did not visit each attribute once";
             }
-            if (KRV_XML_GetNodeChildNum(n, &children) != KRV_XML_OK || children != CountChildren(n)) {
+            if (KRV_XML_GetNodeChildNum(n, &children) != KRV_XML_OK || children != CountList(n->firstChild)) {
                 failure = "child count disagrees with the child list";
             }
             mustNotChange = true;
@@ -544,27 +503,25 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             }
             break;
         }
-        case 22: {  // release one attribute record
-            XmlNode *a = PickAttr(in, pool);
-            KRV_XML_FreeNode(a);
+        case 22:  // release one attribute record
+            KRV_XML_FreeNode(PickAttr(in, pool));
             break;
-        }
         default: {  // refusals: attribute records where elements are needed
             XmlNode *a = PickAttr(in, pool);
             XmlNode *n = PickNode(in, pool);
-            if (a == nullptr || n == nullptr) {
-                break;
-            }
-            if (KRV_XML_AppendChildNode(n, a) != KRV_XML_ERR_INVALID_PARAM ||
-                KRV_XML_AddNextSiblingNode(a, n) != KRV_XML_ERR_INVALID_PARAM ||
-                KRV_XML_RemoveNode(a) != KRV_XML_ERR_INVALID_PARAM) {
+            if (a != nullptr && n != nullptr &&
+                (KRV_XML_AppendChildNode(n, a) != KRV_XML_ERR_INVALID_PARAM ||
+                 KRV_XML_AddNextSiblingNode(a, n) != KRV_XML_ERR_INVALID_PARAM ||
+                 KRV_XML_RemoveNode(a) != KRV_XML_ERR_INVALID_PARAM)) {
                 failure = "an attribute record was accepted as a tree node";
             }
             mustNotChange = true;
             break;
         }
         }
-        (void)rc;
+        if (op <= 3 && rc == KRV_XML_OK) {
+            pool.Add(made);
+        }
         pool.Settle();
         if (failure.empty()) {
             failure = CheckPool(pool);

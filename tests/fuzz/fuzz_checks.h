@@ -28,11 +28,10 @@ inline XmlNode *NextInside(XmlNode *n, XmlNode *top)
     if (n->firstChild != nullptr) {
         return n->firstChild;
     }
-    while (n != top) {
+    for (; n != top; n = n->parent) {
         if (n->next != nullptr) {
             return n->next;
         }
-        n = n->parent;
     }
     return nullptr;
 }
@@ -40,14 +39,11 @@ inline XmlNode *NextInside(XmlNode *n, XmlNode *top)
 // Checks the links of the sub-tree of top: every child list is walkable both
 // ways and agrees with firstChild/lastChild, every child points back at its
 // parent, every attribute is an attribute record owned by its element, and
-// element records never hold attribute kinds in child lists. Returns "" or a
+// child lists hold element and document records only. Returns "" or a
 // description of the first broken link.
 inline std::string CheckLinks(XmlNode *top)
 {
-    if (top == nullptr) {
-        return "";
-    }
-    if (top->kind == KRV_XML_NODE_ATTRIBUTE) {
+    if (top != nullptr && top->kind == KRV_XML_NODE_ATTRIBUTE) {
         return "attribute record used as a tree top";
     }
     size_t visited = 0;
@@ -58,58 +54,36 @@ inline std::string CheckLinks(XmlNode *top)
         if (n->kind != KRV_XML_NODE_ELEMENT && n->kind != KRV_XML_NODE_DOCUMENT) {
             return "a child list holds a record of kind " + std::to_string(n->kind);
         }
-        size_t attrs = 0;
+        size_t count = 0;
         for (XmlNode *a = n->firstAttr; a != nullptr; a = a->next) {
-            if (++attrs > kWalkLimit) {
-                return "attribute list forms a cycle";
-            }
-            if (a->kind != KRV_XML_NODE_ATTRIBUTE) {
-                return "attribute list holds a record of kind " + std::to_string(a->kind);
-            }
-            if (a->parent != n) {
-                return "attribute whose parent is not its element";
+            if (++count > kWalkLimit || a->kind != KRV_XML_NODE_ATTRIBUTE || a->parent != n) {
+                return "attribute list broken: a cycle, a wrong kind or a wrong parent";
             }
         }
-        XmlNode *first = n->firstChild;
-        XmlNode *last = n->lastChild;
-        if ((first == nullptr) != (last == nullptr)) {
+        if ((n->firstChild == nullptr) != (n->lastChild == nullptr)) {
             return "firstChild and lastChild disagree on emptiness";
         }
-        if (first == nullptr) {
+        if (n->firstChild == nullptr) {
             continue;
         }
-        if (first->prev != nullptr) {
-            return "first child has a previous sibling";
-        }
-        if (last->next != nullptr) {
-            return "last child has a next sibling";
+        if (n->firstChild->prev != nullptr || n->lastChild->next != nullptr) {
+            return "first child has a previous or last child a next sibling";
         }
         XmlNode *prev = nullptr;
-        size_t forward = 0;
-        for (XmlNode *c = first; c != nullptr; c = c->next) {
-            if (++forward > kWalkLimit) {
-                return "sibling list forms a cycle";
+        size_t forward = 0, backward = 0;
+        for (XmlNode *c = n->firstChild; c != nullptr; prev = c, c = c->next) {
+            if (++forward > kWalkLimit || c->parent != n || c->prev != prev) {
+                return "sibling list broken: a cycle, a wrong parent or a prev link that disagrees";
             }
-            if (c->parent != n) {
-                return "child whose parent is not its parent";
-            }
-            if (c->prev != prev) {
-                return "prev link disagrees with next link";
-            }
-            prev = c;
         }
-        if (prev != last) {
+        if (prev != n->lastChild) {
             return "walking next from firstChild does not end at lastChild";
         }
-        size_t backward = 0;
-        for (XmlNode *c = last; c != nullptr; c = c->prev) {
+        for (XmlNode *c = prev; c != nullptr && backward <= forward; c = c->prev) {
             ++backward;
-            if (backward > forward) {
-                return "walking prev from lastChild does not end at firstChild";
-            }
         }
         if (backward != forward) {
-            return "child list has different lengths both ways";
+            return "walking prev from lastChild does not end at firstChild";
         }
     }
     return "";
@@ -117,13 +91,7 @@ inline std::string CheckLinks(XmlNode *top)
 
 inline void AppendText(std::string *out, const char *text)
 {
-    if (text == nullptr) {
-        out->append("~");
-    } else {
-        out->push_back('"');
-        out->append(text);
-        out->push_back('"');
-    }
+    out->append(text == nullptr ? "~" : "\"" + std::string(text) + "\"");
 }
 
 // A printable form of the sub-tree of top: one line per node with its depth,
@@ -131,26 +99,21 @@ inline void AppendText(std::string *out, const char *text)
 // exactly when they have the same shape and strings.
 inline std::string Dump(XmlNode *top)
 {
-    std::string out;
     if (top == nullptr) {
         return "(null)";
     }
-    if (top->kind == KRV_XML_NODE_ATTRIBUTE) {
-        out.append("attr ");
-        AppendText(&out, top->nsPrefix);
-        AppendText(&out, top->name);
-        AppendText(&out, top->value);
-        return out;
-    }
-    size_t depth = 0;
-    size_t visited = 0;
-    XmlNode *n = top;
-    while (n != nullptr && ++visited <= kWalkLimit) {
-        out.append(std::to_string(depth)).push_back(' ');
-        out.append(std::to_string(n->kind)).push_back(' ');
+    std::string out = top->kind == KRV_XML_NODE_ATTRIBUTE ? "attr " : "";
+    size_t depth = 0, visited = 0;
+    for (XmlNode *n = top; n != nullptr && ++visited <= kWalkLimit;) {
+        if (n->kind != KRV_XML_NODE_ATTRIBUTE) {
+            out.append(std::to_string(depth) + " " + std::to_string(n->kind) + " ");
+        }
         AppendText(&out, n->nsPrefix);
         AppendText(&out, n->name);
         AppendText(&out, n->value);
+        if (n->kind == KRV_XML_NODE_ATTRIBUTE) {
+            break;
+        }
         for (XmlNode *a = n->firstAttr; a != nullptr; a = a->next) {
             out.append(" @");
             AppendText(&out, a->nsPrefix);
@@ -163,13 +126,29 @@ inline std::string Dump(XmlNode *top)
             ++depth;
             continue;
         }
-        while (n != top && n->next == nullptr) {
+        for (; n != top && n->next == nullptr; --depth) {
             n = n->parent;
-            --depth;
         }
         n = n == top ? nullptr : n->next;
     }
     return out;
+}
+
+// True when pred holds for some record of the sub-tree, attributes included.
+template <class Pred>
+bool AnyRecord(XmlNode *top, Pred pred)
+{
+    for (XmlNode *n = top; n != nullptr; n = NextInside(n, top)) {
+        if (pred(n)) {
+            return true;
+        }
+        for (XmlNode *a = n->firstAttr; a != nullptr; a = a->next) {
+            if (pred(a)) {
+                return true;
+            }
+        }
+    }
+    return false;
 }
 
 // True when value text holds an ampersand with a ';' somewhere after it. The
@@ -177,67 +156,31 @@ inline std::string Dump(XmlNode *top)
 // output again may decode it (or refuse it) instead of giving the text back.
 inline bool MayHoldReference(const char *text)
 {
-    if (text == nullptr) {
-        return false;
-    }
-    const char *amp = std::strchr(text, '&');
+    const char *amp = text != nullptr ? std::strchr(text, '&') : nullptr;
     return amp != nullptr && std::strchr(amp, ';') != nullptr;
 }
 
-// True when any value or attribute value in the sub-tree may hold a reference.
 inline bool TreeMayHoldReference(XmlNode *top)
 {
-    for (XmlNode *n = top; n != nullptr; n = NextInside(n, top)) {
-        if (MayHoldReference(n->value)) {
-            return true;
-        }
-        for (XmlNode *a = n->firstAttr; a != nullptr; a = a->next) {
-            if (MayHoldReference(a->value)) {
-                return true;
-            }
-        }
-    }
-    return false;
+    return AnyRecord(top, [](XmlNode *n) { return MayHoldReference(n->value); });
 }
 
-// True when a name or prefix in the sub-tree is empty or holds markup or white
-// space. The parser decodes references and CDATA in names ("a&apos;b") but the
-// printer writes names as they are, so such a tree does not read back.
+// True when a name or prefix in the sub-tree is empty (a CDATA section that
+// held nothing prints as nothing) or holds markup or white space. The parser
+// decodes references and CDATA in names ("a&apos;b") but the printer writes
+// names as they are, so such a tree does not read back.
 inline bool TreeHasMarkupInNames(XmlNode *top)
 {
-    // An empty name (a CDATA section that held nothing) prints as nothing.
     auto odd = [](const char *text) {
-        return text != nullptr &&
-               (text[0] == '\0' || std::strpbrk(text, " \t\r\n<>&'\"=/?!") != nullptr);
+        return text != nullptr && (text[0] == '\0' || std::strpbrk(text, " \t\r\n<>&'\"=/?!") != nullptr);
     };
-    for (XmlNode *n = top; n != nullptr; n = NextInside(n, top)) {
-        if (odd(n->name) || odd(n->nsPrefix)) {
-            return true;
-        }
-        for (XmlNode *a = n->firstAttr; a != nullptr; a = a->next) {
-            if (odd(a->name) || odd(a->nsPrefix)) {
-                return true;
-            }
-        }
-    }
-    return false;
+    return AnyRecord(top, [&odd](XmlNode *n) { return odd(n->name) || odd(n->nsPrefix); });
 }
 
-// True when some record of the sub-tree (attributes included) has no name:
-// the printer refuses such trees.
+// True when some record of the sub-tree has no name: the printer refuses it.
 inline bool TreeHasUnnamed(XmlNode *top)
 {
-    for (XmlNode *n = top; n != nullptr; n = NextInside(n, top)) {
-        if (n->name == nullptr) {
-            return true;
-        }
-        for (XmlNode *a = n->firstAttr; a != nullptr; a = a->next) {
-            if (a->name == nullptr) {
-                return true;
-            }
-        }
-    }
-    return false;
+    return AnyRecord(top, [](XmlNode *n) { return n->name == nullptr; });
 }
 
 // True when `got`, the value read back from text printed as element
@@ -247,10 +190,8 @@ inline bool TreeHasUnnamed(XmlNode *top)
 inline bool SameTextUpToLeadingSpace(const std::string &text, const char *got)
 {
     std::string v = got == nullptr ? std::string() : got;
-    if (v.size() > text.size() || text.compare(text.size() - v.size(), v.size(), v) != 0) {
-        return false;
-    }
-    return text.find_first_not_of(" \t\r\n") >= text.size() - v.size();
+    return v.size() <= text.size() && text.compare(text.size() - v.size(), v.size(), v) == 0 &&
+           text.find_first_not_of(" \t\r\n") >= text.size() - v.size();
 }
 
 // Compares the sub-trees of a and b side by side: shape, prefixes, names,
@@ -261,10 +202,8 @@ inline bool SameTextUpToLeadingSpace(const std::string &text, const char *got)
 // Returns "" or where the trees first differ.
 inline std::string CompareTrees(XmlNode *a, XmlNode *b, bool printed)
 {
-    XmlNode *x = a;
-    XmlNode *y = b;
     size_t index = 0;
-    while (x != nullptr || y != nullptr) {
+    for (XmlNode *x = a, *y = b; x != nullptr || y != nullptr; ++index) {
         std::string where = "node " + std::to_string(index) + ": ";
         if (x == nullptr || y == nullptr) {
             return where + "one tree ends early";
@@ -272,18 +211,15 @@ inline std::string CompareTrees(XmlNode *a, XmlNode *b, bool printed)
         if (!SameText(x->nsPrefix, y->nsPrefix) || !SameText(x->name, y->name)) {
             return where + "prefix or name differs";
         }
-        bool skip = printed && MayHoldReference(x->value);
         bool same = printed && x->value != nullptr ? SameTextUpToLeadingSpace(x->value, y->value)
                                                    : SameText(x->value, y->value);
-        if (!skip && x->firstChild == nullptr && !same) {
+        if (!(printed && MayHoldReference(x->value)) && x->firstChild == nullptr && !same) {
             return where + "value differs";
         }
-        XmlNode *p = x->firstAttr;
-        XmlNode *q = y->firstAttr;
+        XmlNode *p = x->firstAttr, *q = y->firstAttr;
         for (; p != nullptr && q != nullptr; p = p->next, q = q->next) {
-            bool skipAttr = printed && MayHoldReference(p->value);
             if (!SameText(p->nsPrefix, q->nsPrefix) || !SameText(p->name, q->name) ||
-                (!skipAttr && !SameText(p->value, q->value))) {
+                (!(printed && MayHoldReference(p->value)) && !SameText(p->value, q->value))) {
                 return where + "attribute differs";
             }
         }
@@ -293,15 +229,9 @@ inline std::string CompareTrees(XmlNode *a, XmlNode *b, bool printed)
         if ((x->firstChild == nullptr) != (y->firstChild == nullptr)) {
             return where + "one has children, the other not";
         }
-        if (x->firstChild == nullptr && x != a && (x->next == nullptr) != (y->next == nullptr)) {
-            return where + "sibling counts differ";
-        }
-        XmlNode *nx = NextInside(x, a);
-        XmlNode *ny = NextInside(y, b);
-        // Both steps must climb the same number of levels.
-        if (nx != nullptr && ny != nullptr && x->firstChild == nullptr) {
-            size_t upX = 0;
-            size_t upY = 0;
+        // After a leaf both steps must climb the same number of levels.
+        if (x->firstChild == nullptr && x != a) {
+            size_t upX = 0, upY = 0;
             for (XmlNode *s = x; s != a && s->next == nullptr; s = s->parent) {
                 ++upX;
             }
@@ -312,9 +242,8 @@ inline std::string CompareTrees(XmlNode *a, XmlNode *b, bool printed)
                 return where + "sibling counts differ";
             }
         }
-        x = nx;
-        y = ny;
-        ++index;
+        x = NextInside(x, a);
+        y = NextInside(y, b);
     }
     return "";
 }

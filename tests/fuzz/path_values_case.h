@@ -127,41 +127,51 @@ inline const char *AttrValue(XmlNode *element, const char *name)
     return KRV_XML_GetAttr(element, nullptr, name, &v) == KRV_XML_OK ? v : nullptr;
 }
 
+// Prints target, parses the text again and returns the copy, or null when
+// the text is refused (*printed then holds it).
+inline XmlNode *PrintAndParse(XmlNode *target, std::string *printed)
+{
+    char *out = nullptr;
+    XmlNode *again = nullptr;
+    if (target->name == nullptr || KRV_XML_Transform(target, &out) != KRV_XML_OK) {
+        return nullptr;
+    }
+    *printed = out;
+    KRV_XML_FreeMem(out);
+    return KRV_XML_Parse(printed->c_str(), &again) == KRV_XML_OK ? again : nullptr;
+}
+
 inline std::string RunPathValuesCase(const uint8_t *data, size_t size)
 {
     if (size == 0) {
         return "";
     }
-    long live = krv_test::LiveBlocks();
-    bool session = (data[0] & 1) != 0;
-    std::string rest(reinterpret_cast<const char *>(data + 1), size - 1);
-    size_t cut = rest.find('\0');
-    std::string path = rest.substr(0, cut);
-    std::string text = cut == std::string::npos ? std::string() : rest.substr(cut + 1);
-    text = text.c_str();  // value texts end at their NUL
-
+    const long live = krv_test::LiveBlocks();
+    const bool session = (data[0] & 1) != 0;
+    const std::string rest(reinterpret_cast<const char *>(data + 1), size - 1);
+    const size_t cut = rest.find('\0');
+    const std::string path = rest.substr(0, cut);
+    const std::string text = cut == std::string::npos ? std::string() : std::string(rest.c_str() + cut + 1);
     XmlNode *doc = nullptr;
-    uint32_t rc = session ? KRV_XML_ParseEx(kFixedDocument, &doc) : KRV_XML_Parse(kFixedDocument, &doc);
-    if (rc != KRV_XML_OK) {
+    if ((session ? KRV_XML_ParseEx(kFixedDocument, &doc) : KRV_XML_Parse(kFixedDocument, &doc)) != KRV_XML_OK) {
         return "the fixed document does not parse";
     }
-    std::string failure;
-    std::string pristine = Dump(doc);
+    std::string failure, printed;
+    const std::string pristine = Dump(doc);
     XmlNode *found = reinterpret_cast<XmlNode *>(&failure);
-    rc = KRV_XML_GetNodeByUrl(doc, path.c_str(), &found);
+    uint32_t rc = KRV_XML_GetNodeByUrl(doc, path.c_str(), &found);
+    XmlNode *up = rc == KRV_XML_OK ? found : nullptr;
+    while (up != nullptr && up != doc) {
+        up = up->parent;
+    }
     if (Dump(doc) != pristine) {
         failure = "path lookup changed the tree";
-    } else if (rc == KRV_XML_OK) {
-        XmlNode *up = found;
-        while (up != nullptr && up != doc) {
-            up = up->parent;
-        }
-        if (up != doc) {
-            failure = "path lookup answered a node outside the tree";
-        }
-    } else if (found != reinterpret_cast<XmlNode *>(&failure)) {
+    } else if (rc == KRV_XML_OK && up != doc) {
+        failure = "path lookup answered a node outside the tree";
+    } else if (rc != KRV_XML_OK && found != reinterpret_cast<XmlNode *>(&failure)) {
         failure = "failed path lookup wrote its out-argument";
-    } else if (rc != KRV_XML_ERR_INVALID_PARAM && rc != KRV_XML_ERR_NOT_FOUND && rc != KRV_XML_ERR_URL_NOT_FOUND) {
+    } else if (rc != KRV_XML_OK && rc != KRV_XML_ERR_INVALID_PARAM && rc != KRV_XML_ERR_NOT_FOUND &&
+               rc != KRV_XML_ERR_URL_NOT_FOUND) {
         failure = "path lookup gave " + std::to_string(rc);
     } else if (path.size() > 511 && rc != KRV_XML_ERR_INVALID_PARAM) {
         failure = "an overlong path was not refused";
@@ -170,6 +180,7 @@ inline std::string RunPathValuesCase(const uint8_t *data, size_t size)
 
     // The text as the value of a leaf, read typed, printed and parsed again.
     const char *value = text.empty() ? nullptr : text.c_str();
+    const bool printable = value != nullptr && !MayHoldReference(value);
     if (failure.empty() && target->firstChild == nullptr) {
         if (KRV_XML_SetNode(target, nullptr, nullptr, text.c_str()) != KRV_XML_OK) {
             failure = "storing a value text failed";
@@ -178,51 +189,36 @@ inline std::string RunPathValuesCase(const uint8_t *data, size_t size)
         } else {
             failure = CheckTypedReads(target, nullptr, value);
         }
-        char *printed = nullptr;
-        if (failure.empty() && value != nullptr && !MayHoldReference(value) && target->name != nullptr &&
-            KRV_XML_Transform(target, &printed) == KRV_XML_OK) {
-            XmlNode *again = nullptr;
-            if (KRV_XML_Parse(printed, &again) != KRV_XML_OK) {
-                failure = "a printed value text is refused: " + std::string(printed);
-            } else if (!SameTextUpToLeadingSpace(text, again->value)) {
-                failure = "a printed value text reads back differently: " + std::string(printed);
-            }
-            KRV_XML_FreeNode(again);
+        XmlNode *again = failure.empty() && printable ? PrintAndParse(target, &printed) : nullptr;
+        if (again == nullptr && !printed.empty()) {
+            failure = "a printed value text is refused: " + printed;
+        } else if (again != nullptr && !SameTextUpToLeadingSpace(text, again->value)) {
+            failure = "a printed value text reads back differently: " + printed;
         }
-        KRV_XML_FreeMem(printed);
+        KRV_XML_FreeNode(again);
     }
 
     // The text as an attribute value, and the path bytes as an attribute name.
     if (failure.empty()) {
         rc = KRV_XML_SetAttr(target, nullptr, "k", value);
-        if (rc == KRV_XML_ERR_NOT_FOUND) {
-            rc = KRV_XML_AddAttr(target, nullptr, "k", value);
+        rc = rc == KRV_XML_ERR_NOT_FOUND ? KRV_XML_AddAttr(target, nullptr, "k", value) : rc;
+        const char *v = nullptr;
+        failure = rc != KRV_XML_OK ? "setting an attribute value gave " + std::to_string(rc)
+                                   : CheckTypedReads(target, "k", AttrValue(target, "k"));
+        printed.clear();
+        XmlNode *again = failure.empty() && printable ? PrintAndParse(target, &printed) : nullptr;
+        if ((again == nullptr && !printed.empty()) ||
+            (again != nullptr && (KRV_XML_GetAttr(again, nullptr, "k", &v) != KRV_XML_OK || !SameText(v, value)))) {
+            failure = "a printed attribute value reads back differently: " + printed;
         }
-        if (rc != KRV_XML_OK) {
-            failure = "setting an attribute value gave " + std::to_string(rc);
-        } else if (rc == KRV_XML_OK) {
-            failure = CheckTypedReads(target, "k", AttrValue(target, "k"));
-        }
-        char *printed = nullptr;
-        if (failure.empty() && rc == KRV_XML_OK && value != nullptr && !MayHoldReference(value) &&
-            target->name != nullptr && KRV_XML_Transform(target, &printed) == KRV_XML_OK) {
-            XmlNode *again = nullptr;
-            const char *v = nullptr;
-            if (KRV_XML_Parse(printed, &again) != KRV_XML_OK ||
-                KRV_XML_GetAttr(again, nullptr, "k", &v) != KRV_XML_OK || !SameText(v, value)) {
-                failure = "a printed attribute value reads back differently: " + std::string(printed);
-            }
-            KRV_XML_FreeNode(again);
-        }
-        KRV_XML_FreeMem(printed);
+        KRV_XML_FreeNode(again);
     }
     if (failure.empty() && !path.empty()) {
-        std::string before = Dump(doc);
-        rc = KRV_XML_AddAttr(target, nullptr, path.c_str(), "v");
+        const std::string before = Dump(doc);
         const char *v = nullptr;
-        if (rc == KRV_XML_OK && (KRV_XML_GetAttr(target, nullptr, path.c_str(), &v) != KRV_XML_OK ||
-                                 !SameText(v, "v") || KRV_XML_RemoveAttr(target, nullptr, path.c_str()) != KRV_XML_OK ||
-                                 Dump(doc) != before)) {
+        if (KRV_XML_AddAttr(target, nullptr, path.c_str(), "v") == KRV_XML_OK &&
+            (KRV_XML_GetAttr(target, nullptr, path.c_str(), &v) != KRV_XML_OK || !SameText(v, "v") ||
+             KRV_XML_RemoveAttr(target, nullptr, path.c_str()) != KRV_XML_OK || Dump(doc) != before)) {
             failure = "an attribute added under an arbitrary name is not found and removed again";
         }
     }
