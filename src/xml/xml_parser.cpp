@@ -850,6 +850,27 @@ const char *closesOwnName(const XmlNode *element, const char *text)
     return *t == '>' ? t : nullptr;
 }
 
+// Whether the end tag's name at `name` closes element on the fast path:
+// its '>', or null. *nameEnd stays null when the name was matched as stored
+// (nothing to divide); otherwise it is the name's end, and *colonAt where its
+// colon is, for splitElement.
+inline __attribute__((always_inline)) const char *endTagCloses(const XmlNode *element,
+                                                             const char *name,
+                                                             const char **nameEnd,
+                                                             int64_t *colonAt)
+{
+    const char *gt = closesOwnName(element, name);
+    if (gt != nullptr) {
+        return gt;
+    }
+    const char *end = scanEndName(name, &gt, colonAt);
+    if (end == nullptr || !sameName(element, name, static_cast<size_t>(end - name))) {
+        return nullptr;
+    }
+    *nameEnd = end;
+    return gt;
+}
+
 struct FastAttr {
     const char *name;
     const char *colon;  // first ':' of the name, or null
@@ -1199,14 +1220,11 @@ Fast fastEndTag(XmlParser *p)
         }
         cur = cur->parent;
     }
-    const char *gt = closesOwnName(cur, name);
     const char *nameEnd = nullptr;
     int64_t colonAt = kColonUnknown;
+    const char *gt = endTagCloses(cur, name, &nameEnd, &colonAt);
     if (gt == nullptr) {
-        nameEnd = scanEndName(name, &gt, &colonAt);
-        if (nameEnd == nullptr || !sameName(cur, name, static_cast<size_t>(nameEnd - name))) {
-            return Fast::Bail;
-        }
+        return Fast::Bail;
     }
     char before = lt > p->input ? lt[-1] : '\0';
     if (closesParent) {
@@ -1251,14 +1269,11 @@ Fast fastText(XmlParser *p)
     }
     const char *name = lt + 2;
     XmlNode *cur = p->current;
-    const char *gt = closesOwnName(cur, name);
     const char *nameEnd = nullptr;
     int64_t colonAt = kColonUnknown;
+    const char *gt = endTagCloses(cur, name, &nameEnd, &colonAt);
     if (gt == nullptr) {
-        nameEnd = scanEndName(name, &gt, &colonAt);
-        if (nameEnd == nullptr || !sameName(cur, name, static_cast<size_t>(nameEnd - name))) {
-            return Fast::Bail;
-        }
+        return Fast::Bail;
     }
     p->tokenSeen = 1;
     if (xmlStoreRun(p->session, start, static_cast<uint64_t>(lt - start), plain, &cur->value,
