@@ -188,8 +188,8 @@ TEST(AllocationFailure, EveryAllocatingCallFailsCleanly)
 }
 
 // ---------------------------------------------------------------------------
-// Hostile inputs: every walk (parse, look-up, print, copy, free) of a chain
-// a million deep on a 256 KiB stack, and nothing quadratic in the width.
+// Hostile inputs: every walk (parse, look-up, print, copy, free, remove) of
+// a chain a million deep on a 256 KiB stack, and nothing quadratic in the width.
 
 TEST(HostileInput, MillionDeepNestingOnASmallStack)
 {
@@ -250,38 +250,6 @@ TEST(HostileInput, MillionDeepNestingOnASmallStack)
             KRV_XML_FreeNode(doc);
         });
     }
-}
-
-// The chain is built from the bottom up: each insertion checks the target's
-// ancestors (regime and cycle), so appending at the tip of a deep chain would
-// cost the depth each time.
-TEST(HostileInput, DeepChainBuiltThroughTheInterface)
-{
-    krvtest::LeakGuard guard;
-    constexpr size_t kDepth = 1000000;
-    krvtest::OnSmallStack([&] {
-        XmlNode *top = krvtest::Element("c", nullptr, "leaf");
-        for (size_t i = 1; i < kDepth; ++i) {
-            XmlNode *n = krvtest::Element("c", nullptr, nullptr, "p");
-            ASSERT_EQ(KRV_XML_AppendChildNode(n, top), KRV_XML_OK);
-            top = n;
-        }
-        EXPECT_EQ(CheckLinks(top), "");
-        XmlNode *copy = nullptr;
-        ASSERT_EQ(KRV_XML_CloneNode(top, &copy), KRV_XML_OK);
-        XmlNode *inner = top->firstChild;
-        ASSERT_EQ(KRV_XML_RemoveNode(inner), KRV_XML_OK);
-        char *out = nullptr;
-        ASSERT_EQ(KRV_XML_Transform(inner, &out), KRV_XML_OK);
-        XmlNode *again = nullptr;
-        ASSERT_EQ(KRV_XML_Parse(out, &again), KRV_XML_OK);
-        EXPECT_EQ(krvfuzz::CompareTrees(inner, again, false), "");
-        EXPECT_EQ(krvfuzz::CompareTrees(copy->firstChild, again, false), "");
-        KRV_XML_FreeMem(out);
-        for (XmlNode *n : {again, inner, top, copy}) {
-            KRV_XML_FreeNode(n);
-        }
-    });
 }
 
 // A million siblings and a hundred thousand attributes: linking, counting,
@@ -384,25 +352,20 @@ TEST(HostileInput, MegabytesOfTextWithAmpersands)
 TEST(Threads, ParallelParsesAndPrints)
 {
     krvtest::LeakGuard guard;
-    constexpr int kThreads = 4;
     struct Work {
         std::string text, expected;
-        std::atomic<int> *failures;
-    };
-    std::atomic<int> failures{0};
-    std::vector<Work> work(kThreads);
-    for (int t = 0; t < kThreads; ++t) {
-        std::string &text = work[t].text;
-        text = "<t" + std::to_string(t) + " id=\"" + std::to_string(t) + "\">";
+        std::atomic<int> failures{0};
+    } work[4];
+    for (int t = 0; t < 4; ++t) {
+        work[t].text = "<t" + std::to_string(t) + " id=\"" + std::to_string(t) + "\">";
         for (int i = 0; i < 50 + t * 20; ++i) {
-            text += "<item n=\"" + std::to_string(i) + "\">v&amp;" + std::to_string(i * t) + "</item>";
+            work[t].text += "<item n=\"" + std::to_string(i) + "\">v&amp;" + std::to_string(i * t) + "</item>";
         }
-        text += "</t" + std::to_string(t) + ">";
-        XmlNode *doc = MustParse(text, false);
+        work[t].text += "</t" + std::to_string(t) + ">";
         char *out = nullptr;
+        XmlNode *doc = MustParse(work[t].text, false);
         ASSERT_EQ(KRV_XML_Transform(doc, &out), KRV_XML_OK);
         work[t].expected = out;
-        work[t].failures = &failures;
         KRV_XML_FreeMem(out);
         KRV_XML_FreeNode(doc);
     }
@@ -414,7 +377,7 @@ TEST(Threads, ParallelParsesAndPrints)
             if (krvtest::ParseIn((r & 1) != 0, w->text.c_str(), &doc) != KRV_XML_OK ||
                 KRV_XML_Transform(doc, &out) != KRV_XML_OK || out == nullptr || w->expected != out ||
                 KRV_XML_CloneNode(doc, &copy) != KRV_XML_OK) {
-                w->failures->fetch_add(1);
+                w->failures.fetch_add(1);
             }
             KRV_XML_FreeMem(out);
             KRV_XML_FreeNode(copy);
@@ -422,14 +385,14 @@ TEST(Threads, ParallelParsesAndPrints)
         }
         return nullptr;
     };
-    std::vector<pthread_t> threads(kThreads);
-    for (int t = 0; t < kThreads; ++t) {
+    pthread_t threads[4];
+    for (int t = 0; t < 4; ++t) {
         ASSERT_EQ(pthread_create(&threads[t], nullptr, body, &work[t]), 0);
     }
-    for (pthread_t &th : threads) {
-        pthread_join(th, nullptr);
+    for (int t = 0; t < 4; ++t) {
+        pthread_join(threads[t], nullptr);
+        EXPECT_EQ(work[t].failures.load(), 0) << "thread " << t;
     }
-    EXPECT_EQ(failures.load(), 0);
 }
 
 // ---------------------------------------------------------------------------

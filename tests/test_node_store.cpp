@@ -82,29 +82,6 @@ TEST(Session, RefusesBadArguments)
     EXPECT_EQ(XML_MemSessionEnd(s), 1);
 }
 
-TEST(Session, GrowthRules)
-{
-    struct Case {
-        std::vector<int32_t> requests, expectedCapacities;
-    };
-    const Case cases[] = {
-        {{8192}, {8192}},                          // an exact fit stays in the first block
-        {{8193}, {8192, 16384}},                   // one byte more doubles
-        {{3 * 8192}, {8192, 4 * 8192}},            // smallest doubling that holds it
-        {{8000, 400}, {8192, 8192}},               // fits the last capacity: same size again
-        {{8000, 400, 9000}, {8192, 8192, 16384}},
-        {{16384, 16384}, {8192, 16384, 16384}},    // doubling starts from the last block
-    };
-    for (const Case &c : cases) {
-        XmlMemSession *s = XML_MemSessionBegin(kSessionInitialSize);
-        for (int32_t n : c.requests) {
-            ASSERT_NE(XML_MemSpecialMalloc(s, n), nullptr) << n;
-        }
-        EXPECT_EQ(capacities(s), c.expectedCapacities) << "first request " << c.requests[0];
-        XML_MemSessionEnd(s);
-    }
-}
-
 TEST(Session, FirstFitMatchesAReferenceModel)
 {
     // Every request must be served, 8-aligned, by exactly the block the model

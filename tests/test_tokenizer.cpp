@@ -17,7 +17,7 @@ TEST(Tokenizer, TokenKindsAndLengths)
         uint32_t tokenLen;
     } cases[] = {
         {"a=b", 1, "a", 1}, {"a-->", 1, "a", 1}, {"x/>", 1, "x", 1}, {"ab\tc", 2, "ab", 2},
-        {"a]]>", 1, "a", 1}, {"a-b/c]d", 7, "a-b/c]d", 7}, {"<![CDATA[a<b>c]]>d e", 18, "<![CDATA[a<b>c]]>d", 18},
+        {"a]]>", 1, "a", 1}, {"a--b", 4, "a--b", 4}, {"a-b/c]d", 7, "a-b/c]d", 7}, {"<![CDATA[a<b>c]]>d e", 18, "<![CDATA[a<b>c]]>d", 18},
         {"<![CDATA[x]]><![CDATA[y]]>z", 27, "<![CDATA[x]]><![CDATA[y]]>z", 27},
         {"ab<![CDATA[ ]]> c", 15, "ab<![CDATA[ ]]>", 15}, {"</x", 2, "</", 2}, {"<x", 1, "<", 1},
         {"/>", 2, "/>", 2}, {"/x", 0, "/", 0}, {"-->", 0, "-->", 0}, {"]]>x", 0, "]]>", 0},
@@ -113,6 +113,10 @@ TEST(Decoder, EmptyRunsNullArgumentsHugeRunsAndAllocationFailure)
     EXPECT_EQ(Parser_CopyBufToString(nullptr, "x", 0x80000000u, &out), static_cast<int32_t>(KRV_XML_ERR_SYNTAX));
     EXPECT_EQ(out, nullptr);
     EXPECT_EQ(krv_test::AllocationCount(), before);
+    // A NUL inside a run is a plain byte: copied, and the run goes on.
+    ASSERT_EQ(Parser_CopyBufToString(nullptr, "a\0b&amp;", 8, &out), KRV_XML_OK);
+    EXPECT_EQ(std::string(out, 5), std::string("a\0b&", 5));
+    krvHeapFree(out);
     // A failed copy clears the field.
     out = krvtest::Sentinel<char>();
     krv_test::FailAllocationAt(1);

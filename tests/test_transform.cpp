@@ -237,33 +237,26 @@ TEST(Escape, ElementTextAndAttributeValues)
 }
 
 // Every position of a markup character, and of the end, relative to the
-// 16-byte blocks the scan reads: the value is placed at each offset of an
-// aligned buffer (the bytes after its end are markup that must not count)
-// and has each length up to 40.
+// 16-byte blocks the scan reads: the value sits at each offset of an aligned
+// buffer whose bytes after its end are markup that must not count.
 TEST(Escape, EveryLengthAndAlignment)
 {
     krvtest::LeakGuard guard;
-    const std::pair<char, const char *> marks[] = {
-        {'"', "&quot;"}, {'\'', "&apos;"}, {'<', "&lt;"}, {'>', "&gt;"}, {'&', "&amp;"}, {'b', "b"},
-    };
     alignas(16) char storage[64 + 16];
     XmlNode *e = el("e", "v");
     char *const owned = e->value;
     for (size_t offset = 0; offset < 16; ++offset) {
         for (size_t length = 0; length <= 40; ++length) {
-            for (const auto &[mark, entity] : marks) {
+            for (const auto &[mark, entity] : {std::pair<char, const char *>{'"', "&quot;"}, {'\'', "&apos;"},
+                                               {'<', "&lt;"}, {'>', "&gt;"}, {'&', "&amp;"}, {'b', "b"}}) {
                 for (size_t at = 0; at < std::max<size_t>(length, 1); at += (length > 20 ? 3 : 1)) {
-                    std::string text(length, 'b');
-                    if (length > 0) {
-                        text[at] = mark;
-                    }
                     std::memset(storage, '<', sizeof storage);
-                    std::memcpy(storage + offset, text.c_str(), length + 1);
+                    std::memset(storage + offset, 'b', length);
+                    storage[offset + length] = '\0';
+                    storage[offset + at] = length > 0 ? mark : '\0';
                     e->value = storage + offset;
-                    const std::string want = length == 0 ? "<e></e>\n"
-                                                         : "<e>" + std::string(at, 'b') + entity +
-                                                               std::string(length - at - 1, 'b') + "</e>\n";
-                    EXPECT_EQ(run(KRV_XML_Transform, e), want)
+                    const std::string b(length > 0 ? at : 0, 'b'), rest(length > 0 ? length - at - 1 : 0, 'b');
+                    EXPECT_EQ(run(KRV_XML_Transform, e), "<e>" + b + (length > 0 ? entity : "") + rest + "</e>\n")
                         << "offset " << offset << ", length " << length << ", '" << mark << "' at " << at;
                 }
             }
