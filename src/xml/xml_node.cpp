@@ -522,6 +522,11 @@ void mergeFreedBlocks()
     std::free(probe);
 }
 
+// A heap tree lies mostly in the order the release walk takes. Each block
+// asks for the memory this far past it, so that a tree far larger than the
+// caches is not released at the pace of one memory round trip per block.
+constexpr uintptr_t kReleaseAhead = 8192;
+
 // The blocks of a heap tree, handed to the heap in batches, each batch last
 // first. Trees are built front to back, so a batch goes back highest address
 // first and glibc's fast lists hold each size in address order, which makes
@@ -548,6 +553,7 @@ struct FreeBatch {
                 merging = true;
                 flush();
             }
+            __builtin_prefetch(reinterpret_cast<const void *>(reinterpret_cast<uintptr_t>(block) + kReleaseAhead), 1);
             blocks[count++] = block;
         }
     }
@@ -572,9 +578,6 @@ struct FreeBatch {
         }
     }
 };
-
-// How far ahead of the record being released its memory is asked for.
-constexpr uintptr_t kReleaseAhead = 8192;
 
 }  // namespace
 
@@ -610,10 +613,6 @@ void XML_FreeNode(XmlNode *node)
     size_t depth = 0;
     for (;;) {
         XmlNode *parent = cur->parent;
-        // A heap tree lies mostly in the order the walk takes: ask for the
-        // memory a few pages on, so that a tree far larger than the caches is
-        // not released at the pace of one memory round trip per record.
-        __builtin_prefetch(reinterpret_cast<const void *>(reinterpret_cast<uintptr_t>(cur) + kReleaseAhead), 1);
         bool chainEnds = false;
         if (cur->ownsSession && cur->mem != nullptr) {
             // Ending the session releases the record and everything carved
