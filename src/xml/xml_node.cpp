@@ -553,7 +553,8 @@ struct FreeBatch {
                 merging = true;
                 flush();
             }
-            __builtin_prefetch(reinterpret_cast<const void *>(reinterpret_cast<uintptr_t>(block) + kReleaseAhead), 1);
+            uintptr_t ahead = reinterpret_cast<uintptr_t>(block) + kReleaseAhead;
+            __builtin_prefetch(reinterpret_cast<const void *>(ahead), 1);
             blocks[count++] = block;
         }
     }
