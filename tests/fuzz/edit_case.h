@@ -228,16 +228,14 @@ inline std::string CheckTypedRoundTrip(XmlNode *node, uint32_t type, uint32_t ra
 inline std::string RunEditCase(const uint8_t *data, size_t size)
 {
     using Insert = uint32_t (*)(XmlNode *, XmlNode *);
-    using Print = uint32_t (*)(XmlNode *, char **);
     static const Insert kInserts[4] = {KRV_XML_AddFirstChildNode, KRV_XML_AppendChildNode,
                                        KRV_XML_AddNextSiblingNode, KRV_XML_AddPrevSiblingNode};
-    static const Print kPrints[3] = {KRV_XML_Transform, KRV_XML_TransformHead, KRV_XML_TransformTail};
     const long live = krv_test::LiveBlocks();
     ByteReader in(data, size);
     Pool pool;
     std::string failure;
     for (int step = 0; step < 400 && !in.Empty() && failure.empty(); ++step) {
-        const uint8_t op = in.Byte() % 20;
+        const uint8_t op = in.Byte() % 18;
         const std::string before = DumpPool(pool);
         bool mustNotChange = false;
         uint32_t rc = KRV_XML_OK;
@@ -351,15 +349,7 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             }
             break;
         }
-        case 14: {  // typed reads change nothing
-            n = PickNode(in, pool);
-            uint32_t outValue = 0;
-            KRV_XML_GetNodeValueEx(n, in.Pick(8), &outValue);
-            KRV_XML_GetAttrValueEx(n, PickName(in), PickName(in), in.Pick(8), &outValue);
-            mustNotChange = true;
-            break;
-        }
-        case 15: {  // copies join the pool; the source stays as it was
+        case 14: {  // copies join the pool; the source stays as it was
             n = PickNode(in, pool);
             if (n == nullptr || before.size() > 64 * 1024) {
                 break;  // keep repeated deep copies from growing without bound
@@ -377,24 +367,12 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             }
             break;
         }
-        case 16: {  // printing changes nothing; text is released
-            n = (in.Byte() & 7) == 0 ? PickAttr(in, pool) : PickNode(in, pool);
-            if (n == nullptr) {
-                break;
-            }
-            char *text = nullptr;
-            rc = kPrints[in.Pick(3)](n, &text);
-            KRV_XML_FreeMem(text);
-            failure = rc != KRV_XML_OK && rc != KRV_XML_ERR_INVALID_PARAM ? "printing gave " + std::to_string(rc) : "";
-            mustNotChange = true;
-            break;
-        }
-        case 17:  // release a held tree
+        case 15:  // release a held tree
             if ((n = PickTop(in, pool)) != nullptr) {
                 ReleaseTop(pool, n);
             }
             break;
-        case 18:  // release a record inside a tree (it is unlinked first)
+        case 16:  // release a record inside a tree (it is unlinked first)
             if ((n = PickNode(in, pool)) != nullptr && n->parent != nullptr) {
                 AdoptNames(pool, {n});
                 KRV_XML_FreeNode(n);
@@ -404,7 +382,7 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             KRV_XML_FreeNode(PickAttr(in, pool));
             break;
         }
-        if ((op <= 3 || op == 15) && rc == KRV_XML_OK) {
+        if ((op <= 3 || op == 14) && rc == KRV_XML_OK) {
             Add(pool, made);
         }
         // Entries that gained a parent are held by their new tree now.
