@@ -292,26 +292,11 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             }
             break;
         }
-        case 9: {  // change strings, of elements or attributes: null leaves a field, "" clears it
+        case 9: {  // change strings, of elements or attributes (what each argument does: NodeStore tests)
             n = (in.Byte() & 1) != 0 ? PickAttr(in, pool) : PickNode(in, pool);
-            if (n == nullptr) {
-                break;
-            }
-            const char *args[3] = {PickName(in), PickName(in), PickValue(in)};
-            const char *fields[3] = {n->nsPrefix, n->name, n->value};
-            std::string old[3];
-            for (int i = 0; i < 3; ++i) {
-                old[i] = fields[i] == nullptr ? std::string("\x01") : fields[i];
-            }
-            rc = KRV_XML_SetNode(n, args[0], args[1], args[2]);
-            const char *now[3] = {n->nsPrefix, n->name, n->value};
-            for (int i = 0; i < 3 && rc == KRV_XML_OK; ++i) {
-                const char *expect = args[i] == nullptr ? (old[i] == "\x01" ? nullptr : old[i].c_str())
-                                     : args[i][0] == '\0' ? nullptr
-                                                           : args[i];
-                if (!SameText(now[i], expect)) {
-                    failure = "SetNode left field " + std::to_string(i) + " other than asked";
-                }
+            if (n != nullptr) {
+                const char *args[3] = {PickName(in), PickName(in), PickValue(in)};
+                rc = KRV_XML_SetNode(n, args[0], args[1], args[2]);
             }
             break;
         }
