@@ -3,13 +3,13 @@
 // parsing and printing, and replays of fuzz crash inputs.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <pthread.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -126,8 +126,6 @@ TEST(AllocationFailure, EveryAllocatingCallFailsCleanly)
          [](Fixture &f) { return KRV_XML_CreateNode(KRV_XML_NODE_ELEMENT, "p", "name", "value", &f.out); }},
         {"CreateNodeEx heap element", nullptr, false, true,
          [](Fixture &f) { return KRV_XML_CreateNodeEx(nullptr, KRV_XML_NODE_ELEMENT, "p", "name", "v", &f.out); }},
-        {"CreateNode document", nullptr, false, true,
-         [](Fixture &f) { return KRV_XML_CreateNode(KRV_XML_NODE_DOCUMENT, "p", "name", "value", &f.out); }},
         {"CreateNodeEx document", nullptr, true, true,
          [&](Fixture &f) {
              return KRV_XML_CreateNodeEx(nullptr, KRV_XML_NODE_DOCUMENT, "p", "doc", big.c_str(), &f.out);
@@ -399,20 +397,6 @@ TEST(Threads, ParallelParsesAndPrints)
 // Inputs that once made a fuzz harness fail, and the seed corpora, replayed
 // through the same cases: each must pass.
 
-std::vector<std::string> FilesIn(const std::string &dir)
-{
-    std::vector<std::string> files;
-    if (DIR *d = opendir(dir.c_str())) {
-        while (dirent *e = readdir(d)) {
-            if (e->d_name[0] != '.') {
-                files.push_back(dir + "/" + e->d_name);
-            }
-        }
-        closedir(d);
-    }
-    return files;
-}
-
 TEST(FuzzRegression, CrashInputsAndSeedsPass)
 {
     std::string here = __FILE__;
@@ -422,7 +406,8 @@ TEST(FuzzRegression, CrashInputsAndSeedsPass)
         {"parse", krvfuzz::RunParseCase}, {"edit", krvfuzz::RunEditCase}, {"path_values", krvfuzz::RunPathValuesCase}};
     for (const auto &[name, run] : harnesses) {
         for (const char *kind : {"regressions/", "corpus/"}) {
-            for (const std::string &file : FilesIn(base + kind + name)) {
+            for (const auto &entry : std::filesystem::directory_iterator(base + kind + name)) {
+                const std::string file = entry.path().string();
                 ++replayed;
                 std::string bytes = krvtest::ReadFile(file);
                 SCOPED_TRACE(file);

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <initializer_list>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -19,31 +18,13 @@ namespace {
 
 // ----- fixtures -----------------------------------------------------------------
 
-struct Attr { const char *name, *value, *prefix = nullptr; };
-
-// An element (or another kind) with its attributes and children; the
-// children are linked by hand (the insertion functions live elsewhere).
-XmlNode *el(const char *name, const char *value = nullptr, std::initializer_list<XmlNode *> kids = {},
-            std::initializer_list<Attr> attrs = {}, const char *prefix = nullptr,
-            int32_t kind = KRV_XML_NODE_ELEMENT)
+XmlNode *parse(const char *text)
 {
-    XmlNode *n = nullptr;
-    EXPECT_EQ(KRV_XML_CreateNode(kind, prefix, name, value, &n), KRV_XML_OK);
-    for (const Attr &a : attrs) {
-        XmlNode *attr = XML_NewNode(nullptr, KRV_XML_NODE_ATTRIBUTE);
-        EXPECT_EQ(XML_SetNode(nullptr, attr, a.prefix, a.name, a.value), KRV_XML_OK);
-        EXPECT_EQ(XML_AddAttrNode(attr, n), KRV_XML_OK);
-    }
-    for (XmlNode *kid : kids) {
-        kid->parent = n;
-        kid->prev = std::exchange(n->lastChild, kid);
-        (kid->prev != nullptr ? kid->prev->next : n->firstChild) = kid;
-    }
-    return n;
+    return krvtest::MustParse(text, false);
 }
 
-// Creation drops empty strings: this gives the node an empty value or prefix
-// of its own.
+// Creation and parsing drop empty strings: this gives the node an empty
+// value or prefix of its own.
 XmlNode *withEmpty(XmlNode *n, char *XmlNode::*field)
 {
     n->*field = static_cast<char *>(XML_Calloc(1, 1));
@@ -58,11 +39,14 @@ struct Example { XmlNode *config, *server, *port, *empty, *list, *item1, *item2;
 Example makeExample()
 {
     Example e{};
-    e.list = el("list", nullptr, {e.item1 = el("item", "x<y"), e.item2 = el("item")});
-    e.server = el("server", nullptr, {}, {{"host", "a&b"}});
-    e.port = el("port", "8080");
-    e.empty = withEmpty(el("empty"), &XmlNode::value);
-    e.config = el("config", nullptr, {e.server, e.port, e.empty, e.list}, {{"version", "2"}});
+    e.config = parse("<config version='2'><server host='a&amp;b'/><port>8080</port><empty><![CDATA[]]></empty>"
+                     "<list><item>x&lt;y</item><item/></list></config>");
+    e.server = e.config->firstChild;
+    e.port = e.server->next;
+    e.empty = e.port->next;
+    e.list = e.config->lastChild;
+    e.item1 = e.list->firstChild;
+    e.item2 = e.list->lastChild;
     return e;
 }
 
@@ -105,27 +89,27 @@ TEST(Transform, WholeHeadAndTailOfEveryShape)
 {
     krvtest::LeakGuard guard;
     Example e = makeExample();
+    XmlNode *lost = parse("<a><b>kept</b></a>");
+    EXPECT_EQ(KRV_XML_SetNode(lost, nullptr, nullptr, "lost"), KRV_XML_OK);
     struct Case { const char *what; XmlNode *top; const char *text[3]; };  // whole, head, tail
     const Case cases[] = {
-        {"null value", el("a"), {"<a/>\n", "<a>\n", "<null>"}},
-        {"value", el("a", "v"), {"<a>v</a>\n", "<a>v</a>\n", "<null>"}},
-        {"empty value", withEmpty(el("a"), &XmlNode::value), {"<a></a>\n", "<a></a>\n", "<null>"}},
-        {"value and a child: the value is lost", el("a", "lost", {el("b", "kept")}),
+        {"null value", parse("<a/>"), {"<a/>\n", "<a>\n", "<null>"}},
+        {"value", parse("<a>v</a>"), {"<a>v</a>\n", "<a>v</a>\n", "<null>"}},
+        {"empty value", parse("<a><![CDATA[]]></a>"), {"<a></a>\n", "<a></a>\n", "<null>"}},
+        {"value and a child: the value is lost", lost,
          {"<a>\n<b>kept</b>\n</a>\n", "<a>\n<b>kept</b>\n", "</b>\n</a>\n"}},
-        {"attributes in list order, a null value, prefixes",
-         el("a", nullptr, {el("b", nullptr, {}, {}, "p")}, {{"x", "1"}, {"y", nullptr}, {"x", "<", "q"}}, "p"),
+        {"attributes in list order, a null value, prefixes", parse("<p:a x='1' y='' q:x='&lt;'><p:b/></p:a>"),
          {"<p:a x=\"1\" y=\"\" q:x=\"&lt;\">\n<p:b/>\n</p:a>\n", "<p:a x=\"1\" y=\"\" q:x=\"&lt;\">\n<p:b>\n",
           "</p:b>\n</p:a>\n"}},
-        {"an empty prefix is written", withEmpty(el("a", "v"), &XmlNode::nsPrefix),
+        {"an empty prefix is written", withEmpty(krvtest::Element("a", nullptr, "v"), &XmlNode::nsPrefix),
          {"<:a>v</:a>\n", "<:a>v</:a>\n", "<null>"}},
-        {"head closes leaves that have a next sibling", el("a", nullptr, {el("b"), el("c")}),
+        {"head closes leaves that have a next sibling", parse("<a><b/><c/></a>"),
          {"<a>\n<b/>\n<c/>\n</a>\n", "<a>\n<b/>\n<c>\n", "</c>\n</a>\n"}},
-        {"children off the chain of last children", el("a", nullptr, {el("b", nullptr, {el("c")}), el("d")}),
+        {"children off the chain of last children", parse("<a><b><c/></b><d/></a>"),
          {"<a>\n<b>\n<c/>\n</b>\n<d/>\n</a>\n", "<a>\n<b>\n<c>\n<d>\n", "</c>\n</b>\n</d>\n</a>\n"}},
-        {"last leaf with a value: head writes it whole, tail closes it again", el("a", nullptr, {el("b", "v")}),
+        {"last leaf with a value: head writes it whole, tail closes it again", parse("<a><b>v</b></a>"),
          {"<a>\n<b>v</b>\n</a>\n", "<a>\n<b>v</b>\n", "</b>\n</a>\n"}},
-        {"a document prints as an element", el("doc", nullptr, {el("x", "1")}, {}, nullptr, KRV_XML_NODE_DOCUMENT),
-         {"<doc>\n<x>1</x>\n</doc>\n", "<doc>\n<x>1</x>\n", "</x>\n</doc>\n"}},
+        {"an element top", krvtest::Element("x", nullptr, "1"), {"<x>1</x>\n", "<x>1</x>\n", "<null>"}},
         {"inner node with siblings", e.list, {kListWhole, kListHead, kListTail}},
         {"inner leaf with a value", e.port, {"<port>8080</port>\n", "<port>8080</port>\n", "<null>"}},
         {"inner leaf without value", e.item2, {"<item/>\n", "<item>\n", "<null>"}},
@@ -204,7 +188,7 @@ TEST(Transform, FileHoldsExactlyTheText)
     // A full device: a text larger than the stdio buffer (the write fails)
     // and a short one (only the flush fails).
     for (size_t size : {size_t{1} << 20, size_t{10}}) {
-        XmlNode *n = el("n", std::string(size, 'v').c_str());
+        XmlNode *n = krvtest::Element("n", nullptr, std::string(size, 'v').c_str());
         if (::access("/dev/full", W_OK) == 0) {
             EXPECT_EQ(KRV_XML_TransformFile(n, "/dev/full"), KRV_XML_ERR_FILE_WRITE) << size;
         }
@@ -230,7 +214,8 @@ TEST(Escape, ElementTextAndAttributeValues)
         {"caf\xc3\xa9\t\r\n\x01;#", "caf\xc3\xa9\t\r\n\x01;#"},
     };
     for (const auto &[in, out] : cases) {
-        XmlNode *e = el("e", in, {}, {{"a", in}});
+        XmlNode *e = krvtest::Element("e", nullptr, in);
+        ASSERT_EQ(KRV_XML_AddAttr(e, nullptr, "a", in), KRV_XML_OK);
         EXPECT_EQ(run(KRV_XML_Transform, e), std::string("<e a=\"") + out + "\">" + out + "</e>\n") << in;
         KRV_XML_FreeNode(e);
     }
@@ -243,7 +228,7 @@ TEST(Escape, EveryLengthAndAlignment)
 {
     krvtest::LeakGuard guard;
     alignas(16) char storage[64 + 16];
-    XmlNode *e = el("e", "v");
+    XmlNode *e = krvtest::Element("e", nullptr, "v");
     char *const owned = e->value;
     for (size_t offset = 0; offset < 16; ++offset) {
         for (size_t length = 0; length <= 40; ++length) {

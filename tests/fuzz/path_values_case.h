@@ -84,7 +84,8 @@ inline int64_t Widen(const void *raw, uint32_t type)
 }
 
 // Reads the value of node (or of its attribute `attr`) as every type and
-// checks each answer against the model reader.
+// checks each answer against the model reader. (Typed writes are read back
+// by the edit case.)
 inline std::string CheckTypedReads(XmlNode *node, const char *attr, const char *text)
 {
     for (uint32_t type = KRV_XML_VALUE_BOOL; type <= KRV_XML_VALUE_UINT8; ++type) {
@@ -103,19 +104,6 @@ inline std::string CheckTypedReads(XmlNode *node, const char *attr, const char *
         }
         if (ok && Widen(raw, type) != expect) {
             return "type " + std::to_string(type) + " read another value";
-        }
-        // What the writer makes of the value reads back as the same value.
-        if (ok && attr == nullptr) {
-            if (KRV_XML_SetNodeValueEx(node, type, raw) != KRV_XML_OK) {
-                return "typed write failed";
-            }
-            uint8_t again[8];
-            std::memset(again, 0xA5, sizeof again);
-            if (KRV_XML_GetNodeValueEx(node, type, again) != KRV_XML_OK ||
-                std::memcmp(raw, again, kWidth[type]) != 0) {
-                return "typed write does not read back";
-            }
-            KRV_XML_SetNode(node, nullptr, nullptr, text);
         }
     }
     return "";
