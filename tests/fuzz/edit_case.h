@@ -228,14 +228,16 @@ inline std::string CheckTypedRoundTrip(XmlNode *node, uint32_t type, uint32_t ra
 inline std::string RunEditCase(const uint8_t *data, size_t size)
 {
     using Insert = uint32_t (*)(XmlNode *, XmlNode *);
+    using Print = uint32_t (*)(XmlNode *, char **);
     static const Insert kInserts[4] = {KRV_XML_AddFirstChildNode, KRV_XML_AppendChildNode,
                                        KRV_XML_AddNextSiblingNode, KRV_XML_AddPrevSiblingNode};
+    static const Print kPrints[3] = {KRV_XML_Transform, KRV_XML_TransformHead, KRV_XML_TransformTail};
     const long live = krv_test::LiveBlocks();
     ByteReader in(data, size);
     Pool pool;
     std::string failure;
     for (int step = 0; step < 400 && !in.Empty() && failure.empty(); ++step) {
-        const uint8_t op = in.Byte() % 18;
+        const uint8_t op = in.Byte() % 24;
         const std::string before = DumpPool(pool);
         bool mustNotChange = false;
         uint32_t rc = KRV_XML_OK;
@@ -292,11 +294,26 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             }
             break;
         }
-        case 9: {  // change strings, of elements or attributes (what each argument does: NodeStore tests)
+        case 9: {  // change strings, of elements or attributes: null leaves a field, "" clears it
             n = (in.Byte() & 1) != 0 ? PickAttr(in, pool) : PickNode(in, pool);
-            if (n != nullptr) {
-                const char *args[3] = {PickName(in), PickName(in), PickValue(in)};
-                rc = KRV_XML_SetNode(n, args[0], args[1], args[2]);
+            if (n == nullptr) {
+                break;
+            }
+            const char *args[3] = {PickName(in), PickName(in), PickValue(in)};
+            const char *fields[3] = {n->nsPrefix, n->name, n->value};
+            std::string old[3];
+            for (int i = 0; i < 3; ++i) {
+                old[i] = fields[i] == nullptr ? std::string("\x01") : fields[i];
+            }
+            rc = KRV_XML_SetNode(n, args[0], args[1], args[2]);
+            const char *now[3] = {n->nsPrefix, n->name, n->value};
+            for (int i = 0; i < 3 && rc == KRV_XML_OK; ++i) {
+                const char *expect = args[i] == nullptr ? (old[i] == "\x01" ? nullptr : old[i].c_str())
+                                     : args[i][0] == '\0' ? nullptr
+                                                           : args[i];
+                if (!SameText(now[i], expect)) {
+                    failure = "SetNode left field " + std::to_string(i) + " other than asked";
+                }
             }
             break;
         }
@@ -334,7 +351,15 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             }
             break;
         }
-        case 14: {  // copies join the pool; the source stays as it was
+        case 14: {  // typed reads change nothing
+            n = PickNode(in, pool);
+            uint32_t outValue = 0;
+            KRV_XML_GetNodeValueEx(n, in.Pick(8), &outValue);
+            KRV_XML_GetAttrValueEx(n, PickName(in), PickName(in), in.Pick(8), &outValue);
+            mustNotChange = true;
+            break;
+        }
+        case 15: {  // copies join the pool; the source stays as it was
             n = PickNode(in, pool);
             if (n == nullptr || before.size() > 64 * 1024) {
                 break;  // keep repeated deep copies from growing without bound
@@ -352,22 +377,105 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             }
             break;
         }
-        case 15:  // release a held tree
+        case 16: {  // path lookup from a node, with names taken from the tree
+            n = PickNode(in, pool);
+            if (n == nullptr || n->name == nullptr) {
+                break;
+            }
+            std::string path = n->name;
+            XmlNode *cur = n;
+            for (int depth = in.Pick(5); depth > 0 && cur->firstChild != nullptr; --depth) {
+                cur = PickInside(in, cur);
+                if (cur->name == nullptr || cur == n) {
+                    break;
+                }
+                path += '.' + std::string(cur->name);
+                if ((in.Byte() & 3) == 0) {
+                    path += '.' + std::to_string(in.Pick(4));
+                }
+            }
+            XmlNode *up = nullptr;
+            rc = KRV_XML_GetNodeByUrl(n, path.c_str(), &up);
+            while (up != nullptr && up != n) {
+                up = up->parent;
+            }
+            failure = rc == KRV_XML_OK && up != n ? "path lookup answered a node outside the start's sub-tree" : "";
+            mustNotChange = true;
+            break;
+        }
+        case 17: {  // the iterator visits the tree in the order of its links
+            XmlNode *t = PickTop(in, pool);
+            // Stops where the walk would go on into the following top-level records.
+            size_t expect = CountInside(t), seen = 0;
+            for (XmlNode *p = t; p != nullptr && p != t->next && seen <= expect; p = KRV_XML_Iterator(p)) {
+                ++seen;
+            }
+            failure = seen != expect ? "the iterator did not visit each record of the tree once" : "";
+            mustNotChange = true;
+            break;
+        }
+        case 18: {  // printing changes nothing; text is released
+            n = (in.Byte() & 7) == 0 ? PickAttr(in, pool) : PickNode(in, pool);
+            if (n == nullptr) {
+                break;
+            }
+            char *text = nullptr;
+            rc = kPrints[in.Pick(3)](n, &text);
+            KRV_XML_FreeMem(text);
+            failure = rc != KRV_XML_OK && rc != KRV_XML_ERR_INVALID_PARAM ? "printing gave " + std::to_string(rc) : "";
+            mustNotChange = true;
+            break;
+        }
+        case 19: {  // attribute walks and the child count agree with the lists
+            n = PickNode(in, pool);
+            if (n == nullptr) {
+                break;
+            }
+            const size_t expect = CountList(n->firstAttr);
+            size_t seen = 0;
+            uint32_t children = 0;
+            const char *p = nullptr, *nm = nullptr, *v = nullptr;
+            XmlNode *cursor = nullptr;
+            while (seen <= expect && KRV_XML_GetNextSiblingAttrEx(n, &p, &nm, &v, &cursor) == KRV_XML_OK) {
+                ++seen;
+            }
+            if (seen != expect || cursor != nullptr) {
+                failure = "the attribute cursor did not visit each attribute once";
+            }
+            if (KRV_XML_GetNodeChildNum(n, &children) != KRV_XML_OK || children != CountList(n->firstChild)) {
+                failure = "child count disagrees with the child list";
+            }
+            mustNotChange = true;
+            break;
+        }
+        case 20:  // release a held tree
             if ((n = PickTop(in, pool)) != nullptr) {
                 ReleaseTop(pool, n);
             }
             break;
-        case 16:  // release a record inside a tree (it is unlinked first)
+        case 21:  // release a record inside a tree (it is unlinked first)
             if ((n = PickNode(in, pool)) != nullptr && n->parent != nullptr) {
                 AdoptNames(pool, {n});
                 KRV_XML_FreeNode(n);
             }
             break;
-        default:  // release one attribute record
+        case 22:  // release one attribute record
             KRV_XML_FreeNode(PickAttr(in, pool));
             break;
+        default: {  // refusals: attribute records where elements are needed
+            XmlNode *a = PickAttr(in, pool);
+            n = PickNode(in, pool);
+            if (a != nullptr && n != nullptr &&
+                (KRV_XML_AppendChildNode(n, a) != KRV_XML_ERR_INVALID_PARAM ||
+                 KRV_XML_AddNextSiblingNode(a, n) != KRV_XML_ERR_INVALID_PARAM ||
+                 KRV_XML_RemoveNode(a) != KRV_XML_ERR_INVALID_PARAM)) {
+                failure = "an attribute record was accepted as a tree node";
+            }
+            mustNotChange = true;
+            break;
         }
-        if ((op <= 3 || op == 14) && rc == KRV_XML_OK) {
+        }
+        if ((op <= 3 || op == 15) && rc == KRV_XML_OK) {
             Add(pool, made);
         }
         // Entries that gained a parent are held by their new tree now.
