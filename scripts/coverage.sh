@@ -6,7 +6,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 b=${1:-build-coverage}
-f="-fprofile-instr-generate -fcoverage-mapping"
+# Atomic counters: one test parses and prints from several threads at once.
+f="-fprofile-instr-generate -fcoverage-mapping -fprofile-update=atomic"
 cmake -S . -B "$b" -G Ninja -DKRVXML_BUILD_TESTS=ON -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
   -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_FLAGS="$f" -DCMAKE_C_FLAGS="$f" \
   -DCMAKE_EXE_LINKER_FLAGS=-fprofile-instr-generate -DCMAKE_SHARED_LINKER_FLAGS=-fprofile-instr-generate >/dev/null
