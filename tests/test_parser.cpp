@@ -273,16 +273,19 @@ TEST(Parser, FileLoadingCallsAndFailures)
 
 // Every entry point, with every allocation failing in turn: the text has
 // enough attributes on one tag to bring in the duplicate check's hash set,
-// a short tag with a prefixed attribute, and a text longer than a session's
-// first block.
+// a short tag with a prefixed attribute, a plain tag too large for one
+// session block, and a text longer than a session's first block.
 TEST(Parser, EveryAllocationFailureReleasesEverything)
 {
     std::string text = "<?xml version='1.0'?><!-- c --><p:r xmlns:p='u'";
     for (int i = 0; i < 40; ++i) {
         text += " a" + std::to_string(i) + "='v&amp;" + std::to_string(i) + "'";
     }
-    text += "><a>text &#233;</a><b x='1' q:y='2'/><c><d/><e> </e></c><p:f><![CDATA[z]]></p:f><g>" + std::string(9000, 'g') +
-            "</g></p:r>";
+    text += "><a>text &#233;</a><b x='1' q:y='2'/><c><d/><e> </e></c><p:f><![CDATA[z]]></p:f><h";
+    for (int i = 0; i < 30; ++i) {
+        text += " h" + std::to_string(i) + "='" + std::string(300, 'v') + "'";
+    }
+    text += "/><g>" + std::string(9000, 'g') + "</g></p:r>";
     const std::string path = krvtest::TempFile("sweep.xml", text.c_str());
     XmlNode *ref = nullptr;
     ASSERT_EQ(KRV_XML_Parse(text.c_str(), &ref), KRV_XML_OK);

@@ -902,29 +902,60 @@ inline size_t nameBytes(uint32_t len, int64_t colonAt)
     return runBytes(static_cast<size_t>(colonAt)) + runBytes(len - colonAt - 1);
 }
 
-// Copies a plain run to m, which is zero, and moves m past its piece.
-inline char *putRun(uint8_t **m, const char *src, uint32_t len)
+// Where the pieces of a carved tag come from. WholeTag hands them out in
+// turn from memory reserved for the whole tag; EachPiece asks the session
+// for each one, so that each lands on the first block with room for it.
+struct WholeTag {
+    static constexpr bool kCanFail = false;
+    uint8_t *m;
+    uint8_t *take(size_t bytes)
+    {
+        uint8_t *piece = m;
+        m += bytes;
+        return piece;
+    }
+};
+
+struct EachPiece {
+    static constexpr bool kCanFail = true;
+    XmlMemSession *session;
+    uint8_t *take(size_t bytes)
+    {
+        return static_cast<uint8_t *>(xmlSessionTake(session, static_cast<int32_t>(bytes)));
+    }
+};
+
+// Copies a plain run into a zero piece of its own; null when none was had.
+template <class Take>
+inline char *putRun(Take &take, const char *src, uint32_t len)
 {
-    auto *dst = reinterpret_cast<char *>(*m);
+    auto *dst = reinterpret_cast<char *>(take.take(runBytes(len)));
+    if (Take::kCanFail && dst == nullptr) {
+        return nullptr;
+    }
     if (len <= 16) {
         xmlCopyShort(dst, src, len);
     } else {
         std::memcpy(dst, src, len);
     }
-    *m += runBytes(len);
     return dst;
 }
 
-inline void putName(uint8_t **m, const char *src, uint32_t len, int64_t colonAt, XmlNode *node)
+template <class Take>
+inline bool putName(Take &take, const char *src, uint32_t len, int64_t colonAt, XmlNode *node)
 {
     if (colonAt < 0) {
-        node->name = putRun(m, src, len);
+        node->name = putRun(take, src, len);
     } else {
         auto at = static_cast<uint32_t>(colonAt);
-        node->nsPrefix = putRun(m, src, at);
-        node->name = putRun(m, src + at + 1, len - at - 1);
+        node->nsPrefix = putRun(take, src, at);
+        if (Take::kCanFail && node->nsPrefix == nullptr) {
+            return false;
+        }
+        node->name = putRun(take, src + at + 1, len - at - 1);
     }
     node->nameOwned = 1;
+    return !Take::kCanFail || node->name != nullptr;
 }
 
 constexpr uint32_t kLongestCarved = 4096;  // longer runs take the general path
@@ -959,37 +990,47 @@ inline size_t carvedAttrBytes(const FastAttr *attrs, int count, const FastAttr &
 }
 
 // A session tag whose names and values need no decoding, and that holds no
-// name with a misplaced colon and no repeated attribute, cannot fail once
-// its memory is there: when the session's first block with room can take
-// all of its pieces at once (total bytes), they are carved from there
-// together, in the order and at the places that one carving per piece
-// would give. Returns the element with its name and attributes, or null
-// (nothing changed) when that block is too small.
-XmlNode *carveTag(XmlParser *p, size_t total, const char *name, uint32_t nameLen, int64_t colonAt,
+// name with a misplaced colon and no repeated attribute, can only fail for
+// want of memory. Its pieces are carved in the order of the general steps:
+// element record, name, then each attribute's record, name and value. When
+// the session's first block with room can take all of them (total bytes),
+// they are carved from there together, which is where one carving per piece
+// would put them; otherwise one by one. Returns the element with its name
+// and attributes, or null when memory ran out (the pieces carved so far stay
+// unused in the session, which the failed parse releases).
+template <class Take>
+XmlNode *buildTag(XmlParser *p, Take take, const char *name, uint32_t nameLen, int64_t colonAt,
                   const FastAttr *attrs, int count)
 {
-    auto *m = static_cast<uint8_t *>(xmlSessionTryTake(p->session, static_cast<int32_t>(total)));
-    if (m == nullptr) {
-        return nullptr;
-    }
     XmlNode *n = p->pending;
     if (n == nullptr) {
-        n = reinterpret_cast<XmlNode *>(m);
-        m += kElementRecordSize;
+        n = reinterpret_cast<XmlNode *>(take.take(kElementRecordSize));
+        if (Take::kCanFail && n == nullptr) {
+            return nullptr;
+        }
         n->kind = kKindElement;
         n->mem = p->session;
     }
-    putName(&m, name, nameLen, colonAt, n);
+    if (!putName(take, name, nameLen, colonAt, n)) {
+        return nullptr;
+    }
     XmlNode *tail = nullptr;
     for (int i = 0; i < count; ++i) {
         const FastAttr &a = attrs[i];
-        auto *attr = reinterpret_cast<XmlNode *>(m);
-        m += kAttrRecordSize;
+        auto *attr = reinterpret_cast<XmlNode *>(take.take(kAttrRecordSize));
+        if (Take::kCanFail && attr == nullptr) {
+            return nullptr;
+        }
         attr->kind = kKindAttribute;
         attr->mem = p->session;
-        putName(&m, a.name, a.nameLen, a.colon == nullptr ? -1 : a.colon - a.name, attr);
+        if (!putName(take, a.name, a.nameLen, a.colon == nullptr ? -1 : a.colon - a.name, attr)) {
+            return nullptr;
+        }
         if (a.valueLen != 0) {
-            attr->value = putRun(&m, a.value, a.valueLen);
+            attr->value = putRun(take, a.value, a.valueLen);
+            if (Take::kCanFail && attr->value == nullptr) {
+                return nullptr;
+            }
         }
         attr->valueOwned = 1;
         attr->parent = n;
@@ -1001,6 +1042,16 @@ XmlNode *carveTag(XmlParser *p, size_t total, const char *name, uint32_t nameLen
         tail = attr;
     }
     return n;
+}
+
+XmlNode *carveTag(XmlParser *p, size_t total, const char *name, uint32_t nameLen, int64_t colonAt,
+                  const FastAttr *attrs, int count)
+{
+    auto *m = static_cast<uint8_t *>(xmlSessionTryTake(p->session, static_cast<int32_t>(total)));
+    if (m != nullptr) {
+        return buildTag(p, WholeTag{m}, name, nameLen, colonAt, attrs, count);
+    }
+    return buildTag(p, EachPiece{p->session}, name, nameLen, colonAt, attrs, count);
 }
 
 // Links the built element n of the start tag at lt (which ends before q)
@@ -1118,8 +1169,10 @@ Fast fastStartTag(XmlParser *p)
     XmlNode *n = nullptr;
     if (carved != 0) {
         n = carveTag(p, carved, name, nameLen, colonAt, attrs, count);
-    }
-    if (n != nullptr) {
+        if (n == nullptr) {
+            note(p, lt, "out of memory");
+            return Fast::Failed;
+        }
         p->tagName = name;
         return linkTag(p, n, lt, q, empty, count);
     }

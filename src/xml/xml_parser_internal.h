@@ -200,21 +200,43 @@ inline bool isWordStart(char c)
 
 // The first byte at or after s that is a, b, c or NUL. With a non-null end,
 // the search stops there and returns end when nothing came before it.
-inline const char *findByte(const char *s, const char *end, char a, char b, char c)
+inline __attribute__((always_inline)) const char *findByte(const char *s, const char *end, char a,
+                                                         char b, char c)
 {
 #ifdef KRVXML_SSE2_SCAN
     const __m128i va = _mm_set1_epi8(a);
     const __m128i vb = _mm_set1_epi8(b);
     const __m128i vc = _mm_set1_epi8(c);
     const __m128i zero = _mm_setzero_si128();
+    auto hits = [&](__m128i x) {
+        return static_cast<unsigned>(_mm_movemask_epi8(
+            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(x, va), _mm_cmpeq_epi8(x, vb)),
+                         _mm_or_si128(_mm_cmpeq_epi8(x, vc), _mm_cmpeq_epi8(x, zero)))));
+    };
     uintptr_t skew = reinterpret_cast<uintptr_t>(s) & 15u;
     const char *block = s - skew;
     unsigned mask = ~0u << skew;
+    __m128i x = _mm_load_si128(reinterpret_cast<const __m128i *>(block));
+    unsigned nul = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, zero))) & mask;
+    if (nul == 0) {
+        // The text goes on past this block, so the next one can be read too:
+        // with 16 to 32 bytes looked at together, whether a short run ends
+        // in the first load no longer depends on where it starts.
+        __m128i y = _mm_load_si128(reinterpret_cast<const __m128i *>(block + 16));
+        uint32_t m = (hits(x) & mask) | (hits(y) << 16);
+        if (m != 0) {
+            const char *r = block + __builtin_ctz(m);
+            return end != nullptr && r > end ? end : r;
+        }
+        block += 32;
+        if (end != nullptr && block >= end) {
+            return end;
+        }
+        mask = ~0u;
+    }
     for (;;) {
-        __m128i x = _mm_load_si128(reinterpret_cast<const __m128i *>(block));
-        __m128i hit = _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(x, va), _mm_cmpeq_epi8(x, vb)),
-                                   _mm_or_si128(_mm_cmpeq_epi8(x, vc), _mm_cmpeq_epi8(x, zero)));
-        unsigned m = static_cast<unsigned>(_mm_movemask_epi8(hit)) & mask;
+        x = _mm_load_si128(reinterpret_cast<const __m128i *>(block));
+        unsigned m = hits(x) & mask;
         if (m != 0) {
             const char *r = block + __builtin_ctz(m);
             return end != nullptr && r > end ? end : r;
