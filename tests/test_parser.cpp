@@ -115,6 +115,41 @@ TEST(Parser, AcceptedAndRefusedDocuments)
     }
 }
 
+// Session start tags that the parse begins to carve in one pass and then
+// leaves to other steps: a value to decode, a tag too large for the rest of
+// the block, more attributes than one pass takes on a prefixed element (read
+// token by token, with its pieces laid out otherwise). The session trees
+// equal the heap trees.
+TEST(Parser, SessionTagsLeftHalfCarvedReadAsHeapTags)
+{
+    std::string many = "<p:e";
+    for (int i = 0; i < 40; ++i) {
+        many += " a" + std::to_string(i) + "='" + std::to_string(i) + "'";
+    }
+    many += "/>";
+    std::string big = "<e";
+    for (int i = 0; i < 30; ++i) {
+        big += " b" + std::to_string(i) + "='" + std::string(300, 'v') + "'";
+    }
+    big += "/>";
+    const std::string texts[] = {
+        "<r><a x='1' y='a&amp;b' z='2'/><b k='3'/></r>",
+        "<r>" + many + many + "<q:f x='1'/></r>",
+        "<r><a x='1'/>" + big + "<c y='2'/></r>",
+    };
+    for (const std::string &text : texts) {
+        SCOPED_TRACE(text.substr(0, 40));
+        krvtest::LeakGuard guard;
+        XmlNode *heap = nullptr;
+        XmlNode *session = nullptr;
+        ASSERT_EQ(KRV_XML_Parse(text.c_str(), &heap), KRV_XML_OK);
+        ASSERT_EQ(KRV_XML_ParseEx(text.c_str(), &session), KRV_XML_OK);
+        EXPECT_EQ(dump(session), dump(heap));
+        KRV_XML_FreeNode(heap);
+        KRV_XML_FreeNode(session);
+    }
+}
+
 TEST(Parser, EntryPointsTopLevelFollowersAndCallerText)
 {
     XmlNode *keep = Sentinel();

@@ -927,7 +927,7 @@ struct EachPiece {
 
 // Copies a plain run into a zero piece of its own; null when none was had.
 template <class Take>
-inline char *putRun(Take &take, const char *src, uint32_t len)
+inline __attribute__((always_inline)) char *putRun(Take &take, const char *src, uint32_t len)
 {
     auto *dst = reinterpret_cast<char *>(take.take(runBytes(len)));
     if (Take::kCanFail && dst == nullptr) {
@@ -942,7 +942,7 @@ inline char *putRun(Take &take, const char *src, uint32_t len)
 }
 
 template <class Take>
-inline bool putName(Take &take, const char *src, uint32_t len, int64_t colonAt, XmlNode *node)
+inline __attribute__((always_inline)) bool putName(Take &take, const char *src, uint32_t len, int64_t colonAt, XmlNode *node)
 {
     if (colonAt < 0) {
         node->name = putRun(take, src, len);
@@ -1080,8 +1080,160 @@ Fast linkTag(XmlParser *p, XmlNode *n, const char *lt, const char *q, bool empty
     return Fast::Done;
 }
 
+// The attributes and end of a start tag read in one pass, each attribute
+// carved at take as soon as it is scanned, after the element n. Returns the
+// position after the tag, with *empty and *count, or null where an
+// attribute needs decoding, repeats a name, holds a misplaced colon or a
+// long run, would not fit before limit, or the tag reads otherwise.
+const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t *limit,
+                        const char *q, bool *empty, int *count)
+{
+    struct Seen {
+        const char *name;
+        uint32_t len;
+    } seen[kFastAttrs];
+    int listed = 0;
+    XmlNode *tail = nullptr;
+    for (;;) {
+        if (*q == '>') {
+            *empty = false;
+            *count = listed;
+            return q + 1;
+        }
+        if (q[0] == '/' && q[1] == '>') {
+            *empty = true;
+            *count = listed;
+            return q + 2;
+        }
+        if (!isSpace(*q)) {
+            return nullptr;
+        }
+        q = skipSpace(q);
+        if (*q == '>' || (q[0] == '/' && q[1] == '>')) {
+            continue;
+        }
+        if (!isWordStart(*q) || listed == kFastAttrs) {
+            return nullptr;
+        }
+        const char *name = q;
+        bool amp = false;
+        const char *colon = nullptr;
+        const char *nameEnd = scanWord(q, &amp, &colon);
+        if (nameEnd == nullptr || amp || nameEnd - name >= static_cast<ptrdiff_t>(kLongestCarved)) {
+            return nullptr;
+        }
+        auto nameLen = static_cast<uint32_t>(nameEnd - name);
+        q = *nameEnd == '=' ? nameEnd : skipSpace(nameEnd);
+        if (*q != '=') {
+            return nullptr;
+        }
+        ++q;
+        char quote = *q;
+        if (quote != '"' && quote != '\'') {
+            q = skipSpace(q);
+            quote = *q;
+            if (quote != '"' && quote != '\'') {
+                return nullptr;
+            }
+        }
+        const char *v = q + 1;
+        const char *close = findByte(v, nullptr, quote, '&', '<');
+        if (*close != quote || close - v >= static_cast<ptrdiff_t>(kLongestCarved)) {
+            return nullptr;
+        }
+        auto valueLen = static_cast<uint32_t>(close - v);
+        int64_t colonAt = colon == nullptr ? -1 : colon - name;
+        size_t bytes = nameBytes(nameLen, colonAt);
+        if (bytes == 0) {
+            return nullptr;
+        }
+        for (int j = 0; j < listed; ++j) {
+            if (seen[j].len == nameLen && seen[j].name[0] == name[0] &&
+                std::memcmp(seen[j].name, name, nameLen) == 0) {
+                return nullptr;
+            }
+        }
+        bytes += kAttrRecordSize + (valueLen != 0 ? runBytes(valueLen) : 0);
+        if (static_cast<size_t>(limit - take.m) < bytes) {
+            return nullptr;
+        }
+        auto *attr = reinterpret_cast<XmlNode *>(take.take(kAttrRecordSize));
+        attr->kind = kKindAttribute;
+        attr->mem = p->session;
+        putName(take, name, nameLen, colonAt, attr);
+        if (valueLen != 0) {
+            attr->value = putRun(take, v, valueLen);
+        }
+        attr->valueOwned = 1;
+        attr->parent = n;
+        if (tail == nullptr) {
+            n->firstAttr = attr;
+        } else {
+            tail->next = attr;
+        }
+        tail = attr;
+        seen[listed++] = {name, nameLen};
+        q = close + 1;
+    }
+}
+
+// The session start tag that fastStartTag would carve whole, read in one
+// pass: each piece is written to the first block with room as soon as it is
+// scanned, where the carving would put it. Bail when the tag turns out to be
+// another kind or not to fit there: the bytes written are cleared again, as
+// a block is zero past its cursor, and nothing else changed.
+Fast directStartTag(XmlParser *p)
+{
+    XmlMemSession *block = p->session->firstNonFull;
+    if (block == nullptr || p->pending != nullptr) {
+        return Fast::Bail;
+    }
+    uint8_t *const start = block->cursor;
+    uint8_t *const limit = start + block->freeBytes;
+    if (static_cast<size_t>(limit - start) < p->lastTagBytes) {
+        return Fast::Bail;  // like the last tag, this one would most likely not fit
+    }
+    const char *lt = p->pos;
+    const char *name = lt + 1;
+    bool amp = false;
+    const char *colon = nullptr;
+    const char *nameEnd = scanWord(name, &amp, &colon);
+    if (nameEnd == nullptr || amp || nameEnd - name >= static_cast<ptrdiff_t>(kLongestCarved)) {
+        return Fast::Bail;
+    }
+    auto nameLen = static_cast<uint32_t>(nameEnd - name);
+    int64_t colonAt = colon == nullptr ? -1 : colon - name;
+    size_t bytes = nameBytes(nameLen, colonAt);
+    if (bytes == 0 || static_cast<size_t>(limit - start) < kElementRecordSize + bytes) {
+        return Fast::Bail;
+    }
+    auto *n = reinterpret_cast<XmlNode *>(start);
+    n->kind = kKindElement;
+    n->mem = p->session;
+    WholeTag take{start + kElementRecordSize};
+    putName(take, name, nameLen, colonAt, n);
+    bool empty = false;
+    int count = 0;
+    const char *q = directAttrs(p, n, take, limit, nameEnd, &empty, &count);
+    if (q == nullptr) {
+        std::memset(start, 0, static_cast<size_t>(take.m - start));
+        return Fast::Bail;
+    }
+    block->cursor = take.m;
+    block->freeBytes -= static_cast<int32_t>(take.m - start);
+    p->lastTagBytes = static_cast<size_t>(take.m - start);
+    p->tagName = name;
+    return linkTag(p, n, lt, q, empty, count);
+}
+
 Fast fastStartTag(XmlParser *p)
 {
+    if (p->session != nullptr) {
+        Fast direct = directStartTag(p);
+        if (direct != Fast::Bail) {
+            return direct;
+        }
+    }
     const char *lt = p->pos;
     const char *name = lt + 1;
     bool nameAmp = false;
