@@ -1088,10 +1088,10 @@ Fast linkTag(XmlParser *p, XmlNode *n, const char *lt, const char *q, bool empty
 const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t *limit,
                         const char *q, bool *empty, int *count)
 {
-    struct Seen {
-        const char *name;
-        uint32_t len;
-    } seen[kFastAttrs];
+    // One bit per attribute name read, at a hash of its length and first
+    // bytes: only a name whose bit is set already is compared with the
+    // attributes before it.
+    uint64_t namesSeen = 0;
     int listed = 0;
     XmlNode *tail = nullptr;
     for (;;) {
@@ -1147,12 +1147,20 @@ const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t 
         if (bytes == 0) {
             return nullptr;
         }
-        for (int j = 0; j < listed; ++j) {
-            if (seen[j].len == nameLen && seen[j].name[0] == name[0] &&
-                std::memcmp(seen[j].name, name, nameLen) == 0) {
-                return nullptr;
+        // The text read holds at least the name, '=' and two quotes: four
+        // bytes from the name's start, of which only the name's count.
+        uint32_t head;
+        std::memcpy(&head, name, 4);
+        head &= static_cast<uint32_t>((uint64_t{1} << (8 * (nameLen < 4 ? nameLen : 4))) - 1);
+        uint64_t bit = uint64_t{1} << (((head + nameLen * 0x01000193u) * 0x9E3779B1u) >> 26);
+        if ((namesSeen & bit) != 0) {
+            for (const XmlNode *a = n->firstAttr; a != nullptr; a = a->next) {
+                if (sameName(a, name, nameLen)) {
+                    return nullptr;
+                }
             }
         }
+        namesSeen |= bit;
         bytes += kAttrRecordSize + (valueLen != 0 ? runBytes(valueLen) : 0);
         if (static_cast<size_t>(limit - take.m) < bytes) {
             return nullptr;
@@ -1172,7 +1180,7 @@ const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t 
             tail->next = attr;
         }
         tail = attr;
-        seen[listed++] = {name, nameLen};
+        ++listed;
         q = close + 1;
     }
 }
