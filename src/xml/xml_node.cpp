@@ -119,13 +119,6 @@ XmlMemSession *slabBlock(SessionIndex *index, int32_t capacity)
     index->slabCursor += bytes;
     index->slabRoom -= bytes;
     memset_s(at, bytes, 0, bytes);
-    // The next block of this slab is likely to be cleared and filled soon:
-    // start loading it now, so that the memory's latency overlaps with the
-    // work done in this block instead of stalling the next clear.
-    size_t ahead = index->slabRoom < bytes ? index->slabRoom : bytes;
-    for (size_t off = 0; off < ahead; off += 64) {
-        __builtin_prefetch(index->slabCursor + off, 1, 3);
-    }
     return initBlock(at, capacity);
 }
 
