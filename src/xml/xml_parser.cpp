@@ -1088,8 +1088,8 @@ Fast linkTag(XmlParser *p, XmlNode *n, const char *lt, const char *q, bool empty
 const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t *limit,
                         const char *q, bool *empty, int *count)
 {
-    // One bit per attribute name read, at a hash of its length and first
-    // bytes: only a name whose bit is set already is compared with the
+    // One bit per attribute name read, at a hash of its length and first and
+    // last bytes: only a name whose bit is set already is compared with the
     // attributes before it.
     uint64_t namesSeen = 0;
     int listed = 0;
@@ -1147,12 +1147,10 @@ const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t 
         if (bytes == 0) {
             return nullptr;
         }
-        // The text read holds at least the name, '=' and two quotes: four
-        // bytes from the name's start, of which only the name's count.
-        uint32_t head;
-        std::memcpy(&head, name, 4);
-        head &= static_cast<uint32_t>((uint64_t{1} << (8 * (nameLen < 4 ? nameLen : 4))) - 1);
-        uint64_t bit = uint64_t{1} << (((head + nameLen * 0x01000193u) * 0x9E3779B1u) >> 26);
+        uint32_t hash = static_cast<unsigned char>(name[0]) * 0x9E3779B1u ^
+                        static_cast<unsigned char>(name[nameLen - 1]) * 0x85EBCA6Bu ^
+                        nameLen * 0xC2B2AE35u;
+        uint64_t bit = uint64_t{1} << (hash >> 26);
         if ((namesSeen & bit) != 0) {
             for (const XmlNode *a = n->firstAttr; a != nullptr; a = a->next) {
                 if (sameName(a, name, nameLen)) {
