@@ -989,6 +989,40 @@ inline size_t carvedAttrBytes(const FastAttr *attrs, int count, const FastAttr &
     return kAttrRecordSize + bytes + (a.valueLen != 0 ? runBytes(a.valueLen) : 0);
 }
 
+// Carves an attribute with a plain name and value for element n, after
+// *tail: record, name and value, in that order. Null when memory ran out.
+template <class Take>
+inline __attribute__((always_inline)) XmlNode *putAttr(Take &take, XmlParser *p, XmlNode *n,
+                                                       XmlNode **tail, const char *name,
+                                                       uint32_t nameLen, int64_t colonAt,
+                                                       const char *value, uint32_t valueLen)
+{
+    auto *attr = reinterpret_cast<XmlNode *>(take.take(kAttrRecordSize));
+    if (Take::kCanFail && attr == nullptr) {
+        return nullptr;
+    }
+    attr->kind = kKindAttribute;
+    attr->mem = p->session;
+    if (!putName(take, name, nameLen, colonAt, attr)) {
+        return nullptr;
+    }
+    if (valueLen != 0) {
+        attr->value = putRun(take, value, valueLen);
+        if (Take::kCanFail && attr->value == nullptr) {
+            return nullptr;
+        }
+    }
+    attr->valueOwned = 1;
+    attr->parent = n;
+    if (*tail == nullptr) {
+        n->firstAttr = attr;
+    } else {
+        (*tail)->next = attr;
+    }
+    *tail = attr;
+    return attr;
+}
+
 // A session tag whose names and values need no decoding, and that holds no
 // name with a misplaced colon and no repeated attribute, can only fail for
 // want of memory. Its pieces are carved in the order of the general steps:
@@ -1017,29 +1051,10 @@ XmlNode *buildTag(XmlParser *p, Take take, const char *name, uint32_t nameLen, i
     XmlNode *tail = nullptr;
     for (int i = 0; i < count; ++i) {
         const FastAttr &a = attrs[i];
-        auto *attr = reinterpret_cast<XmlNode *>(take.take(kAttrRecordSize));
-        if (Take::kCanFail && attr == nullptr) {
+        if (putAttr(take, p, n, &tail, a.name, a.nameLen, a.colon == nullptr ? -1 : a.colon - a.name,
+                    a.value, a.valueLen) == nullptr) {
             return nullptr;
         }
-        attr->kind = kKindAttribute;
-        attr->mem = p->session;
-        if (!putName(take, a.name, a.nameLen, a.colon == nullptr ? -1 : a.colon - a.name, attr)) {
-            return nullptr;
-        }
-        if (a.valueLen != 0) {
-            attr->value = putRun(take, a.value, a.valueLen);
-            if (Take::kCanFail && attr->value == nullptr) {
-                return nullptr;
-            }
-        }
-        attr->valueOwned = 1;
-        attr->parent = n;
-        if (tail == nullptr) {
-            n->firstAttr = attr;
-        } else {
-            tail->next = attr;
-        }
-        tail = attr;
     }
     return n;
 }
@@ -1163,21 +1178,7 @@ const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t 
         if (static_cast<size_t>(limit - take.m) < bytes) {
             return nullptr;
         }
-        auto *attr = reinterpret_cast<XmlNode *>(take.take(kAttrRecordSize));
-        attr->kind = kKindAttribute;
-        attr->mem = p->session;
-        putName(take, name, nameLen, colonAt, attr);
-        if (valueLen != 0) {
-            attr->value = putRun(take, v, valueLen);
-        }
-        attr->valueOwned = 1;
-        attr->parent = n;
-        if (tail == nullptr) {
-            n->firstAttr = attr;
-        } else {
-            tail->next = attr;
-        }
-        tail = attr;
+        putAttr(take, p, n, &tail, name, nameLen, colonAt, v, valueLen);
         ++listed;
         q = close + 1;
     }
