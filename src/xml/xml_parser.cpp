@@ -942,7 +942,8 @@ inline __attribute__((always_inline)) char *putRun(Take &take, const char *src, 
 }
 
 template <class Take>
-inline __attribute__((always_inline)) bool putName(Take &take, const char *src, uint32_t len, int64_t colonAt, XmlNode *node)
+inline __attribute__((always_inline)) bool putName(Take &take, const char *src, uint32_t len,
+                                                   int64_t colonAt, XmlNode *node)
 {
     if (colonAt < 0) {
         node->name = putRun(take, src, len);
@@ -1051,8 +1052,9 @@ XmlNode *buildTag(XmlParser *p, Take take, const char *name, uint32_t nameLen, i
     XmlNode *tail = nullptr;
     for (int i = 0; i < count; ++i) {
         const FastAttr &a = attrs[i];
-        if (putAttr(take, p, n, &tail, a.name, a.nameLen, a.colon == nullptr ? -1 : a.colon - a.name,
-                    a.value, a.valueLen) == nullptr) {
+        int64_t attrColon = a.colon == nullptr ? -1 : a.colon - a.name;
+        if (putAttr(take, p, n, &tail, a.name, a.nameLen, attrColon, a.value, a.valueLen) ==
+            nullptr) {
             return nullptr;
         }
     }
