@@ -166,16 +166,16 @@ int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char
     while (s < end) {
         // Copy the plain stretch up to the next '&' or '<' in one go.
         const char *stop = findByte(s, end, '&', '<', '&');
-        if (stop != s) {
-            auto n = static_cast<size_t>(stop - s);
-            if (n <= 16) {
-                xmlCopyShort(d, s, n);  // stretches between references are mostly short
-            } else {
-                std::memcpy(d, s, n);
-            }
-            d += n;
-            s = stop;
-            continue;
+        auto n = static_cast<size_t>(stop - s);
+        if (n <= 16) {
+            xmlCopyShort(d, s, n);  // stretches between references are mostly short
+        } else {
+            std::memcpy(d, s, n);
+        }
+        d += n;
+        s = stop;
+        if (s == end) {
+            break;
         }
         if (*s == '\0') {
             *d++ = *s++;  // the scan also stops at NUL, which is plain here

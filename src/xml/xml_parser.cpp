@@ -908,6 +908,12 @@ inline size_t nameBytes(uint32_t len, int64_t colonAt)
 struct WholeTag {
     static constexpr bool kCanFail = false;
     uint8_t *m;
+    const uint8_t *limit;  // end of the block: bytes up to it past m are zero
+    // Whether 16 bytes may be written at dst: they stay in the block.
+    bool roomFor16(const char *dst) const
+    {
+        return limit - reinterpret_cast<const uint8_t *>(dst) >= 16;
+    }
     uint8_t *take(size_t bytes)
     {
         uint8_t *piece = m;
@@ -919,21 +925,53 @@ struct WholeTag {
 struct EachPiece {
     static constexpr bool kCanFail = true;
     XmlMemSession *session;
+    static bool roomFor16(const char *) { return false; }
+    // bytes: a multiple of 8. The blocks before firstNonFull are full, so
+    // when it lacks room, the block after it is the first fit if it has room.
     uint8_t *take(size_t bytes)
     {
-        return static_cast<uint8_t *>(xmlSessionTake(session, static_cast<int32_t>(bytes)));
+        auto n = static_cast<int32_t>(bytes);
+        XmlMemSession *block = session->firstNonFull;
+        if (block != nullptr && block->freeBytes < n) {
+            block = block->nextBlock;
+        }
+        if (block != nullptr && block->freeBytes >= n) {
+            uint8_t *piece = block->cursor;
+            block->cursor += n;
+            block->freeBytes -= n;
+            return piece;
+        }
+        return static_cast<uint8_t *>(XML_MemSpecialMalloc(session, n));
     }
 };
 
 // Copies a plain run into a zero piece of its own; null when none was had.
+// wide: a short run may be written as one 16-byte store. Only for values:
+// names are read back soon by the end tag's check, and a byte load from a
+// wide store still in flight waits for it.
 template <class Take>
-inline __attribute__((always_inline)) char *putRun(Take &take, const char *src, uint32_t len)
+inline __attribute__((always_inline)) char *putRun(Take &take, const char *src, uint32_t len,
+                                                   bool wide = false)
 {
     auto *dst = reinterpret_cast<char *>(take.take(runBytes(len)));
     if (Take::kCanFail && dst == nullptr) {
         return nullptr;
     }
     if (len <= 16) {
+#ifdef KRVXML_SSE2_SCAN
+        // One 16-byte load and store without a branch on the length: the
+        // bytes past the run are stored as zeros, which they are already,
+        // as the pieces of a tag are written in order into zero memory.
+        if (wide && take.roomFor16(dst) && (reinterpret_cast<uintptr_t>(src) & 4095u) <= 4080u) {
+            const __m128i iota = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+            __m128i keep = _mm_cmpgt_epi8(_mm_set1_epi8(static_cast<char>(len)), iota);
+            __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst), _mm_and_si128(bytes, keep));
+            return dst;
+        }
+#else
+        (void)wide;
+#endif
         xmlCopyShort(dst, src, len);
     } else {
         std::memcpy(dst, src, len);
@@ -974,6 +1012,70 @@ inline bool repeatsName(const FastAttr *attrs, int count, const FastAttr &a)
     return false;
 }
 
+// Scans the attributes and the end of a start tag from q (just after its
+// name) into attrs, from *count on. Returns the position after the tag, with
+// *count and *empty, or null when the tag is not plain: an attribute without
+// '=' or quotes, an unterminated value, a long run, more than kFastAttrs.
+inline __attribute__((always_inline)) const char *scanAttrList(const char *q, FastAttr *attrs,
+                                                             int *count, bool *empty)
+{
+    for (;;) {
+        if (*q == '>') {
+            *empty = false;
+            return q + 1;
+        }
+        if (q[0] == '/' && q[1] == '>') {
+            *empty = true;
+            return q + 2;
+        }
+        if (!isSpace(*q)) {
+            return nullptr;
+        }
+        q = skipSpace(q);
+        if (*q == '>' || (q[0] == '/' && q[1] == '>')) {
+            continue;
+        }
+        if (!isWordStart(*q) || *count == kFastAttrs) {
+            return nullptr;
+        }
+        FastAttr &a = attrs[*count];
+        bool amp = false;
+        const char *nameEnd = scanWord(q, &amp, &a.colon);
+        if (nameEnd == nullptr || nameEnd - q > static_cast<ptrdiff_t>(kMaxRun)) {
+            return nullptr;
+        }
+        a.name = q;
+        a.nameLen = static_cast<uint32_t>(nameEnd - q);
+        a.plainName = !amp;
+        q = skipSpace(nameEnd);
+        if (*q != '=') {
+            return nullptr;
+        }
+        q = skipSpace(q + 1);
+        char quote = *q;
+        if (quote != '"' && quote != '\'') {
+            return nullptr;
+        }
+        const char *v = q + 1;
+        const char *close = findByte(v, nullptr, quote, '&', '<');
+        a.plainValue = true;
+        while (*close != quote) {
+            if (*close == '\0') {
+                return nullptr;
+            }
+            a.plainValue = false;
+            close = findByte(close + 1, nullptr, quote, '&', '<');
+        }
+        if (close - v > static_cast<ptrdiff_t>(kMaxRun)) {
+            return nullptr;
+        }
+        a.value = v;
+        a.valueLen = static_cast<uint32_t>(close - v);
+        ++*count;
+        q = close + 1;
+    }
+}
+
 // Session bytes that attribute a adds to a tag carved in one piece, or 0
 // when it keeps the tag from being carved so: a name or value that needs
 // decoding, a misplaced colon, a repeated name, a long run.
@@ -1008,7 +1110,7 @@ inline __attribute__((always_inline)) XmlNode *putAttr(Take &take, XmlParser *p,
         return nullptr;
     }
     if (valueLen != 0) {
-        attr->value = putRun(take, value, valueLen);
+        attr->value = putRun(take, value, valueLen, true);
         if (Take::kCanFail && attr->value == nullptr) {
             return nullptr;
         }
@@ -1066,7 +1168,7 @@ XmlNode *carveTag(XmlParser *p, size_t total, const char *name, uint32_t nameLen
 {
     auto *m = static_cast<uint8_t *>(xmlSessionTryTake(p->session, static_cast<int32_t>(total)));
     if (m != nullptr) {
-        return buildTag(p, WholeTag{m}, name, nameLen, colonAt, attrs, count);
+        return buildTag(p, WholeTag{m, m + total}, name, nameLen, colonAt, attrs, count);
     }
     return buildTag(p, EachPiece{p->session}, name, nameLen, colonAt, attrs, count);
 }
@@ -1097,13 +1199,21 @@ Fast linkTag(XmlParser *p, XmlNode *n, const char *lt, const char *q, bool empty
     return Fast::Done;
 }
 
+// Where the one-pass read of a tag stopped for want of room in the block:
+// the attribute that did not fit, and the last one carved before it.
+struct DirectRest {
+    const char *at = nullptr;
+    XmlNode *tail = nullptr;
+};
+
 // The attributes and end of a start tag read in one pass, each attribute
 // carved at take as soon as it is scanned, after the element n. Returns the
 // position after the tag, with *empty and *count, or null where an
 // attribute needs decoding, repeats a name, holds a misplaced colon or a
-// long run, would not fit before limit, or the tag reads otherwise.
+// long run, or the tag reads otherwise; also where an attribute would not
+// fit before limit, which *rest then records, with *count carved.
 const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t *limit,
-                        const char *q, bool *empty, int *count)
+                        const char *q, bool *empty, int *count, DirectRest *rest)
 {
     // One bit per attribute name read, at a hash of its length and first and
     // last bytes: only a name whose bit is set already is compared with the
@@ -1112,6 +1222,7 @@ const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t 
     int listed = 0;
     XmlNode *tail = nullptr;
     for (;;) {
+        const char *attrStart = q;
         if (*q == '>') {
             *empty = false;
             *count = listed;
@@ -1178,6 +1289,10 @@ const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t 
         namesSeen |= bit;
         bytes += kAttrRecordSize + (valueLen != 0 ? runBytes(valueLen) : 0);
         if (static_cast<size_t>(limit - take.m) < bytes) {
+            // The block is full: the rest of the tag goes piece by piece.
+            rest->at = attrStart;
+            rest->tail = tail;
+            *count = listed;
             return nullptr;
         }
         putAttr(take, p, n, &tail, name, nameLen, colonAt, v, valueLen);
@@ -1186,16 +1301,68 @@ const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t 
     }
 }
 
+// The rest of a tag whose one-pass read ran out of room at rest.at, with
+// count attributes carved in the block from start to m: the remaining
+// attributes are scanned, and when they too are plain, the carved part is
+// kept and they are carved piece by piece, each where first fit puts it, as
+// the two-pass read would have done. Bail (nothing changed) when they are
+// not plain; Failed when memory ran out.
+Fast finishFullTag(XmlParser *p, XmlNode *n, XmlMemSession *block, uint8_t *start, uint8_t *m,
+                   const DirectRest &rest, int count, const char *lt)
+{
+    FastAttr attrs[kFastAttrs];
+    int more = 0;
+    bool empty = false;
+    const char *q = scanAttrList(rest.at, attrs, &more, &empty);
+    if (q == nullptr || count + more > kFastAttrs) {
+        return Fast::Bail;
+    }
+    size_t bytes = 0;
+    for (int i = 0; i < more; ++i) {
+        const FastAttr &a = attrs[i];
+        size_t piece = carvedAttrBytes(attrs, i, a);
+        if (piece == 0) {
+            return Fast::Bail;
+        }
+        for (const XmlNode *b = n->firstAttr; b != nullptr; b = b->next) {
+            if (sameName(b, a.name, a.nameLen)) {
+                return Fast::Bail;
+            }
+        }
+        bytes += piece;
+    }
+    block->cursor = m;
+    block->freeBytes -= static_cast<int32_t>(m - start);
+    p->lastTagBytes = static_cast<size_t>(m - start) + bytes;
+    EachPiece take{p->session};
+    XmlNode *tail = rest.tail;
+    for (int i = 0; i < more; ++i) {
+        const FastAttr &a = attrs[i];
+        int64_t colonAt = a.colon == nullptr ? -1 : a.colon - a.name;
+        if (putAttr(take, p, n, &tail, a.name, a.nameLen, colonAt, a.value, a.valueLen) ==
+            nullptr) {
+            note(p, lt, "out of memory");
+            return Fast::Failed;
+        }
+    }
+    p->tagName = lt + 1;
+    return linkTag(p, n, lt, q, empty, count + more);
+}
+
 // The session start tag that fastStartTag would carve whole, read in one
 // pass: each piece is written to the first block with room as soon as it is
 // scanned, where the carving would put it. Bail when the tag turns out to be
 // another kind or not to fit there: the bytes written are cleared again, as
 // a block is zero past its cursor, and nothing else changed.
-Fast directStartTag(XmlParser *p)
+inline __attribute__((always_inline)) Fast directStartTag(XmlParser *p)
 {
     XmlMemSession *block = p->session->firstNonFull;
     if (block == nullptr || p->pending != nullptr) {
         return Fast::Bail;
+    }
+    while (block->freeBytes == 0 && block->nextBlock != nullptr) {
+        block = block->nextBlock;  // as the first-fit search would move on
+        p->session->firstNonFull = block;
     }
     uint8_t *const start = block->cursor;
     uint8_t *const limit = start + block->freeBytes;
@@ -1219,12 +1386,19 @@ Fast directStartTag(XmlParser *p)
     auto *n = reinterpret_cast<XmlNode *>(start);
     n->kind = kKindElement;
     n->mem = p->session;
-    WholeTag take{start + kElementRecordSize};
+    WholeTag take{start + kElementRecordSize, limit};
     putName(take, name, nameLen, colonAt, n);
     bool empty = false;
     int count = 0;
-    const char *q = directAttrs(p, n, take, limit, nameEnd, &empty, &count);
+    DirectRest rest;
+    const char *q = directAttrs(p, n, take, limit, nameEnd, &empty, &count, &rest);
     if (q == nullptr) {
+        if (rest.at != nullptr) {
+            Fast done = finishFullTag(p, n, block, start, take.m, rest, count, lt);
+            if (done != Fast::Bail) {
+                return done;
+            }
+        }
         std::memset(start, 0, static_cast<size_t>(take.m - start));
         return Fast::Bail;
     }
@@ -1251,10 +1425,13 @@ Fast fastStartTag(XmlParser *p)
     if (nameEnd == nullptr || nameEnd - name > static_cast<ptrdiff_t>(kMaxRun)) {
         return Fast::Bail;
     }
-    const char *q = nameEnd;
     FastAttr attrs[kFastAttrs];
     int count = 0;
     bool empty;
+    const char *q = scanAttrList(nameEnd, attrs, &count, &empty);
+    if (q == nullptr) {
+        return Fast::Bail;
+    }
     // Session bytes of the whole tag when it can be carved in one piece, else 0.
     uint32_t nameLen = static_cast<uint32_t>(nameEnd - name);
     int64_t colonAt = colonIndex(name, nameAmp, nameColon);
@@ -1263,66 +1440,9 @@ Fast fastStartTag(XmlParser *p)
         carved = nameBytes(nameLen, colonAt);
         carved += carved != 0 && p->pending == nullptr ? kElementRecordSize : 0;
     }
-    for (;;) {
-        if (*q == '>') {
-            empty = false;
-            ++q;
-            break;
-        }
-        if (q[0] == '/' && q[1] == '>') {
-            empty = true;
-            q += 2;
-            break;
-        }
-        if (!isSpace(*q)) {
-            return Fast::Bail;
-        }
-        q = skipSpace(q);
-        if (*q == '>' || (q[0] == '/' && q[1] == '>')) {
-            continue;
-        }
-        if (!isWordStart(*q) || count == kFastAttrs) {
-            return Fast::Bail;
-        }
-        FastAttr &a = attrs[count];
-        bool amp = false;
-        const char *nameEnd = scanWord(q, &amp, &a.colon);
-        if (nameEnd == nullptr || nameEnd - q > static_cast<ptrdiff_t>(kMaxRun)) {
-            return Fast::Bail;
-        }
-        a.name = q;
-        a.nameLen = static_cast<uint32_t>(nameEnd - q);
-        a.plainName = !amp;
-        q = skipSpace(nameEnd);
-        if (*q != '=') {
-            return Fast::Bail;
-        }
-        q = skipSpace(q + 1);
-        char quote = *q;
-        if (quote != '"' && quote != '\'') {
-            return Fast::Bail;
-        }
-        const char *v = q + 1;
-        const char *close = findByte(v, nullptr, quote, '&', '<');
-        a.plainValue = true;
-        while (*close != quote) {
-            if (*close == '\0') {
-                return Fast::Bail;
-            }
-            a.plainValue = false;
-            close = findByte(close + 1, nullptr, quote, '&', '<');
-        }
-        if (close - v > static_cast<ptrdiff_t>(kMaxRun)) {
-            return Fast::Bail;
-        }
-        a.value = v;
-        a.valueLen = static_cast<uint32_t>(close - v);
-        if (carved != 0) {
-            size_t bytes = carvedAttrBytes(attrs, count, a);
-            carved = bytes != 0 ? carved + bytes : 0;
-        }
-        ++count;
-        q = close + 1;
+    for (int i = 0; i < count && carved != 0; ++i) {
+        size_t bytes = carvedAttrBytes(attrs, i, attrs[i]);
+        carved = bytes != 0 ? carved + bytes : 0;
     }
 
     // The tag is well formed as far as scanning can tell: build it in the
@@ -1472,11 +1592,10 @@ Fast fastText(XmlParser *p)
     while (start[-1] == ' ') {
         --start;
     }
-    bool plain = true;
     const char *lt = findByte(t, nullptr, '<', '&', '&');
-    while (*lt == '&') {
-        plain = false;
-        lt = findByte(lt + 1, nullptr, '<', '&', '&');
+    bool plain = *lt != '&';
+    if (!plain) {
+        lt = findByte(lt + 1, nullptr, '<', '<', '<');  // the decoder finds the others
     }
     if (*lt != '<' || lt[1] != '/' || lt - start > static_cast<ptrdiff_t>(kMaxRun)) {
         return Fast::Bail;
