@@ -1317,11 +1317,9 @@ Fast finishFullTag(XmlParser *p, XmlNode *n, XmlMemSession *block, uint8_t *star
     if (q == nullptr || count + more > kFastAttrs) {
         return Fast::Bail;
     }
-    size_t bytes = 0;
     for (int i = 0; i < more; ++i) {
         const FastAttr &a = attrs[i];
-        size_t piece = carvedAttrBytes(attrs, i, a);
-        if (piece == 0) {
+        if (carvedAttrBytes(attrs, i, a) == 0) {
             return Fast::Bail;
         }
         for (const XmlNode *b = n->firstAttr; b != nullptr; b = b->next) {
@@ -1329,11 +1327,9 @@ Fast finishFullTag(XmlParser *p, XmlNode *n, XmlMemSession *block, uint8_t *star
                 return Fast::Bail;
             }
         }
-        bytes += piece;
     }
     block->cursor = m;
     block->freeBytes -= static_cast<int32_t>(m - start);
-    p->lastTagBytes = static_cast<size_t>(m - start) + bytes;
     EachPiece take{p->session};
     XmlNode *tail = rest.tail;
     for (int i = 0; i < more; ++i) {
@@ -1366,9 +1362,6 @@ inline __attribute__((always_inline)) Fast directStartTag(XmlParser *p)
     }
     uint8_t *const start = block->cursor;
     uint8_t *const limit = start + block->freeBytes;
-    if (static_cast<size_t>(limit - start) < p->lastTagBytes) {
-        return Fast::Bail;  // like the last tag, this one would most likely not fit
-    }
     const char *lt = p->pos;
     const char *name = lt + 1;
     bool amp = false;
@@ -1404,7 +1397,6 @@ inline __attribute__((always_inline)) Fast directStartTag(XmlParser *p)
     }
     block->cursor = take.m;
     block->freeBytes -= static_cast<int32_t>(take.m - start);
-    p->lastTagBytes = static_cast<size_t>(take.m - start);
     p->tagName = name;
     return linkTag(p, n, lt, q, empty, count);
 }

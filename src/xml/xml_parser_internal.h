@@ -38,7 +38,6 @@ struct XmlParser {
     uint32_t scanFailed;     // a search for a closing delimiter failed
     uint32_t singleRoot;     // refuse a second top-level element (sessions)
     uint64_t openCount;      // elements open right now
-    size_t lastTagBytes;     // session bytes of the last tag read in one pass
     const char *tagName;     // name of the start tag being read
     XmlParseDiag *diag;      // null for the plain entry points
 };
