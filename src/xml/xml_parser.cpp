@@ -909,11 +909,8 @@ struct WholeTag {
     static constexpr bool kCanFail = false;
     uint8_t *m;
     const uint8_t *limit;  // end of the block: bytes up to it past m are zero
-    // Whether 16 bytes may be written at dst: they stay in the block.
-    bool roomFor16(const char *dst) const
-    {
-        return limit - reinterpret_cast<const uint8_t *>(dst) >= 16;
-    }
+    // Zero bytes from dst, a piece just taken, to the end of the block.
+    int64_t room(const char *dst) const { return limit - reinterpret_cast<const uint8_t *>(dst); }
     uint8_t *take(size_t bytes)
     {
         uint8_t *piece = m;
@@ -925,7 +922,7 @@ struct WholeTag {
 struct EachPiece {
     static constexpr bool kCanFail = true;
     XmlMemSession *session;
-    static bool roomFor16(const char *) { return false; }
+    static int64_t room(const char *) { return 0; }
     // bytes: a multiple of 8. The blocks before firstNonFull are full, so
     // when it lacks room, the block after it is the first fit if it has room.
     uint8_t *take(size_t bytes)
@@ -958,20 +955,11 @@ inline __attribute__((always_inline)) char *putRun(Take &take, const char *src, 
         return nullptr;
     }
     if (len <= 16) {
-#ifdef KRVXML_SSE2_SCAN
-        // One 16-byte load and store without a branch on the length: the
-        // bytes past the run are stored as zeros, which they are already,
-        // as the pieces of a tag are written in order into zero memory.
-        if (wide && take.roomFor16(dst) && (reinterpret_cast<uintptr_t>(src) & 4095u) <= 4080u) {
-            const __m128i iota = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-            __m128i keep = _mm_cmpgt_epi8(_mm_set1_epi8(static_cast<char>(len)), iota);
-            __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src));
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst), _mm_and_si128(bytes, keep));
+        // The pieces of a tag are written in order into zero memory, so the
+        // rest of the block past dst is zero.
+        if (wide && xmlStoreShortWide(dst, src, len, take.room(dst))) {
             return dst;
         }
-#else
-        (void)wide;
-#endif
         xmlCopyShort(dst, src, len);
     } else {
         std::memcpy(dst, src, len);

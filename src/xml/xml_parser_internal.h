@@ -86,6 +86,31 @@ inline void xmlCopyShort(char *dst, const char *src, size_t len)
     }
 }
 
+// Stores the len bytes at src, at most 16, at dst as one 16-byte store
+// when the block of dst has at least 16 zero bytes from dst on (room: its
+// bytes from dst to its end) and the 16 bytes at src lie on one page: the
+// bytes past the run are then stored as the zeros they are. Returns
+// whether it did; sanitized builds never do, as the load may read past the
+// text's end.
+inline bool xmlStoreShortWide(char *dst, const char *src, size_t len, int64_t room)
+{
+#ifdef KRVXML_SSE2_SCAN
+    if (room >= 16 && (reinterpret_cast<uintptr_t>(src) & 4095u) <= 4080u) {
+        const __m128i iota = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+        __m128i keep = _mm_cmpgt_epi8(_mm_set1_epi8(static_cast<char>(len)), iota);
+        __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(dst), _mm_and_si128(bytes, keep));
+        return true;
+    }
+#else
+    (void)dst;
+    (void)src;
+    (void)len;
+    (void)room;
+#endif
+    return false;
+}
+
 inline int32_t xmlStoreRun(XmlMemSession *session, const char *src, uint64_t len, bool plain,
                            char **out, XmlParseDiag *diag)
 {
