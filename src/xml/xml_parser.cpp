@@ -1577,6 +1577,16 @@ Fast fastText(XmlParser *p)
     if (!plain) {
         lt = findByte(lt + 1, nullptr, '<', '<', '<');  // the decoder finds the others
     }
+    // CDATA sections belong to the text and are stepped over whole; the
+    // decoder unwraps them.
+    while (*lt == '<' && lt[1] == '!' && startsCdata(lt)) {
+        const char *close = std::strstr(lt + 9, "]]>");
+        if (close == nullptr) {
+            return Fast::Bail;
+        }
+        plain = false;
+        lt = findByte(close + 3, nullptr, '<', '<', '<');
+    }
     if (*lt != '<' || lt[1] != '/' || lt - start > static_cast<ptrdiff_t>(kMaxRun)) {
         return Fast::Bail;
     }
@@ -1623,6 +1633,11 @@ Fast fastStep(XmlParser *p)
     if (s[0] == '<') {
         if (s[1] == '/') {
             return fastEndTag(p);
+        }
+        if (s[1] == '!' && startsCdata(s)) {
+            return p->state == XML_PARSE_CONTENT && (p->openBits & 1u) && p->current != nullptr
+                       ? fastText(p)
+                       : Fast::Bail;
         }
         // "<!" and "<?" may begin comments, instructions or CDATA.
         return isWordStart(s[1]) && s[1] != '!' && s[1] != '?' ? fastStartTag(p) : Fast::Bail;
