@@ -1663,6 +1663,16 @@ bool mainLoop(XmlParser *p)
             }
             continue;
         }
+        const char *s = p->pos;
+        if (s[0] == '<' && (s[1] == '?' || (s[1] == '!' && s[2] == '-' && s[3] == '-'))) {
+            // Comments and instructions are stepped over here, as cutting the
+            // next token would do first, so that the markup after them can
+            // still take the fast path.
+            if (Parser_skipMisc(p) != KRV_XML_OK) {
+                return false;
+            }
+            continue;
+        }
         if (Parser_getNextToken(p) == 0) {
             // A failed search for a closing delimiter is never a clean end.
             if (p->scanFailed) {
