@@ -6,6 +6,7 @@
 // are pointer and length into the text; every search for a closing delimiter
 // uses the C library's scans (strstr, strchr, memchr) and the byte classes
 // below, so no byte is looked at more than a constant number of times.
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -125,70 +126,201 @@ inline bool sameAttr(const XmlNode *a, const XmlNode *b)
 }
 
 // Duplicate check for one start tag. Short lists are searched; from
-// kLinearLimit attributes on, an open-addressing set of the records keyed by
-// prefix and name keeps the check constant time.
+// kLinearLimit attributes on, an open-addressing set keyed by prefix and name
+// keeps the check constant time. The hash is keyed afresh for every set, so
+// that no text can be written to make its names collide: an unkeyed hash
+// would let one tag of chosen names take quadratic time.
 constexpr uint32_t kLinearLimit = 16;
 
 struct AttrSet {
-    XmlNode **slots;
-    uint32_t mask;  // capacity - 1; capacity is a power of two
+    // Per slot: the upper half of the name's hash, whose low bits are also
+    // its home slot, then the record's index + 1 in `records`; 0 when empty.
+    uint64_t *slots;
+    XmlNode **records;  // in the order added; shares the slots' allocation
+    uint32_t mask;      // slot count - 1; the slot count is a power of two
     uint32_t count;
+    uint64_t key[2];    // drawn when the set is first built
 };
 
-uint32_t attrHash(const XmlNode *a)
+inline uint64_t rotl(uint64_t x, int b)
 {
-    uint32_t h = 2166136261u;
-    for (const char *s = a->nsPrefix; s != nullptr && *s != '\0'; ++s) {
-        h = (h ^ static_cast<unsigned char>(*s)) * 16777619u;
+    return (x << b) | (x >> (64 - b));
+}
+
+// SipHash-1-3 over a byte stream: a keyed hash with no known way to find
+// collisions without the key.
+struct SipHash {
+    uint64_t v[4];
+    uint64_t word = 0;
+    uint64_t length = 0;
+
+    explicit SipHash(const uint64_t key[2])
+        : v{key[0] ^ 0x736f6d6570736575ull, key[1] ^ 0x646f72616e646f6dull,
+            key[0] ^ 0x6c7967656e657261ull, key[1] ^ 0x7465646279746573ull}
+    {
     }
-    h = (h ^ 0x100u) * 16777619u;
-    for (const char *s = a->name; s != nullptr && *s != '\0'; ++s) {
-        h = (h ^ static_cast<unsigned char>(*s)) * 16777619u;
+    void round()
+    {
+        v[0] += v[1];
+        v[1] = rotl(v[1], 13) ^ v[0];
+        v[0] = rotl(v[0], 32);
+        v[2] += v[3];
+        v[3] = rotl(v[3], 16) ^ v[2];
+        v[0] += v[3];
+        v[3] = rotl(v[3], 21) ^ v[0];
+        v[2] += v[1];
+        v[1] = rotl(v[1], 17) ^ v[2];
+        v[2] = rotl(v[2], 32);
     }
-    return h;
+    void compress(uint64_t m)
+    {
+        v[3] ^= m;
+        round();
+        v[0] ^= m;
+    }
+    void add(unsigned char c)
+    {
+        word |= static_cast<uint64_t>(c) << (8 * (length & 7));
+        if ((++length & 7) == 0) {
+            compress(word);
+            word = 0;
+        }
+    }
+    void add(const char *s)
+    {
+        for (; s != nullptr && *s != '\0'; ++s) {
+            add(static_cast<unsigned char>(*s));
+        }
+    }
+    uint64_t finish()
+    {
+        compress(word | (length << 56));
+        v[2] ^= 0xff;
+        round();
+        round();
+        round();
+        return v[0] ^ v[1] ^ v[2] ^ v[3];
+    }
+};
+
+// Hash bits of a's prefix and name, NUL between them (a name holds no NUL).
+uint32_t attrHash(const AttrSet *set, const XmlNode *a)
+{
+    SipHash h(set->key);
+    h.add(a->nsPrefix);
+    h.add('\0');
+    h.add(a->name);
+    return static_cast<uint32_t>(h.finish() >> 32);
+}
+
+uint64_t mix64(uint64_t x)
+{
+    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
+    x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
+    return x ^ (x >> 31);
+}
+
+// A key no text can foresee: the clock and the addresses of the new slots
+// and of the stack, which differ from process to process.
+void drawKey(AttrSet *set, const void *slots)
+{
+    auto ticks = static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+    auto stack = reinterpret_cast<uintptr_t>(&ticks);
+    set->key[0] = mix64(ticks ^ mix64(reinterpret_cast<uintptr_t>(slots)));
+    set->key[1] = mix64(set->key[0] ^ stack);
+}
+
+// Puts an entry (hash bits in its upper half) in the first free slot from
+// its home slot on.
+inline void placeEntry(uint64_t *slots, uint32_t mask, uint64_t entry)
+{
+    uint32_t i = static_cast<uint32_t>(entry >> 32) & mask;
+    while (slots[i] != 0) {
+        i = (i + 1) & mask;
+    }
+    slots[i] = entry;
 }
 
 // Returns the record equal to attr, or inserts attr and returns null.
-XmlNode *attrSetFindOrAdd(AttrSet *set, XmlNode *attr)
+// hash: attrHash(set, attr).
+XmlNode *attrSetFindOrAdd(AttrSet *set, XmlNode *attr, uint32_t hash)
 {
-    uint32_t i = attrHash(attr) & set->mask;
-    while (set->slots[i] != nullptr) {
-        if (sameAttr(set->slots[i], attr)) {
-            return set->slots[i];
+    uint32_t i = hash & set->mask;
+    for (uint64_t entry; (entry = set->slots[i]) != 0; i = (i + 1) & set->mask) {
+        if (static_cast<uint32_t>(entry >> 32) == hash) {
+            XmlNode *seen = set->records[static_cast<uint32_t>(entry) - 1];
+            if (sameAttr(seen, attr)) {
+                return seen;
+            }
         }
-        i = (i + 1) & set->mask;
     }
-    set->slots[i] = attr;
-    ++set->count;
+    set->records[set->count] = attr;
+    set->slots[i] = (uint64_t{hash} << 32) | ++set->count;
     return nullptr;
 }
 
-// Rebuilds the set with room for twice the attributes of list; false when
-// memory ran out (the old set is kept).
+// Rebuilds the set with room for twice listCount attributes: the first time
+// from the list, later from its own entries, so that no record is read
+// again. False when memory ran out (the old set is kept).
 bool attrSetGrow(AttrSet *set, XmlNode *list, uint32_t listCount)
 {
-    uint32_t capacity = 64;
-    while (capacity < listCount * 4) {
+    size_t capacity = 64;
+    while (capacity < size_t{listCount} * 4) {
         capacity *= 2;
     }
-    auto **slots = static_cast<XmlNode **>(krvHeapCalloc(capacity, sizeof(XmlNode *)));
+    if (capacity > (size_t{1} << 31)) {
+        return false;  // beyond 32-bit indexes; no text of such size is parsed
+    }
+    auto *slots = static_cast<uint64_t *>(krvHeapCalloc(capacity + capacity / 2, sizeof(uint64_t)));
     if (slots == nullptr) {
         return false;
     }
+    auto *records = reinterpret_cast<XmlNode **>(slots + capacity);
+    auto mask = static_cast<uint32_t>(capacity - 1);
+    if (set->slots == nullptr) {
+        drawKey(set, slots);
+        set->slots = slots;
+        set->records = records;
+        set->mask = mask;
+        set->count = 0;
+        for (XmlNode *a = list; a != nullptr; a = a->next) {
+            attrSetFindOrAdd(set, a, attrHash(set, a));
+        }
+        return true;
+    }
+    for (uint32_t i = 0; i <= set->mask; ++i) {
+        if (set->slots[i] != 0) {
+            placeEntry(slots, mask, set->slots[i]);
+        }
+    }
+    std::memcpy(records, set->records, set->count * sizeof(XmlNode *));
     krvHeapFree(set->slots);
     set->slots = slots;
-    set->mask = capacity - 1;
-    set->count = 0;
-    for (XmlNode *a = list; a != nullptr; a = a->next) {
-        attrSetFindOrAdd(set, a);
-    }
+    set->records = records;
+    set->mask = mask;
     return true;
 }
 
 enum class AttrStep { Ok, NoMemory, Duplicate };
 
-// Links attr after tail unless an equal attribute is in the list.
-AttrStep appendAttr(XmlNode *element, XmlNode **tail, uint32_t *count, AttrSet *set, XmlNode *attr)
+// A large tag's set is far bigger than the caches: hashing attr's name as
+// soon as it is known and fetching its home slot then lets the fetch overlap
+// the reading of the value. Returns the hash, or 0 when the set is not used
+// (a hash that is 0 is then only computed again).
+inline uint32_t attrSetHashAhead(const AttrSet *set, uint32_t count, const XmlNode *attr)
+{
+    if (count < kLinearLimit || set->slots == nullptr) {
+        return 0;
+    }
+    uint32_t hash = attrHash(set, attr);
+    __builtin_prefetch(&set->slots[hash & set->mask]);
+    return hash;
+}
+
+// Links attr after tail unless an equal attribute is in the list. hash:
+// from attrSetHashAhead, or 0.
+AttrStep appendAttr(XmlNode *element, XmlNode **tail, uint32_t *count, AttrSet *set, XmlNode *attr,
+                    uint32_t hash = 0)
 {
     if (*count < kLinearLimit) {
         for (XmlNode *a = element->firstAttr; a != nullptr; a = a->next) {
@@ -202,7 +334,7 @@ AttrStep appendAttr(XmlNode *element, XmlNode **tail, uint32_t *count, AttrSet *
                 return AttrStep::NoMemory;
             }
         }
-        if (attrSetFindOrAdd(set, attr) != nullptr) {
+        if (attrSetFindOrAdd(set, attr, hash != 0 ? hash : attrHash(set, attr)) != nullptr) {
             return AttrStep::Duplicate;
         }
     }
@@ -289,12 +421,13 @@ inline int32_t finishParsedAttr(XmlParser *p, XmlNode *element, XmlNode *attr,
                                 bool plainValue, XmlNode **tail, uint32_t *count, AttrSet *set,
                                 Dup dup = Dup::Unknown)
 {
+    uint32_t hash = dup == Dup::Unknown ? attrSetHashAhead(set, *count, attr) : 0;
     int32_t rc = xmlStoreRun(p->session, value, valueLen, plainValue, &attr->value, p->diag);
     attr->valueOwned = 1;
     if (rc == KRV_XML_OK) {
         AttrStep step = AttrStep::Duplicate;
         if (dup == Dup::Unknown) {
-            step = appendAttr(element, tail, count, set, attr);
+            step = appendAttr(element, tail, count, set, attr, hash);
         } else if (dup == Dup::No) {
             if (*tail == nullptr) {
                 element->firstAttr = attr;
@@ -328,7 +461,7 @@ int32_t Parser_processAttribute(XmlParser *p)
     XmlNode *element = p->current;
     XmlNode *tail = nullptr;
     uint32_t count = 0;
-    AttrSet set = {nullptr, 0, 0};
+    AttrSet set{};
     int32_t rc = static_cast<int32_t>(KRV_XML_ERR_SYNTAX);
     for (;;) {
         if (p->token == nullptr || !isSpace(p->token[-1])) {
@@ -1483,7 +1616,7 @@ Fast fastStartTag(XmlParser *p)
     p->state = XML_PARSE_ATTRS;
     XmlNode *tail = nullptr;
     uint32_t listed = 0;
-    AttrSet set = {nullptr, 0, 0};
+    AttrSet set{};
     int32_t rc = KRV_XML_OK;
     // Names that need no decoding are equal exactly when their bytes are, so
     // duplicates can be found on the text.
