@@ -133,8 +133,8 @@ inline bool sameAttr(const XmlNode *a, const XmlNode *b)
 constexpr uint32_t kLinearLimit = 16;
 
 struct AttrSet {
-    // Per slot: the upper half of the name's hash, whose low bits are also
-    // its home slot, then the record's index + 1 in `records`; 0 when empty.
+    // Per slot: the 32 hash bits of the name (their low bits pick its home
+    // slot) over the record's index + 1 in `records`; 0 when empty.
     uint64_t *slots;
     XmlNode **records;  // in the order added; shares the slots' allocation
     uint32_t mask;      // slot count - 1; the slot count is a power of two
@@ -208,7 +208,7 @@ uint32_t attrHash(const AttrSet *set, const XmlNode *a)
 {
     SipHash h(set->key);
     h.add(a->nsPrefix);
-    h.add('\0');
+    h.add(static_cast<unsigned char>(0));
     h.add(a->name);
     return static_cast<uint32_t>(h.finish() >> 32);
 }
