@@ -1013,7 +1013,13 @@ struct FastAttr {
     bool plainName;
     bool plainValue;
 };
-constexpr int kFastAttrs = 32;
+constexpr int kFastAttrs = 32;   // attributes a tag is read with on the stack
+constexpr int kWideAttrs = 128;  // more take the token-by-token steps
+
+struct Span {
+    const char *at;
+    uint32_t len;
+};
 
 // Bytes a session string of len bytes takes: its NUL, rounded up to 8.
 constexpr size_t runBytes(size_t len)
@@ -1120,25 +1126,203 @@ inline __attribute__((always_inline)) bool putName(Take &take, const char *src, 
 
 constexpr uint32_t kLongestCarved = 4096;  // longer runs take the general path
 
-// Whether attribute a repeats the name of one of the count before it; plain
-// names are equal exactly when their bytes are.
-inline bool repeatsName(const FastAttr *attrs, int count, const FastAttr &a)
-{
-    for (int j = 0; j < count; ++j) {
-        if (attrs[j].nameLen == a.nameLen && attrs[j].name[0] == a.name[0] &&
-            std::memcmp(attrs[j].name, a.name, a.nameLen) == 0) {
-            return true;
+// The names of one start tag's attributes as read so far, for the fast
+// path's duplicate check. They are plain, so two are equal exactly when
+// their bytes are. Up to kFilterNames names, a 64-bit filter on the first
+// and last bytes and the length picks the names that need a look at the
+// others; from there on, a table hashed on all the bytes keeps each check
+// short. At most kWideAttrs names, so even names made to collide cost a
+// bounded number of comparisons per name.
+class TagNames {
+public:
+    enum Result { Added, Repeat, Full };
+    static constexpr int kFilterNames = 16;
+
+    // The first names take the inline steps; the table's are out of line.
+    __attribute__((always_inline)) Result add(const char *s, uint32_t len)
+    {
+        if (mask_ != 0 || count_ >= kFilterNames - 1) {
+            return addToTable(s, len);
+        }
+        uint64_t bit = filterBit(s, len);
+        if ((filter_ & bit) != 0 && seen(count_, s, len)) {
+            return Repeat;
+        }
+        filter_ |= bit;
+        put(count_++, s, len);
+        return Added;
+    }
+
+    // A caller may run the filter itself, in a register, for its first
+    // names (at most kFilterNames), and then hand them over with adopt.
+    static uint64_t filterBit(const char *s, uint32_t len)
+    {
+        uint32_t mix = static_cast<unsigned char>(s[0]) * 0x9E3779B1u ^
+                       static_cast<unsigned char>(s[len - 1]) * 0x85EBCA6Bu ^ len * 0xC2B2AE35u;
+        return uint64_t{1} << (mix >> 26);
+    }
+    // Starts over with the count names at spans (distinct, count at most
+    // kFilterNames).
+    void adopt(const Span *spans, int count)
+    {
+        count_ = count;
+        filter_ = 0;
+        mask_ = 0;
+        for (int j = 0; j < count; ++j) {
+            put(j, spans[j].at, spans[j].len);
+            filter_ |= filterBit(spans[j].at, spans[j].len);
         }
     }
-    return false;
+
+private:
+    static_assert(kWideAttrs < 256 && 4 * kFilterNames <= 2 * kWideAttrs, "slots hold a count");
+
+    void put(int i, const char *s, uint32_t len)
+    {
+        name_[i] = s;
+        len_[i] = len;
+    }
+    __attribute__((noinline)) bool seen(int count, const char *s, uint32_t len) const
+    {
+        for (int j = 0; j < count; ++j) {
+            if (same(j, s, len)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    bool same(int j, const char *s, uint32_t len) const
+    {
+        return len_[j] == len && name_[j][0] == s[0] && std::memcmp(name_[j], s, len) == 0;
+    }
+    static uint32_t hash(const char *s, uint32_t len)
+    {
+        uint32_t h = 2166136261u ^ len;
+        for (uint32_t i = 0; i < len; ++i) {
+            h = (h ^ static_cast<unsigned char>(s[i])) * 16777619u;
+        }
+        return h ^ (h >> 15);
+    }
+    // The last name the filter takes, which brings in the table, and every
+    // name after it.
+    __attribute__((noinline)) Result addToTable(const char *s, uint32_t len)
+    {
+        if (count_ == kWideAttrs) {
+            return Full;
+        }
+        uint32_t h = hash(s, len);
+        if (mask_ == 0) {
+            if (seen(count_, s, len)) {
+                return Repeat;
+            }
+            for (int j = 0; j < count_; ++j) {
+                hash_[j] = hash(name_[j], len_[j]);
+            }
+            rebuild(4 * kFilterNames);
+        }
+        uint32_t i = h & mask_;
+        for (; slot_[i] != 0; i = (i + 1) & mask_) {
+            int j = slot_[i] - 1;
+            if (hash_[j] == h && same(j, s, len)) {
+                return Repeat;
+            }
+        }
+        name_[count_] = s;
+        len_[count_] = len;
+        hash_[count_] = h;
+        slot_[i] = static_cast<uint8_t>(++count_);
+        if (static_cast<uint32_t>(count_) * 2 > mask_ + 1) {
+            rebuild(2 * (mask_ + 1));
+        }
+        return Added;
+    }
+    // Spreads the names over `slots` table slots (a power of two).
+    void rebuild(uint32_t slots)
+    {
+        mask_ = slots - 1;
+        std::memset(slot_, 0, slots);
+        for (int j = 0; j < count_; ++j) {
+            uint32_t i = hash_[j] & mask_;
+            while (slot_[i] != 0) {
+                i = (i + 1) & mask_;
+            }
+            slot_[i] = static_cast<uint8_t>(j + 1);
+        }
+    }
+
+    int count_;
+    uint64_t filter_;
+    uint32_t mask_;  // table slots - 1; 0 while the filter is used
+    const char *name_[kWideAttrs];
+    uint32_t len_[kWideAttrs];
+    uint32_t hash_[kWideAttrs];
+    uint8_t slot_[2 * kWideAttrs];  // index of a name + 1; 0 when free
+};
+
+// Room for a tag of more than kFastAttrs attributes or kFilterNames names,
+// made on the first such tag of a parse and kept to its end.
+struct WideTag {
+    TagNames names;
+    FastAttr attrs[kWideAttrs];
+};
+
+// Null when memory ran out.
+WideTag *wideTag(XmlParser *p)
+{
+    if (p->wideTag == nullptr) {
+        p->wideTag = krvHeapMalloc(sizeof(WideTag));
+    }
+    return static_cast<WideTag *>(p->wideTag);
+}
+
+// The first of attrs (all with plain names) that repeats a name before it,
+// count when none does, or -1 when memory for the check ran out.
+int firstRepeat(XmlParser *p, const FastAttr *attrs, int count)
+{
+    uint64_t filter = 0;
+    int i = 0;
+    for (; i < count && i < TagNames::kFilterNames; ++i) {
+        const FastAttr &a = attrs[i];
+        uint64_t bit = TagNames::filterBit(a.name, a.nameLen);
+        if ((filter & bit) != 0) {
+            for (int j = 0; j < i; ++j) {
+                if (attrs[j].nameLen == a.nameLen &&
+                    std::memcmp(attrs[j].name, a.name, a.nameLen) == 0) {
+                    return i;
+                }
+            }
+        }
+        filter |= bit;
+    }
+    if (i == count) {
+        return count;
+    }
+    WideTag *w = wideTag(p);
+    if (w == nullptr) {
+        return -1;
+    }
+    Span spans[TagNames::kFilterNames];
+    for (int j = 0; j < i; ++j) {
+        spans[j] = {attrs[j].name, attrs[j].nameLen};
+    }
+    w->names.adopt(spans, i);
+    for (; i < count; ++i) {
+        if (w->names.add(attrs[i].name, attrs[i].nameLen) != TagNames::Added) {
+            return i;
+        }
+    }
+    return count;
 }
 
 // Scans the attributes and the end of a start tag from q (just after its
-// name) into attrs, from *count on. Returns the position after the tag, with
-// *count and *empty, or null when the tag is not plain: an attribute without
-// '=' or quotes, an unterminated value, a long run, more than kFastAttrs.
+// name) into attrs, which has room for room of them, from *count on. Returns
+// the position after the tag, with *count and *empty, or null when the tag
+// is not plain: an attribute without '=' or quotes, an unterminated value, a
+// long run; also when attrs is full, which sets *full.
 inline __attribute__((always_inline)) const char *scanAttrList(const char *q, FastAttr *attrs,
-                                                             int *count, bool *empty)
+                                                             int room, int *count, bool *empty,
+                                                             bool *full)
 {
     for (;;) {
         if (*q == '>') {
@@ -1156,7 +1340,11 @@ inline __attribute__((always_inline)) const char *scanAttrList(const char *q, Fa
         if (*q == '>' || (q[0] == '/' && q[1] == '>')) {
             continue;
         }
-        if (!isWordStart(*q) || *count == kFastAttrs) {
+        if (!isWordStart(*q)) {
+            return nullptr;
+        }
+        if (*count == room) {
+            *full = true;
             return nullptr;
         }
         FastAttr &a = attrs[*count];
@@ -1199,15 +1387,16 @@ inline __attribute__((always_inline)) const char *scanAttrList(const char *q, Fa
 
 // Session bytes that attribute a adds to a tag carved in one piece, or 0
 // when it keeps the tag from being carved so: a name or value that needs
-// decoding, a misplaced colon, a repeated name, a long run.
-inline size_t carvedAttrBytes(const FastAttr *attrs, int count, const FastAttr &a)
+// decoding, a misplaced colon, a long run. (Repeated names are the
+// caller's to find.)
+inline size_t carvedAttrBytes(const FastAttr &a)
 {
     if (!a.plainName || !a.plainValue || a.nameLen >= kLongestCarved ||
         a.valueLen >= kLongestCarved) {
         return 0;
     }
     size_t bytes = nameBytes(a.nameLen, a.colon == nullptr ? -1 : a.colon - a.name);
-    if (bytes == 0 || repeatsName(attrs, count, a)) {
+    if (bytes == 0) {
         return 0;
     }
     return kAttrRecordSize + bytes + (a.valueLen != 0 ? runBytes(a.valueLen) : 0);
@@ -1320,11 +1509,24 @@ Fast linkTag(XmlParser *p, XmlNode *n, const char *lt, const char *q, bool empty
     return Fast::Done;
 }
 
+// Whether one of the count names at spans is the len bytes at s.
+__attribute__((noinline)) bool repeatsSpan(const Span *spans, int count, const char *s,
+                                           uint32_t len)
+{
+    for (int j = 0; j < count; ++j) {
+        if (spans[j].len == len && std::memcmp(spans[j].at, s, len) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // Where the one-pass read of a tag stopped for want of room in the block:
 // the attribute that did not fit, and the last one carved before it.
 struct DirectRest {
     const char *at = nullptr;
     XmlNode *tail = nullptr;
+    bool noMemory = false;  // the room for a tag of many names could not be had
 };
 
 // The attributes and end of a start tag read in one pass, each attribute
@@ -1334,12 +1536,13 @@ struct DirectRest {
 // long run, or the tag reads otherwise; also where an attribute would not
 // fit before limit, which *rest then records, with *count carved.
 const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t *limit,
-                        const char *q, bool *empty, int *count, DirectRest *rest)
+                        const char *q, bool *empty, int *count, DirectRest *rest, Span *spans)
 {
-    // One bit per attribute name read, at a hash of its length and first and
-    // last bytes: only a name whose bit is set already is compared with the
-    // attributes before it.
-    uint64_t namesSeen = 0;
+    // The names of the first attributes go through a filter kept here in a
+    // register and into spans; from kFilterNames on, through the parse's
+    // TagNames.
+    uint64_t filter = 0;
+    TagNames *names = nullptr;
     int listed = 0;
     XmlNode *tail = nullptr;
     for (;;) {
@@ -1361,7 +1564,7 @@ const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t 
         if (*q == '>' || (q[0] == '/' && q[1] == '>')) {
             continue;
         }
-        if (!isWordStart(*q) || listed == kFastAttrs) {
+        if (!isWordStart(*q)) {
             return nullptr;
         }
         const char *name = q;
@@ -1396,18 +1599,6 @@ const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t 
         if (bytes == 0) {
             return nullptr;
         }
-        uint32_t hash = static_cast<unsigned char>(name[0]) * 0x9E3779B1u ^
-                        static_cast<unsigned char>(name[nameLen - 1]) * 0x85EBCA6Bu ^
-                        nameLen * 0xC2B2AE35u;
-        uint64_t bit = uint64_t{1} << (hash >> 26);
-        if ((namesSeen & bit) != 0) {
-            for (const XmlNode *a = n->firstAttr; a != nullptr; a = a->next) {
-                if (sameName(a, name, nameLen)) {
-                    return nullptr;
-                }
-            }
-        }
-        namesSeen |= bit;
         bytes += kAttrRecordSize + (valueLen != 0 ? runBytes(valueLen) : 0);
         if (static_cast<size_t>(limit - take.m) < bytes) {
             // The block is full: the rest of the tag goes piece by piece.
@@ -1415,6 +1606,27 @@ const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t 
             rest->tail = tail;
             *count = listed;
             return nullptr;
+        }
+        if (listed < TagNames::kFilterNames) {
+            uint64_t bit = TagNames::filterBit(name, nameLen);
+            if ((filter & bit) != 0 && repeatsSpan(spans, listed, name, nameLen)) {
+                return nullptr;
+            }
+            filter |= bit;
+            spans[listed] = {name, nameLen};
+        } else {
+            if (names == nullptr) {
+                WideTag *w = wideTag(p);
+                if (w == nullptr) {
+                    rest->noMemory = true;
+                    return nullptr;
+                }
+                names = &w->names;
+                names->adopt(spans, listed);
+            }
+            if (names->add(name, nameLen) != TagNames::Added) {
+                return nullptr;
+            }
         }
         putAttr(take, p, n, &tail, name, nameLen, colonAt, v, valueLen);
         ++listed;
@@ -1427,26 +1639,31 @@ const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t 
 // attributes are scanned, and when they too are plain, the carved part is
 // kept and they are carved piece by piece, each where first fit puts it, as
 // the two-pass read would have done. Bail (nothing changed) when they are
-// not plain; Failed when memory ran out.
+// not plain or repeat a name (names holds those read so far); Failed when
+// memory ran out.
 Fast finishFullTag(XmlParser *p, XmlNode *n, XmlMemSession *block, uint8_t *start, uint8_t *m,
-                   const DirectRest &rest, int count, const char *lt)
+                   const DirectRest &rest, int count, const char *lt, const Span *spans)
 {
-    FastAttr attrs[kFastAttrs];
+    WideTag *w = wideTag(p);
+    if (w == nullptr) {
+        note(p, lt, "out of memory");
+        return Fast::Failed;
+    }
+    if (count < TagNames::kFilterNames) {
+        w->names.adopt(spans, count);  // else they went there as they were read
+    }
+    FastAttr *attrs = w->attrs;
     int more = 0;
     bool empty = false;
-    const char *q = scanAttrList(rest.at, attrs, &more, &empty);
-    if (q == nullptr || count + more > kFastAttrs) {
+    bool full = false;
+    const char *q = scanAttrList(rest.at, attrs, kWideAttrs - count, &more, &empty, &full);
+    if (q == nullptr) {
         return Fast::Bail;
     }
     for (int i = 0; i < more; ++i) {
         const FastAttr &a = attrs[i];
-        if (carvedAttrBytes(attrs, i, a) == 0) {
+        if (carvedAttrBytes(a) == 0 || w->names.add(a.name, a.nameLen) != TagNames::Added) {
             return Fast::Bail;
-        }
-        for (const XmlNode *b = n->firstAttr; b != nullptr; b = b->next) {
-            if (sameName(b, a.name, a.nameLen)) {
-                return Fast::Bail;
-            }
         }
     }
     block->cursor = m;
@@ -1505,10 +1722,15 @@ inline __attribute__((always_inline)) Fast directStartTag(XmlParser *p)
     bool empty = false;
     int count = 0;
     DirectRest rest;
-    const char *q = directAttrs(p, n, take, limit, nameEnd, &empty, &count, &rest);
+    Span spans[TagNames::kFilterNames];
+    const char *q = directAttrs(p, n, take, limit, nameEnd, &empty, &count, &rest, spans);
     if (q == nullptr) {
+        if (rest.noMemory) {
+            note(p, lt, "out of memory");
+            return Fast::Failed;
+        }
         if (rest.at != nullptr) {
-            Fast done = finishFullTag(p, n, block, start, take.m, rest, count, lt);
+            Fast done = finishFullTag(p, n, block, start, take.m, rest, count, lt, spans);
             if (done != Fast::Bail) {
                 return done;
             }
@@ -1538,10 +1760,23 @@ Fast fastStartTag(XmlParser *p)
     if (nameEnd == nullptr || nameEnd - name > static_cast<ptrdiff_t>(kMaxRun)) {
         return Fast::Bail;
     }
-    FastAttr attrs[kFastAttrs];
+    FastAttr stackAttrs[kFastAttrs];
+    FastAttr *attrs = stackAttrs;
     int count = 0;
     bool empty;
-    const char *q = scanAttrList(nameEnd, attrs, &count, &empty);
+    bool full = false;
+    const char *q = scanAttrList(nameEnd, attrs, kFastAttrs, &count, &empty, &full);
+    if (q == nullptr && full) {
+        WideTag *w = wideTag(p);
+        if (w == nullptr) {
+            note(p, lt, "out of memory");
+            return Fast::Failed;
+        }
+        attrs = w->attrs;
+        count = 0;
+        full = false;
+        q = scanAttrList(nameEnd, attrs, kWideAttrs, &count, &empty, &full);
+    }
     if (q == nullptr) {
         return Fast::Bail;
     }
@@ -1553,8 +1788,35 @@ Fast fastStartTag(XmlParser *p)
         carved = nameBytes(nameLen, colonAt);
         carved += carved != 0 && p->pending == nullptr ? kElementRecordSize : 0;
     }
+    // Names that need no decoding are equal exactly when their bytes are, so
+    // duplicates can be found on the text.
+    bool plainNames = true;
+    for (int i = 0; i < count; ++i) {
+        plainNames = plainNames && attrs[i].plainName;
+    }
+    int repeat = count;
+    if (plainNames && attrs == stackAttrs) {
+        for (int i = 1; i < count && repeat == count; ++i) {
+            for (int j = 0; j < i; ++j) {
+                if (attrs[j].nameLen == attrs[i].nameLen && attrs[j].name[0] == attrs[i].name[0] &&
+                    std::memcmp(attrs[j].name, attrs[i].name, attrs[i].nameLen) == 0) {
+                    repeat = i;
+                    break;
+                }
+            }
+        }
+    } else if (plainNames) {
+        repeat = firstRepeat(p, attrs, count);
+    }
+    if (repeat < 0) {
+        note(p, lt, "out of memory");
+        return Fast::Failed;
+    }
+    if (repeat != count) {
+        carved = 0;
+    }
     for (int i = 0; i < count && carved != 0; ++i) {
-        size_t bytes = carvedAttrBytes(attrs, i, attrs[i]);
+        size_t bytes = carvedAttrBytes(attrs[i]);
         carved = bytes != 0 ? carved + bytes : 0;
     }
 
@@ -1618,12 +1880,6 @@ Fast fastStartTag(XmlParser *p)
     uint32_t listed = 0;
     AttrSet set{};
     int32_t rc = KRV_XML_OK;
-    // Names that need no decoding are equal exactly when their bytes are, so
-    // duplicates can be found on the text.
-    bool plainNames = true;
-    for (int i = 0; i < count; ++i) {
-        plainNames = plainNames && attrs[i].plainName;
-    }
     for (int i = 0; i < count && rc == KRV_XML_OK; ++i) {
         const FastAttr &a = attrs[i];
         XmlNode *attr = newParsedAttr(p, a.name, a.nameLen, a.plainName, &rc, &a.colon);
@@ -1632,7 +1888,7 @@ Fast fastStartTag(XmlParser *p)
         }
         Dup dup = Dup::Unknown;
         if (plainNames) {
-            dup = repeatsName(attrs, i, a) ? Dup::Yes : Dup::No;
+            dup = i == repeat ? Dup::Yes : Dup::No;
         }
         rc = finishParsedAttr(p, n, attr, a.name, a.value, a.valueLen, a.plainValue, &tail,
                               &listed, &set, dup);
@@ -1917,6 +2173,7 @@ uint32_t Parser_parseDocument(XmlNode **out, XmlParser *p)
     if (doc == nullptr) {
         XML_MemSessionEnd(session);
     }
+    krvHeapFree(p->wideTag);
     krvHeapFree(p);
     return rc;
 }

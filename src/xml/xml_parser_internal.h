@@ -40,6 +40,7 @@ struct XmlParser {
     uint64_t openCount;      // elements open right now
     const char *tagName;     // name of the start tag being read
     XmlParseDiag *diag;      // null for the plain entry points
+    void *wideTag;           // room for reading tags of many attributes, made when needed
 };
 
 int32_t Parser_skipMisc(XmlParser *parser);
