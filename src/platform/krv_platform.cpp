@@ -206,8 +206,14 @@ __attribute__((noinline)) void *krvHeapRealloc(void *ptr, size_t size)
     if (shouldFail()) {
         return nullptr;
     }
-#endif
+    void *p = std::realloc(ptr, size == 0 ? 1 : size);
+    if (p != nullptr && ptr == nullptr) {
+        g_live.fetch_add(1, std::memory_order_relaxed);  // a new block, as from malloc
+    }
+    return p;
+#else
     return std::realloc(ptr, size == 0 ? 1 : size);
+#endif
 }
 
 __attribute__((noinline)) void krvHeapFree(void *ptr)

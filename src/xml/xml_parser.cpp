@@ -192,6 +192,19 @@ struct SipHash {
             add(static_cast<unsigned char>(*s));
         }
     }
+    // The len bytes at s, on a fresh hash: eight at a time.
+    void addFresh(const char *s, size_t len)
+    {
+        for (; length + 8 <= len; length += 8) {
+            uint64_t m;
+            std::memcpy(&m, s + length, 8);
+            compress(m);
+        }
+        for (; length < len; ++length) {
+            auto c = static_cast<unsigned char>(s[length]);
+            word |= static_cast<uint64_t>(c) << (8 * (length & 7));
+        }
+    }
     uint64_t finish()
     {
         compress(word | (length << 56));
@@ -222,12 +235,12 @@ uint64_t mix64(uint64_t x)
 
 // A key no text can foresee: the clock and the addresses of the new slots
 // and of the stack, which differ from process to process.
-void drawKey(AttrSet *set, const void *slots)
+void drawKey(uint64_t key[2], const void *slots)
 {
     auto ticks = static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
     auto stack = reinterpret_cast<uintptr_t>(&ticks);
-    set->key[0] = mix64(ticks ^ mix64(reinterpret_cast<uintptr_t>(slots)));
-    set->key[1] = mix64(set->key[0] ^ stack);
+    key[0] = mix64(ticks ^ mix64(reinterpret_cast<uintptr_t>(slots)));
+    key[1] = mix64(key[0] ^ stack);
 }
 
 // Puts an entry (hash bits in its upper half) in the first free slot from
@@ -278,7 +291,7 @@ bool attrSetGrow(AttrSet *set, XmlNode *list, uint32_t listCount)
     auto *records = reinterpret_cast<XmlNode **>(slots + capacity);
     auto mask = static_cast<uint32_t>(capacity - 1);
     if (set->slots == nullptr) {
-        drawKey(set, slots);
+        drawKey(set->key, slots);
         set->slots = slots;
         set->records = records;
         set->mask = mask;
@@ -1261,25 +1274,90 @@ private:
 };
 
 // Room for a tag of more than kFastAttrs attributes or kFilterNames names,
-// made on the first such tag of a parse and kept to its end.
+// made on the first such tag of a parse and kept to its end. A tag of more
+// than kWideAttrs attributes is read into `many`, which grows by doubling.
 struct WideTag {
     TagNames names;
     FastAttr attrs[kWideAttrs];
+    FastAttr *many;
+    int manyRoom;
 };
+
+// More attributes in one tag take the token-by-token steps (also linear):
+// the fast read keeps the whole tag's table, 40 bytes per attribute.
+constexpr int kMostAttrs = 1 << 24;
 
 // Null when memory ran out.
 WideTag *wideTag(XmlParser *p)
 {
     if (p->wideTag == nullptr) {
-        p->wideTag = krvHeapMalloc(sizeof(WideTag));
+        auto *w = static_cast<WideTag *>(krvHeapMalloc(sizeof(WideTag)));
+        if (w != nullptr) {
+            w->many = nullptr;
+            w->manyRoom = 0;
+        }
+        p->wideTag = w;
     }
     return static_cast<WideTag *>(p->wideTag);
+}
+
+void releaseWideTag(XmlParser *p)
+{
+    if (p->wideTag != nullptr) {
+        krvHeapFree(static_cast<WideTag *>(p->wideTag)->many);
+        krvHeapFree(p->wideTag);
+        p->wideTag = nullptr;
+    }
+}
+
+// firstRepeat for more than kWideAttrs names: they go through a set hashed
+// with a key of its own, so that no choice of names makes the check slow.
+int firstRepeatMany(const FastAttr *attrs, int count)
+{
+    size_t size = 1;
+    while (size < static_cast<size_t>(count) * 2) {
+        size <<= 1;
+    }
+    // Per slot: the name's 32 hash bits over its index + 1; 0 when free.
+    auto *slots = static_cast<uint64_t *>(krvHeapCalloc(size, sizeof(uint64_t)));
+    if (slots == nullptr) {
+        return -1;
+    }
+    uint64_t key[2];
+    drawKey(key, slots);
+    auto mask = static_cast<uint32_t>(size - 1);
+    auto same = [attrs](uint64_t entry, uint32_t hash, const FastAttr &a) {
+        const FastAttr &b = attrs[static_cast<uint32_t>(entry) - 1];
+        return static_cast<uint32_t>(entry >> 32) == hash && b.nameLen == a.nameLen &&
+               std::memcmp(b.name, a.name, a.nameLen) == 0;
+    };
+    int repeat = count;
+    for (int i = 0; i < count && repeat == count; ++i) {
+        const FastAttr &a = attrs[i];
+        SipHash h(key);
+        h.addFresh(a.name, a.nameLen);
+        auto hash = static_cast<uint32_t>(h.finish() >> 32);
+        uint32_t at = hash & mask;
+        while (slots[at] != 0 && !same(slots[at], hash, a)) {
+            at = (at + 1) & mask;
+        }
+        if (slots[at] != 0) {
+            repeat = i;
+        } else {
+            slots[at] = (uint64_t{hash} << 32) | static_cast<uint32_t>(i + 1);
+        }
+    }
+    krvHeapFree(slots);
+    return repeat;
 }
 
 // The first of attrs (all with plain names) that repeats a name before it,
 // count when none does, or -1 when memory for the check ran out.
 int firstRepeat(XmlParser *p, const FastAttr *attrs, int count)
 {
+    if (count > kWideAttrs) {
+        return firstRepeatMany(attrs, count);
+    }
     uint64_t filter = 0;
     int i = 0;
     for (; i < count && i < TagNames::kFilterNames; ++i) {
@@ -1316,10 +1394,11 @@ int firstRepeat(XmlParser *p, const FastAttr *attrs, int count)
 }
 
 // Scans the attributes and the end of a start tag from q (just after its
-// name) into attrs, which has room for room of them, from *count on. Returns
-// the position after the tag, with *count and *empty, or null when the tag
-// is not plain: an attribute without '=' or quotes, an unterminated value, a
-// long run; also when attrs is full, which sets *full.
+// name, or where a scan stopped full) into attrs, which has room for room of
+// them, from *count on. Returns the position after the tag, with *count and
+// *empty, or null when the tag is not plain: an attribute without '=' or
+// quotes, an unterminated value, a long run. When attrs is full, sets *full
+// and returns where the next attribute's scan would start.
 inline __attribute__((always_inline)) const char *scanAttrList(const char *q, FastAttr *attrs,
                                                              int room, int *count, bool *empty,
                                                              bool *full)
@@ -1336,6 +1415,7 @@ inline __attribute__((always_inline)) const char *scanAttrList(const char *q, Fa
         if (!isSpace(*q)) {
             return nullptr;
         }
+        const char *gap = q;
         q = skipSpace(q);
         if (*q == '>' || (q[0] == '/' && q[1] == '>')) {
             continue;
@@ -1345,7 +1425,7 @@ inline __attribute__((always_inline)) const char *scanAttrList(const char *q, Fa
         }
         if (*count == room) {
             *full = true;
-            return nullptr;
+            return gap;
         }
         FastAttr &a = attrs[*count];
         bool amp = false;
@@ -1383,6 +1463,43 @@ inline __attribute__((always_inline)) const char *scanAttrList(const char *q, Fa
         ++*count;
         q = close + 1;
     }
+}
+
+// Reads on a tag of more than kWideAttrs attributes into w->many, from q,
+// where the read into w->attrs stopped full (count is kWideAttrs). Returns
+// as scanAttrList does, and null also for a tag of more than kMostAttrs
+// attributes, or with *noMemory when room for them could not be had.
+__attribute__((noinline)) const char *scanManyAttrs(WideTag *w, const char *q, int *count,
+                                                    bool *empty, bool *noMemory)
+{
+    bool full = true;
+    bool moved = false;
+    while (full) {
+        if (*count >= w->manyRoom) {  // none yet, or full
+            if (w->manyRoom == kMostAttrs) {
+                return nullptr;
+            }
+            int room = w->manyRoom == 0 ? 4 * kWideAttrs : 2 * w->manyRoom;
+            auto *many = static_cast<FastAttr *>(
+                krvHeapRealloc(w->many, static_cast<size_t>(room) * sizeof(FastAttr)));
+            if (many == nullptr) {
+                *noMemory = true;
+                return nullptr;
+            }
+            w->many = many;
+            w->manyRoom = room;
+        }
+        if (!moved) {
+            std::memcpy(w->many, w->attrs, sizeof w->attrs);
+            moved = true;
+        }
+        full = false;
+        q = scanAttrList(q, w->many, w->manyRoom, count, empty, &full);
+        if (q == nullptr) {
+            return nullptr;
+        }
+    }
+    return q;
 }
 
 // Session bytes that attribute a adds to a tag carved in one piece, or 0
@@ -1657,7 +1774,7 @@ Fast finishFullTag(XmlParser *p, XmlNode *n, XmlMemSession *block, uint8_t *star
     bool empty = false;
     bool full = false;
     const char *q = scanAttrList(rest.at, attrs, kWideAttrs - count, &more, &empty, &full);
-    if (q == nullptr) {
+    if (q == nullptr || full) {
         return Fast::Bail;
     }
     for (int i = 0; i < more; ++i) {
@@ -1766,7 +1883,7 @@ Fast fastStartTag(XmlParser *p)
     bool empty;
     bool full = false;
     const char *q = scanAttrList(nameEnd, attrs, kFastAttrs, &count, &empty, &full);
-    if (q == nullptr && full) {
+    if (full) {
         WideTag *w = wideTag(p);
         if (w == nullptr) {
             note(p, lt, "out of memory");
@@ -1776,6 +1893,15 @@ Fast fastStartTag(XmlParser *p)
         count = 0;
         full = false;
         q = scanAttrList(nameEnd, attrs, kWideAttrs, &count, &empty, &full);
+        if (full) {
+            bool noMemory = false;
+            q = scanManyAttrs(w, q, &count, &empty, &noMemory);
+            if (noMemory) {
+                note(p, lt, "out of memory");
+                return Fast::Failed;
+            }
+            attrs = w->many;
+        }
     }
     if (q == nullptr) {
         return Fast::Bail;
@@ -2173,7 +2299,7 @@ uint32_t Parser_parseDocument(XmlNode **out, XmlParser *p)
     if (doc == nullptr) {
         XML_MemSessionEnd(session);
     }
-    krvHeapFree(p->wideTag);
+    releaseWideTag(p);
     krvHeapFree(p);
     return rc;
 }
