@@ -170,8 +170,15 @@ TEST(Parser, SessionTagsLeftHalfCarvedReadAsHeapTags)
         "<r><a x='1'/>" + bigDecoded + "<c y='2'/></r>",
         "<r><a x='1'/>" + bigRepeat + "</r>",
     };
-    for (const std::string &text : texts) {
-        SCOPED_TRACE(text.substr(0, 40));
+    // The block runs out at each attribute of a tag in turn (a text before it
+    // fills the block up to a point that moves by 8 bytes from one to the next).
+    std::vector<std::string> all(std::begin(texts), std::end(texts));
+    for (int k = 0; k < 160; ++k) {
+        all.push_back("<r><a v='" + std::string(5600 + 8 * k, 'f') + "'/>" + wide(24, "", 10) +
+                      "</r>");
+    }
+    for (const std::string &text : all) {
+        SCOPED_TRACE(text.substr(0, 40) + " (" + std::to_string(text.size()) + " bytes)");
         krvtest::LeakGuard guard;
         XmlNode *heap = nullptr;
         XmlNode *session = nullptr;

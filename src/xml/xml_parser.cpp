@@ -1766,8 +1766,10 @@ Fast finishFullTag(XmlParser *p, XmlNode *n, XmlMemSession *block, uint8_t *star
         note(p, lt, "out of memory");
         return Fast::Failed;
     }
-    if (count < TagNames::kFilterNames) {
-        w->names.adopt(spans, count);  // else they went there as they were read
+    // The one-pass read hands its names over when it reads the name after
+    // the first kFilterNames, past the room check that stopped it here.
+    if (count <= TagNames::kFilterNames) {
+        w->names.adopt(spans, count);
     }
     FastAttr *attrs = w->attrs;
     int more = 0;
