@@ -65,7 +65,8 @@ TEST(Parser, AcceptedAndRefusedDocuments)
         {"<p:r><p:a>x</p:a></p:r>", "0 p:r=~;1 p:a=x;"}, {"<r>  x y  </r>", "0 r=  x y  ;"},
         {"<r>\n  x</r>", "0 r=  x;"},
         {"<r>\t x</r>", "0 r= x;"},  // the SPACE after the TAB is kept
-        {"<r>a &amp; b</r>", "0 r=a & b;"}, {"<r><![CDATA[<x>]]></r>", "0 r=<x>;"}, {"<r>  </r>", "0 r=  ;"},
+        {"<r>a &amp; b</r>", "0 r=a & b;"}, {"<r><![CDATA[<x>]]></r>", "0 r=<x>;"},
+        {"<r><![CDATA[x]]]></r>", "0 r=x];"}, {"<r><![CDATA[x]]]]]]]]]]]]]]]]]]>y</r>", "0 r=x]]]]]]]]]]]]]]]]y;"}, {"<r>  </r>", "0 r=  ;"},
         {"<r><!--c--></r>", "0 r=~;"}, {"<r><a></a> </r>", "0 r=~;1 a=~;"}, {"<r><a/> </r>", "0 r=~;1 a=~;"},
         {"<r>/x</r>", "0 r=/x;"}, {"<r>]]></r>", "0 r=]]>;"}, {"<r>x<!--c--></r>", "0 r=x;"},
         {"<r>a\r\nb </r >", "0 r=a\r\nb ;"},

@@ -62,7 +62,7 @@ TEST(Decoder, EntitiesReferencesAndCdataInBothRegimes)
         {"&#x800;", "\xE0\xA0\x80"}, {"&#x20AC;", "\xE2\x82\xAC"}, {"&#xFFFD;", "\xEF\xBF\xBD"},
         {"&#x1F600;", "\xF0\x9F\x98\x80"}, {"&#x10FFFF;", "\xF4\x8F\xBF\xBF"}, {"&#9;&#10;&#13;", "\t\n\r"},
         {"<![CDATA[x<y&z]]>", "x<y&z"}, {"a<![CDATA[b]]>c", "abc"}, {"<![CDATA[a]]><![CDATA[&lt;]]>", "a&lt;"},
-        {"<![CDATA[]] ]]>", "]] "}, {"line\r\nend", "line\r\nend"}, {"<b", "<b"},
+        {"<![CDATA[]] ]]>", "]] "}, {"<![CDATA[a]]]]>", "a]]"}, {"line\r\nend", "line\r\nend"}, {"<b", "<b"},
         {"<![CDATA[]]>", ""},  // an empty CDATA still yields a string
     };
     XmlMemSession *session = XML_MemSessionBegin(kSessionInitialSize);

@@ -194,7 +194,7 @@ int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char
                 *d++ = *s++;
                 continue;
             }
-            const char *close = std::strstr(s + 9, "]]>");
+            const char *close = findCdataEnd(s + 9);
             if (close == nullptr) {
                 reason = "unterminated CDATA section";
                 at = s;

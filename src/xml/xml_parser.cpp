@@ -4,8 +4,9 @@
 //
 // One forward pass over a NUL-terminated text that is never written. Tokens
 // are pointer and length into the text; every search for a closing delimiter
-// uses the C library's scans (strstr, strchr, memchr) and the byte classes
-// below, so no byte is looked at more than a constant number of times.
+// uses the C library's scans (strstr, strchr, memchr), 16-byte block scans
+// and the byte classes below, so no byte is looked at more than a constant
+// number of times.
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -751,7 +752,7 @@ bool textContent(XmlParser *p)
         if (!startsCdata(lt)) {
             break;
         }
-        const char *close = std::strstr(lt + 9, "]]>");
+        const char *close = findCdataEnd(lt + 9);
         if (close == nullptr) {
             scanFailure(p, lt, "unterminated CDATA section");
             return false;
@@ -2097,7 +2098,7 @@ Fast fastText(XmlParser *p)
     // CDATA sections belong to the text and are stepped over whole; the
     // decoder unwraps them.
     while (*lt == '<' && lt[1] == '!' && startsCdata(lt)) {
-        const char *close = std::strstr(lt + 9, "]]>");
+        const char *close = findCdataEnd(lt + 9);
         if (close == nullptr) {
             return Fast::Bail;
         }

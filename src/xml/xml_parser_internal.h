@@ -289,9 +289,28 @@ inline bool startsWith(const char *p, const char *lit, size_t n)
     return std::strncmp(p, lit, n) == 0;
 }
 
+// Each test stops at the first byte that differs, so nothing past a
+// terminating NUL is read.
 inline bool startsCdata(const char *p)
 {
-    return p[0] == '<' && p[1] == '!' && startsWith(p, "<![CDATA[", 9);
+    return p[0] == '<' && p[1] == '!' && p[2] == '[' && p[3] == 'C' && p[4] == 'D' &&
+           p[5] == 'A' && p[6] == 'T' && p[7] == 'A' && p[8] == '[';
+}
+
+// The first "]]>" at or after s, or null when the text ends before one: as
+// strstr, with the block scan for ']' that the other searches use.
+inline const char *findCdataEnd(const char *s)
+{
+    for (;;) {
+        s = findByte(s, nullptr, ']', ']', ']');
+        if (*s == '\0') {
+            return nullptr;
+        }
+        if (s[1] == ']' && s[2] == '>') {
+            return s;
+        }
+        ++s;
+    }
 }
 
 // Records the first failure of a parse that asked for diagnostics. The plain

@@ -86,7 +86,7 @@ uint32_t Parser_getNextToken(XmlParser *p)
             }
             if (cls & kStop) {
                 if (*q == '<' && startsCdata(q)) {
-                    const char *end = std::strstr(q + 9, "]]>");
+                    const char *end = findCdataEnd(q + 9);
                     if (end == nullptr) {
                         scanFailure(p, q, "unterminated CDATA section");
                         return 0;
