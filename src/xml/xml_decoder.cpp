@@ -267,7 +267,12 @@ int32_t xmlStoreRunOutOfLine(XmlMemSession *session, const char *src, uint64_t l
     if (buf == nullptr) {
         return static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY);
     }
-    std::memcpy(buf, src, static_cast<size_t>(len));
+    // Most runs are short: copied without a call whose length varies.
+    if (len <= 16) {
+        xmlCopyShort(buf, src, static_cast<size_t>(len));
+    } else {
+        std::memcpy(buf, src, static_cast<size_t>(len));
+    }
     buf[len] = '\0';
     return KRV_XML_OK;
 }

@@ -1653,8 +1653,12 @@ struct DirectRest {
 // attribute needs decoding, repeats a name, holds a misplaced colon or a
 // long run, or the tag reads otherwise; also where an attribute would not
 // fit before limit, which *rest then records, with *count carved.
-const char *directAttrs(XmlParser *p, XmlNode *n, WholeTag &take, const uint8_t *limit,
-                        const char *q, bool *empty, int *count, DirectRest *rest, Span *spans)
+inline __attribute__((always_inline)) const char *directAttrs(XmlParser *p, XmlNode *n,
+                                                              WholeTag &take,
+                                                              const uint8_t *limit,
+                                                              const char *q, bool *empty,
+                                                              int *count, DirectRest *rest,
+                                                              Span *spans)
 {
     // The names of the first attributes go through a filter kept here in a
     // register and into spans; from kFilterNames on, through the parse's

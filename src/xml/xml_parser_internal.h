@@ -112,6 +112,16 @@ inline bool xmlStoreShortWide(char *dst, const char *src, size_t len, int64_t ro
     return false;
 }
 
+// Records the first failure of a parse that asked for diagnostics. The plain
+// entry points pay one test of a null pointer on their failure paths only.
+inline void xmlNote(XmlParseDiag *diag, const char *at, const char *reason)
+{
+    if (diag != nullptr && diag->reason == nullptr) {
+        diag->at = at;
+        diag->reason = reason;
+    }
+}
+
 inline int32_t xmlStoreRun(XmlMemSession *session, const char *src, uint64_t len, bool plain,
                            char **out, XmlParseDiag *diag)
 {
@@ -130,7 +140,32 @@ inline int32_t xmlStoreRun(XmlMemSession *session, const char *src, uint64_t len
             return KRV_XML_OK;
         }
     }
+    if (plain && session == nullptr && len != 0 && len <= 16) {
+        // The same on the heap, where the copy needs its NUL.
+        auto *buf = static_cast<char *>(krvHeapMalloc(static_cast<size_t>(len + 1)));
+        *out = buf;
+        if (buf == nullptr) {
+            xmlNote(diag, src, "out of memory");
+            return static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY);
+        }
+        xmlCopyShort(buf, src, static_cast<size_t>(len));
+        buf[len] = '\0';
+        return KRV_XML_OK;
+    }
     return xmlStoreRunOutOfLine(session, src, len, plain, out, diag);
+}
+
+// A zeroed heap record of `size` bytes, a constant where this is inlined,
+// so that the clearing is a few stores instead of a call; null when the
+// heap is out of memory.
+inline XmlNode *xmlHeapRecord(size_t size, uint8_t kind)
+{
+    auto *node = static_cast<XmlNode *>(krvHeapMalloc(size));
+    if (node != nullptr) {
+        std::memset(static_cast<void *>(node), 0, size);
+        node->kind = kind;
+    }
+    return node;
 }
 
 // A new record for the parser, as XML_NewNode makes it.
@@ -144,6 +179,12 @@ inline XmlNode *xmlParserNewNode(XmlMemSession *session, int32_t kind)
             node->mem = session;
             return node;
         }
+    }
+    if (session == nullptr && kind == KRV_XML_NODE_ATTRIBUTE) {
+        return xmlHeapRecord(kAttrRecordSize, kKindAttribute);
+    }
+    if (session == nullptr && kind == KRV_XML_NODE_ELEMENT) {
+        return xmlHeapRecord(kElementRecordSize, kKindElement);
     }
     return XML_NewNode(session, kind);
 }
@@ -313,14 +354,9 @@ inline const char *findCdataEnd(const char *s)
     }
 }
 
-// Records the first failure of a parse that asked for diagnostics. The plain
-// entry points pay one test of a null pointer on their failure paths only.
 inline void note(XmlParseDiag *diag, const char *at, const char *reason)
 {
-    if (diag != nullptr && diag->reason == nullptr) {
-        diag->at = at;
-        diag->reason = reason;
-    }
+    xmlNote(diag, at, reason);
 }
 
 inline void note(XmlParser *p, const char *at, const char *reason)
