@@ -3,6 +3,7 @@
 #define KRV_XML_INTERNAL_H
 
 #include <cstddef>
+#include <cstring>
 #include <cstdint>
 
 #include "krv_xml.h"
@@ -66,6 +67,32 @@ struct XmlMemSession {
     SessionIndex *index;
     int32_t ordinal;           // position of this block in the chain
 };
+
+// Copies len bytes, len at most 16, without a library call: two overlapping
+// loads cover every length of a size class.
+inline void xmlCopyShort(char *dst, const char *src, size_t len)
+{
+    if (len >= 8) {
+        uint64_t head;
+        uint64_t tail;
+        std::memcpy(&head, src, 8);
+        std::memcpy(&tail, src + len - 8, 8);
+        std::memcpy(dst, &head, 8);
+        std::memcpy(dst + len - 8, &tail, 8);
+    } else if (len >= 4) {
+        uint32_t head;
+        uint32_t tail;
+        std::memcpy(&head, src, 4);
+        std::memcpy(&tail, src + len - 4, 4);
+        std::memcpy(dst, &head, 4);
+        std::memcpy(dst + len - 4, &tail, 4);
+    } else if (len != 0) {
+        // One to three bytes: first, middle and last cover each of them.
+        dst[0] = src[0];
+        dst[len / 2] = src[len / 2];
+        dst[len - 1] = src[len - 1];
+    }
+}
 
 // Every session in the library starts with this many bytes.
 constexpr int32_t kSessionInitialSize = 8192;

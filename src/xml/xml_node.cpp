@@ -377,12 +377,19 @@ char *copyText(XmlMemSession *session, const char *text)
         if (len >= static_cast<size_t>(INT32_MAX)) {
             return nullptr;
         }
-        copy = static_cast<char *>(XML_MemSpecialMalloc(session, static_cast<int32_t>(len + 1)));
+        copy = static_cast<char *>(xmlSessionTake(session, static_cast<int32_t>(len + 1)));
     } else {
         copy = static_cast<char *>(krvHeapMalloc(len + 1));
     }
     if (copy != nullptr) {
-        strncpy_s(copy, len + 1, text, len);
+        // The length is known and holds no NUL: what strncpy_s would write,
+        // without a call whose length varies for the short ones.
+        if (len <= 16) {
+            xmlCopyShort(copy, text, len);
+        } else {
+            std::memcpy(copy, text, len);
+        }
+        copy[len] = '\0';
     }
     return copy;
 }
@@ -413,7 +420,15 @@ XmlNode *XML_NewNode(XmlMemSession *session, int32_t kind)
         return nullptr;
     }
     if (session == nullptr) {
-        std::memset(raw, 0, size);  // bytes carved from a session are zero already
+        // Bytes carved from a session are zero already. A constant size per
+        // shape makes the clearing a few stores.
+        if (size == kAttrRecordSize) {
+            std::memset(raw, 0, kAttrRecordSize);
+        } else if (size == kElementRecordSize) {
+            std::memset(raw, 0, kElementRecordSize);
+        } else {
+            std::memset(raw, 0, kDocumentRecordSize);
+        }
     }
     auto *node = static_cast<XmlNode *>(raw);
     // The stored kind always matches the shape, so no record claims fields

@@ -61,32 +61,6 @@ int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char
 int32_t xmlStoreRunOutOfLine(XmlMemSession *session, const char *src, uint64_t len, bool plain,
                              char **out, XmlParseDiag *diag);
 
-// Copies len bytes, len at most 16, without a library call: two overlapping
-// loads cover every length of a size class.
-inline void xmlCopyShort(char *dst, const char *src, size_t len)
-{
-    if (len >= 8) {
-        uint64_t head;
-        uint64_t tail;
-        std::memcpy(&head, src, 8);
-        std::memcpy(&tail, src + len - 8, 8);
-        std::memcpy(dst, &head, 8);
-        std::memcpy(dst + len - 8, &tail, 8);
-    } else if (len >= 4) {
-        uint32_t head;
-        uint32_t tail;
-        std::memcpy(&head, src, 4);
-        std::memcpy(&tail, src + len - 4, 4);
-        std::memcpy(dst, &head, 4);
-        std::memcpy(dst + len - 4, &tail, 4);
-    } else if (len != 0) {
-        // One to three bytes: first, middle and last cover each of them.
-        dst[0] = src[0];
-        dst[len / 2] = src[len / 2];
-        dst[len - 1] = src[len - 1];
-    }
-}
-
 // Stores the len bytes at src, at most 16, at dst as one 16-byte store
 // when the block of dst has at least 16 zero bytes from dst on (room: its
 // bytes from dst to its end) and the 16 bytes at src lie on one page: the
