@@ -78,6 +78,9 @@ TEST(Parser, AcceptedAndRefusedDocuments)
         // prefixed names closed after text, a comment, children, or spaces
         {"<p:a>x<!--c--></p:a>", "0 p:a=x;"}, {"<p:a><q:b k:x='1' y=''/></p:a >", "0 p:a=~;1 q:b=~ k:x=1 y=~;"},
         {"<ab:c><a:bc/></ab:c>", "0 ab:c=~;1 a:bc=~;"},
+        // names ending in a byte that may start "/>", "-->" or "]]>"
+        {"<r><a- x='1'>t</a-></r>", "0 r=~;1 a-=t x=1;"}, {"<r><a/ x='1'>t</a/ ></r>", "0 r=~;1 a/=t x=1;"},
+        {"<r><a] x='1'></a]></r>", "0 r=~;1 a]=~ x=1;"},
         {"<r><!--x--><a/><?p?><b/></r>", "0 r=~;1 a=~;1 b=~;"}, {"<r/>\n<!-- tail -->\n<?pi?>\n", "0 r=~;"},
         {"<r>x</r>\0<junk", "0 r=x;"}, {"<r>'q' \"d\" =</r>", "0 r='q' \"d\" =;"},
         {"<?xml version=\"1.0\"?>\n<cfg:root xmlns:cfg='urn:c' id='7'>\n"
@@ -94,7 +97,8 @@ TEST(Parser, AcceptedAndRefusedDocuments)
         "<a x=\"1'/>", "<a p:x='1' p:x='2'/>", "<r><a x='1' y='2' x='3'/></r>", "<a x='1' y/>",
         "<a x='1'/ >", "<a x='1' ='2'/>", "<a x='1' '/>", "<a x='1' \"/>", "<a x='1' </a>", "</", "<r/><",
         "<ab:c></a:bc>", "<a:bc></ab:c>", "<p:a></p:ab>", "<p:ab></p:a>", "<p:a></p>",
-        "<p:a>x<!--c--></p:b>", "<p:a><!--c--></pa>",
+        "<p:a>x<!--c--></p:b>", "<p:a><!--c--></pa>", "<r><a/ x='1'>t</a/></r>",
+        "<r><a-- x='1'>t</a--></r>", "<r><a]] x='1'></a]]></r>", "<r><ab x='1'>t</ab\0>",
         // refusals after top-level followers were built (heap)
         "<r/><s><t/>", "<r/><s a='1' a='2'/>", "<r><a/></r><s>x<t/></s>",
     };
@@ -452,7 +456,17 @@ TEST(Parser, EveryAllocationFailureReleasesEverything)
     for (int i = 0; i < 30; ++i) {
         text += " h" + std::to_string(i) + "='" + std::string(300, 'v') + "'";
     }
-    text += "/><m";
+    text += "/>";
+    // Plain tags of about 3 KB: some run past the end of a block and go on
+    // in the next one, made as they need it.
+    for (int k = 0; k < 6; ++k) {
+        text += "<k";
+        for (int i = 0; i < 20; ++i) {
+            text += " k" + std::to_string(i) + "='" + std::string(100 + k, 'v') + "'";
+        }
+        text += "/>";
+    }
+    text += "<m";
     for (int i = 0; i < 1030; ++i) {
         text += " m" + std::to_string(i) + "=''";
     }

@@ -151,6 +151,17 @@ void XML_InternName(XmlNode *document, XmlNode *node);
 
 // ----- Memory sessions -----
 
+// Growth of the chain in two steps, for a parse that writes pieces into the
+// next block before it knows whether it keeps them. xmlSessionMakeBlock
+// makes the zero block that XML_MemSpecialMalloc would append for a request
+// of n bytes that no block can serve, without linking it (null when memory
+// ran out; the chain is unchanged either way). xmlSessionAppend links it as
+// the last block. xmlSessionSpare keeps a block made and not linked, its
+// data zero again, for the next growth of the same capacity.
+XmlMemSession *xmlSessionMakeBlock(XmlMemSession *session, int32_t n);
+void xmlSessionAppend(XmlMemSession *session, XmlMemSession *block);
+void xmlSessionSpare(XmlMemSession *session, XmlMemSession *block);
+
 // The largest block capacity that the session can still carve from its
 // current slab, that is without a heap allocation. For tests that need the
 // session's next new block to reach the heap.

@@ -50,6 +50,9 @@ struct SessionIndex {
     size_t slabRoom;
     size_t nextSlab;   // heap footprint of the next shared slab
     size_t slabTotal;  // heap footprint of all slabs so far
+    // A block made for the chain and then not linked (xmlSessionSpare): the
+    // next growth of the same capacity takes it. Zero past its header.
+    XmlMemSession *spare;
 };
 
 namespace {
@@ -179,6 +182,7 @@ SessionIndex *indexReserve(XmlMemSession *first)
         index->slabRoom = old->slabRoom;
         index->nextSlab = old->nextSlab;
         index->slabTotal = old->slabTotal;
+        index->spare = old->spare;
         for (int32_t i = 0; i < old->count; ++i) {
             index->blocks[i] = old->blocks[i];
             index->maxFree[leaves + i] = old->maxFree[old->leaves + i];
@@ -257,8 +261,18 @@ void *XML_MemSpecialMalloc(XmlMemSession *session, int32_t n)
         // are allowed and mended by the next query they would mislead.
         return carve(fit, n);
     }
-    XmlMemSession *last = session->lastBlock;
-    int32_t capacity = last->capacity;
+    XmlMemSession *block = xmlSessionMakeBlock(session, n);
+    if (block == nullptr) {
+        return nullptr;  // a grown index is kept; the chain is unchanged
+    }
+    void *p = carve(block, n);
+    xmlSessionAppend(session, block);
+    return p;
+}
+
+XmlMemSession *xmlSessionMakeBlock(XmlMemSession *session, int32_t n)
+{
+    int32_t capacity = session->lastBlock->capacity;
     while (capacity < n) {
         capacity *= 2;  // n <= 2^30, so this cannot overflow
     }
@@ -266,11 +280,18 @@ void *XML_MemSpecialMalloc(XmlMemSession *session, int32_t n)
     if (index == nullptr) {
         return nullptr;
     }
-    XmlMemSession *block = slabBlock(index, capacity);
-    if (block == nullptr) {
-        return nullptr;  // a grown index is kept; the chain is unchanged
+    XmlMemSession *spare = index->spare;
+    if (spare != nullptr && spare->capacity == capacity) {
+        index->spare = nullptr;
+        return spare;
     }
-    void *p = carve(block, n);
+    return slabBlock(index, capacity);
+}
+
+void xmlSessionAppend(XmlMemSession *session, XmlMemSession *block)
+{
+    SessionIndex *index = session->index;  // room reserved by xmlSessionMakeBlock
+    XmlMemSession *last = session->lastBlock;
     block->ordinal = last->ordinal + 1;
     last->nextBlock = block;
     session->lastBlock = block;
@@ -280,7 +301,13 @@ void *XML_MemSpecialMalloc(XmlMemSession *session, int32_t n)
     if (session->firstNonFull == nullptr) {
         session->firstNonFull = block;
     }
-    return p;
+}
+
+void xmlSessionSpare(XmlMemSession *session, XmlMemSession *block)
+{
+    block->cursor = blockData(block);
+    block->freeBytes = block->capacity;
+    session->index->spare = block;
 }
 
 int32_t XML_MemSessionEnd(XmlMemSession *session)

@@ -997,15 +997,61 @@ const char *closesOwnName(const XmlNode *element, const char *text)
     return *t == '>' ? t : nullptr;
 }
 
+// The end tag of an element whose start tag named it with the plain word
+// raw (len bytes, divided as it was carved): its '>' when the text at t
+// repeats that word and ends it there, or null. The word's bytes passed the
+// start tag's scan; here only the byte after it differs, and it can turn a
+// last '/', ']' or '-' into the start of "/>", "]]>" or "-->".
+inline const char *closesRawName(const char *raw, uint32_t len, const char *t)
+{
+#ifdef KRVXML_SSE2_SCAN
+    auto pageSafe = [](const char *at) { return (reinterpret_cast<uintptr_t>(at) & 4095u) <= 4080u; };
+    if (len <= 16 && pageSafe(raw) && pageSafe(t)) {
+        __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(raw));
+        __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(t));
+        auto same = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(a, b)));
+        unsigned want = (1u << len) - 1u;
+        if ((same & want) != want) {
+            return nullptr;
+        }
+        t += len;
+    } else
+#endif
+    {
+        for (const char *end = raw + len; raw != end; ++raw, ++t) {
+            if (*t != *raw) {
+                return nullptr;  // also where the text ends: its NUL differs
+            }
+        }
+        raw -= len;
+    }
+    if (*t == '>') {
+        char last = raw[len - 1];
+        return last == '/' || last == ']' || last == '-' ? nullptr : t;
+    }
+    if (!isSpace(*t)) {
+        return nullptr;
+    }
+    t = skipSpace(t);
+    return *t == '>' ? t : nullptr;
+}
+
 // Whether the end tag's name at `name` closes element on the fast path:
 // its '>', or null. *nameEnd stays null when the name was matched as stored
 // (nothing to divide); otherwise it is the name's end, and *colonAt where its
 // colon is, for splitElement.
-inline __attribute__((always_inline)) const char *endTagCloses(const XmlNode *element,
+inline __attribute__((always_inline)) const char *endTagCloses(const XmlParser *p,
+                                                             const XmlNode *element,
                                                              const char *name,
                                                              const char **nameEnd,
                                                              int64_t *colonAt)
 {
+    if (element == p->rawElement) {
+        const char *gt = closesRawName(p->rawName, p->rawLen, name);
+        if (gt != nullptr) {
+            return gt;
+        }
+    }
     const char *gt = closesOwnName(element, name);
     if (gt != nullptr) {
         return gt;
@@ -1601,6 +1647,14 @@ XmlNode *carveTag(XmlParser *p, size_t total, const char *name, uint32_t nameLen
     return buildTag(p, EachPiece{p->session}, name, nameLen, colonAt, attrs, count);
 }
 
+// Notes the plain word that named the element n just carved.
+inline void setRawName(XmlParser *p, const XmlNode *n, const char *name, uint32_t nameLen)
+{
+    p->rawElement = n;
+    p->rawName = name;
+    p->rawLen = nameLen;
+}
+
 // Links the built element n of the start tag at lt (which ends before q)
 // and moves on as reading its attributes and its end would: an empty tag
 // with attributes leaves the open bits shifted, as their reading does.
@@ -1640,43 +1694,126 @@ __attribute__((noinline)) bool repeatsSpan(const Span *spans, int count, const c
 }
 
 // Where the one-pass read of a tag stopped for want of room in the block:
-// the attribute that did not fit, and the last one carved before it.
+// the attribute that did not fit.
 struct DirectRest {
     const char *at = nullptr;
-    XmlNode *tail = nullptr;
     bool noMemory = false;  // the room for a tag of many names could not be had
 };
 
-// The attributes and end of a start tag read in one pass, each attribute
-// carved at take as soon as it is scanned, after the element n. Returns the
-// position after the tag, with *empty and *count, or null where an
-// attribute needs decoding, repeats a name, holds a misplaced colon or a
-// long run, or the tag reads otherwise; also where an attribute would not
-// fit before limit, which *rest then records, with *count carved.
-inline __attribute__((always_inline)) const char *directAttrs(XmlParser *p, XmlNode *n,
-                                                              WholeTag &take,
-                                                              const uint8_t *limit,
-                                                              const char *q, bool *empty,
-                                                              int *count, DirectRest *rest,
-                                                              Span *spans)
-{
-    // The names of the first attributes go through a filter kept here in a
-    // register and into spans; from kFilterNames on, through the parse's
-    // TagNames.
+// The attributes of a tag carved so far by the one-pass read, and its
+// duplicate check: the names of the first ones go through a filter and into
+// spans; from kFilterNames on, through the parse's TagNames.
+struct AttrRun {
     uint64_t filter = 0;
     TagNames *names = nullptr;
     int listed = 0;
     XmlNode *tail = nullptr;
+};
+
+// The pieces of a session tag that runs past the end of block a, the first
+// block with room: each piece goes to a while it fits there, else to the
+// block after a, which is the last of the chain or is made for the first
+// piece that needs it: where XML_MemSpecialMalloc would put each piece.
+// Nothing is committed until the whole tag is carved; undo clears what was
+// written and keeps a block made for the tag for the next growth.
+struct SplitTag {
+    static constexpr bool kCanFail = true;
+    XmlMemSession *session;
+    XmlMemSession *a;
+    uint8_t *am;
+    uint8_t *alimit;
+    XmlMemSession *b = nullptr;
+    uint8_t *bm = nullptr;
+    uint8_t *blimit = nullptr;
+    bool made = false;      // b was made for this tag
+    bool noMemory = false;  // making b failed
+    bool tooBig = false;    // a piece fits neither block
+
+    SplitTag(XmlMemSession *s, XmlMemSession *block, uint8_t *m)
+        : session(s), a(block), am(m), alimit(block->cursor + block->freeBytes)
+    {
+        if (block->nextBlock != nullptr) {
+            use(block->nextBlock);
+        }
+    }
+    void use(XmlMemSession *block)
+    {
+        b = block;
+        bm = block->cursor;
+        blimit = bm + block->freeBytes;
+    }
+    // Short values are copied byte-exact here: no wide stores.
+    static int64_t room(const char *) { return 0; }
+    uint8_t *take(size_t bytes)
+    {
+        uint8_t *piece;
+        if (static_cast<size_t>(alimit - am) >= bytes) {
+            piece = am;
+            am += bytes;
+            return piece;
+        }
+        if (b == nullptr) {
+            XmlMemSession *block = xmlSessionMakeBlock(session, static_cast<int32_t>(bytes));
+            if (block == nullptr) {
+                noMemory = true;
+                return nullptr;
+            }
+            made = true;
+            use(block);
+        }
+        if (static_cast<size_t>(blimit - bm) < bytes) {
+            tooBig = true;
+            return nullptr;
+        }
+        piece = bm;
+        bm += bytes;
+        return piece;
+    }
+    void commit()
+    {
+        a->freeBytes -= static_cast<int32_t>(am - a->cursor);
+        a->cursor = am;
+        if (b != nullptr) {
+            b->freeBytes -= static_cast<int32_t>(bm - b->cursor);
+            b->cursor = bm;
+            if (made) {
+                xmlSessionAppend(session, b);
+            }
+        }
+    }
+    void undo()
+    {
+        std::memset(a->cursor, 0, static_cast<size_t>(am - a->cursor));
+        if (b != nullptr) {
+            std::memset(b->cursor, 0, static_cast<size_t>(bm - b->cursor));
+            if (made) {
+                xmlSessionSpare(session, b);
+            }
+        }
+    }
+};
+
+// The attributes and end of a start tag read in one pass, each attribute
+// carved at take as soon as it is scanned, after the element n and the
+// attributes in run. Returns the position after the tag, with *empty, or
+// null where an attribute needs decoding, repeats a name, holds a
+// misplaced colon or a long run, or the tag reads otherwise. A WholeTag
+// stops where an attribute would not fit before its limit, which *rest then
+// records; a SplitTag stops where it could not take a piece.
+template <class Take>
+inline __attribute__((always_inline)) const char *directAttrs(XmlParser *p, XmlNode *n, Take &take,
+                                                              const char *q, bool *empty,
+                                                              AttrRun &run, DirectRest *rest,
+                                                              Span *spans)
+{
     for (;;) {
         const char *attrStart = q;
         if (*q == '>') {
             *empty = false;
-            *count = listed;
             return q + 1;
         }
         if (q[0] == '/' && q[1] == '>') {
             *empty = true;
-            *count = listed;
             return q + 2;
         }
         if (!isSpace(*q)) {
@@ -1721,90 +1858,77 @@ inline __attribute__((always_inline)) const char *directAttrs(XmlParser *p, XmlN
         if (bytes == 0) {
             return nullptr;
         }
-        bytes += kAttrRecordSize + (valueLen != 0 ? runBytes(valueLen) : 0);
-        if (static_cast<size_t>(limit - take.m) < bytes) {
-            // The block is full: the rest of the tag goes piece by piece.
-            rest->at = attrStart;
-            rest->tail = tail;
-            *count = listed;
-            return nullptr;
-        }
-        if (listed < TagNames::kFilterNames) {
-            uint64_t bit = TagNames::filterBit(name, nameLen);
-            if ((filter & bit) != 0 && repeatsSpan(spans, listed, name, nameLen)) {
+        if constexpr (!Take::kCanFail) {
+            bytes += kAttrRecordSize + (valueLen != 0 ? runBytes(valueLen) : 0);
+            if (static_cast<size_t>(take.limit - take.m) < bytes) {
+                rest->at = attrStart;  // the block is full
                 return nullptr;
             }
-            filter |= bit;
-            spans[listed] = {name, nameLen};
+        }
+        if (run.listed < TagNames::kFilterNames) {
+            uint64_t bit = TagNames::filterBit(name, nameLen);
+            if ((run.filter & bit) != 0 && repeatsSpan(spans, run.listed, name, nameLen)) {
+                return nullptr;
+            }
+            run.filter |= bit;
+            spans[run.listed] = {name, nameLen};
         } else {
-            if (names == nullptr) {
+            if (run.names == nullptr) {
                 WideTag *w = wideTag(p);
                 if (w == nullptr) {
                     rest->noMemory = true;
                     return nullptr;
                 }
-                names = &w->names;
-                names->adopt(spans, listed);
+                run.names = &w->names;
+                run.names->adopt(spans, run.listed);
             }
-            if (names->add(name, nameLen) != TagNames::Added) {
+            if (run.names->add(name, nameLen) != TagNames::Added) {
                 return nullptr;
             }
         }
-        putAttr(take, p, n, &tail, name, nameLen, colonAt, v, valueLen);
-        ++listed;
+        if (putAttr(take, p, n, &run.tail, name, nameLen, colonAt, v, valueLen) == nullptr) {
+            return nullptr;  // only a SplitTag fails
+        }
+        ++run.listed;
         q = close + 1;
     }
 }
 
-// The rest of a tag whose one-pass read ran out of room at rest.at, with
-// count attributes carved in the block from start to m: the remaining
-// attributes are scanned, and when they too are plain, the carved part is
-// kept and they are carved piece by piece, each where first fit puts it, as
-// the two-pass read would have done. Bail (nothing changed) when they are
-// not plain or repeat a name (names holds those read so far); Failed when
-// memory ran out.
-Fast finishFullTag(XmlParser *p, XmlNode *n, XmlMemSession *block, uint8_t *start, uint8_t *m,
-                   const DirectRest &rest, int count, const char *lt, const Span *spans)
+// A start tag that runs past the end of block a, read on in one pass with
+// a SplitTag: from its element on when n is null (am is then a's cursor),
+// else from the attribute at q on, with n and run carved in a up to am.
+// Bail (nothing changed) when the tag turns out to be another kind or
+// larger than the two blocks; Failed when memory ran out.
+__attribute__((noinline)) Fast splitTag(XmlParser *p, XmlMemSession *a, uint8_t *am, XmlNode *n,
+                                        const char *lt, const char *name, uint32_t nameLen,
+                                        int64_t colonAt, const char *q, AttrRun run, Span *spans)
 {
-    WideTag *w = wideTag(p);
-    if (w == nullptr) {
-        note(p, lt, "out of memory");
-        return Fast::Failed;
-    }
-    // The one-pass read hands its names over when it reads the name after
-    // the first kFilterNames, past the room check that stopped it here.
-    if (count <= TagNames::kFilterNames) {
-        w->names.adopt(spans, count);
-    }
-    FastAttr *attrs = w->attrs;
-    int more = 0;
-    bool empty = false;
-    bool full = false;
-    const char *q = scanAttrList(rest.at, attrs, kWideAttrs - count, &more, &empty, &full);
-    if (q == nullptr || full) {
-        return Fast::Bail;
-    }
-    for (int i = 0; i < more; ++i) {
-        const FastAttr &a = attrs[i];
-        if (carvedAttrBytes(a) == 0 || w->names.add(a.name, a.nameLen) != TagNames::Added) {
-            return Fast::Bail;
+    SplitTag take(p->session, a, am);
+    if (n == nullptr) {
+        n = reinterpret_cast<XmlNode *>(take.take(kElementRecordSize));
+        if (n != nullptr) {
+            n->kind = kKindElement;
+            n->mem = p->session;
+            if (!putName(take, name, nameLen, colonAt, n)) {
+                n = nullptr;
+            }
         }
     }
-    block->cursor = m;
-    block->freeBytes -= static_cast<int32_t>(m - start);
-    EachPiece take{p->session};
-    XmlNode *tail = rest.tail;
-    for (int i = 0; i < more; ++i) {
-        const FastAttr &a = attrs[i];
-        int64_t colonAt = a.colon == nullptr ? -1 : a.colon - a.name;
-        if (putAttr(take, p, n, &tail, a.name, a.nameLen, colonAt, a.value, a.valueLen) ==
-            nullptr) {
+    bool empty = false;
+    DirectRest rest;
+    const char *end = n == nullptr ? nullptr : directAttrs(p, n, take, q, &empty, run, &rest, spans);
+    if (end == nullptr) {
+        if (take.noMemory || rest.noMemory) {
             note(p, lt, "out of memory");
             return Fast::Failed;
         }
+        take.undo();
+        return Fast::Bail;
     }
-    p->tagName = lt + 1;
-    return linkTag(p, n, lt, q, empty, count + more);
+    take.commit();
+    p->tagName = name;
+    setRawName(p, n, name, nameLen);
+    return linkTag(p, n, lt, end, empty, run.listed);
 }
 
 // The session start tag that fastStartTag would carve whole, read in one
@@ -1822,6 +1946,10 @@ inline __attribute__((always_inline)) Fast directStartTag(XmlParser *p)
         block = block->nextBlock;  // as the first-fit search would move on
         p->session->firstNonFull = block;
     }
+    // Past the end of this block, a piece's first fit is the next block
+    // when that is the last one; with more blocks after it, the general
+    // search.
+    bool splits = block->nextBlock == nullptr || block->nextBlock->nextBlock == nullptr;
     uint8_t *const start = block->cursor;
     uint8_t *const limit = start + block->freeBytes;
     const char *lt = p->pos;
@@ -1835,8 +1963,14 @@ inline __attribute__((always_inline)) Fast directStartTag(XmlParser *p)
     auto nameLen = static_cast<uint32_t>(nameEnd - name);
     int64_t colonAt = colon == nullptr ? -1 : colon - name;
     size_t bytes = nameBytes(nameLen, colonAt);
-    if (bytes == 0 || static_cast<size_t>(limit - start) < kElementRecordSize + bytes) {
+    Span spans[TagNames::kFilterNames];
+    if (bytes == 0) {
         return Fast::Bail;
+    }
+    if (static_cast<size_t>(limit - start) < kElementRecordSize + bytes) {
+        return splits ? splitTag(p, block, start, nullptr, lt, name, nameLen, colonAt, nameEnd,
+                                 AttrRun{}, spans)
+                      : Fast::Bail;
     }
     auto *n = reinterpret_cast<XmlNode *>(start);
     n->kind = kKindElement;
@@ -1844,20 +1978,16 @@ inline __attribute__((always_inline)) Fast directStartTag(XmlParser *p)
     WholeTag take{start + kElementRecordSize, limit};
     putName(take, name, nameLen, colonAt, n);
     bool empty = false;
-    int count = 0;
+    AttrRun run;
     DirectRest rest;
-    Span spans[TagNames::kFilterNames];
-    const char *q = directAttrs(p, n, take, limit, nameEnd, &empty, &count, &rest, spans);
+    const char *q = directAttrs(p, n, take, nameEnd, &empty, run, &rest, spans);
     if (q == nullptr) {
         if (rest.noMemory) {
             note(p, lt, "out of memory");
             return Fast::Failed;
         }
-        if (rest.at != nullptr) {
-            Fast done = finishFullTag(p, n, block, start, take.m, rest, count, lt, spans);
-            if (done != Fast::Bail) {
-                return done;
-            }
+        if (rest.at != nullptr && splits) {
+            return splitTag(p, block, take.m, n, lt, name, nameLen, colonAt, rest.at, run, spans);
         }
         std::memset(start, 0, static_cast<size_t>(take.m - start));
         return Fast::Bail;
@@ -1865,7 +1995,8 @@ inline __attribute__((always_inline)) Fast directStartTag(XmlParser *p)
     block->cursor = take.m;
     block->freeBytes -= static_cast<int32_t>(take.m - start);
     p->tagName = name;
-    return linkTag(p, n, lt, q, empty, count);
+    setRawName(p, n, name, nameLen);
+    return linkTag(p, n, lt, q, empty, run.listed);
 }
 
 Fast fastStartTag(XmlParser *p)
@@ -1963,6 +2094,7 @@ Fast fastStartTag(XmlParser *p)
             return Fast::Failed;
         }
         p->tagName = name;
+        setRawName(p, n, name, nameLen);
         return linkTag(p, n, lt, q, empty, count);
     }
     n = p->pending;
@@ -1991,6 +2123,9 @@ Fast fastStartTag(XmlParser *p)
     }
     n->nameOwned = 1;
     p->tagName = name;
+    if (!nameAmp && colonAt < 0) {
+        setRawName(p, n, name, nameLen);  // stored as it stands, or divided
+    }
     if (nameAmp) {
         nameLen = static_cast<uint32_t>(std::strlen(n->name));  // decoding shortened it
     }
@@ -2058,7 +2193,7 @@ Fast fastEndTag(XmlParser *p)
     }
     const char *nameEnd = nullptr;
     int64_t colonAt = kColonUnknown;
-    const char *gt = endTagCloses(cur, name, &nameEnd, &colonAt);
+    const char *gt = endTagCloses(p, cur, name, &nameEnd, &colonAt);
     if (gt == nullptr) {
         return Fast::Bail;
     }
@@ -2116,7 +2251,7 @@ Fast fastText(XmlParser *p)
     XmlNode *cur = p->current;
     const char *nameEnd = nullptr;
     int64_t colonAt = kColonUnknown;
-    const char *gt = endTagCloses(cur, name, &nameEnd, &colonAt);
+    const char *gt = endTagCloses(p, cur, name, &nameEnd, &colonAt);
     if (gt == nullptr) {
         return Fast::Bail;
     }

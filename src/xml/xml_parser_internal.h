@@ -41,6 +41,11 @@ struct XmlParser {
     const char *tagName;     // name of the start tag being read
     XmlParseDiag *diag;      // null for the plain entry points
     void *wideTag;           // room for reading tags of many attributes, made when needed
+    // The most recent element whose start tag the fast path carved with a
+    // plain name, and that name in the text: its end tag is compared with it.
+    const XmlNode *rawElement;
+    const char *rawName;
+    uint32_t rawLen;
 };
 
 int32_t Parser_skipMisc(XmlParser *parser);
