@@ -27,6 +27,8 @@ namespace {
 std::string dump(XmlNode *doc)
 {
     auto qname = [](const XmlNode *n) {
+        // A name with a colon is always divided at its first one.
+        EXPECT_TRUE(n->nsPrefix != nullptr || n->name == nullptr || std::strchr(n->name, ':') == nullptr);
         return (n->nsPrefix != nullptr ? std::string(n->nsPrefix) + ":" : "") + Str(n->name) + "=" + Str(n->value);
     };
     std::string s;
@@ -81,6 +83,11 @@ TEST(Parser, AcceptedAndRefusedDocuments)
         // names ending in a byte that may start "/>", "-->" or "]]>"
         {"<r><a- x='1'>t</a-></r>", "0 r=~;1 a-=t x=1;"}, {"<r><a/ x='1'>t</a/ ></r>", "0 r=~;1 a/=t x=1;"},
         {"<r><a] x='1'></a]></r>", "0 r=~;1 a]=~ x=1;"},
+        // attribute names like, or unlike, those of the tag before
+        {"<r><e ab='1' m:x='2'/><e ax='3' m:x='4'/><e m:xy='5' ab='6'/><e id='7'/><e idx='8'/><e id ='9'/></r>",
+         "0 r=~;1 e=~ ab=1 m:x=2;1 e=~ ax=3 m:x=4;1 e=~ m:xy=5 ab=6;1 e=~ id=7;1 e=~ idx=8;1 e=~ id=9;"},
+        {"<r><e abcdefghijklmnop='1' abcdefghijklmnopq='2'/><e abcdefghijklmnop='3' abcdefghijklmnopq='4'/></r>",
+         "0 r=~;1 e=~ abcdefghijklmnop=1 abcdefghijklmnopq=2;1 e=~ abcdefghijklmnop=3 abcdefghijklmnopq=4;"},
         {"<r><!--x--><a/><?p?><b/></r>", "0 r=~;1 a=~;1 b=~;"}, {"<r/>\n<!-- tail -->\n<?pi?>\n", "0 r=~;"},
         {"<r>x</r>\0<junk", "0 r=x;"}, {"<r>'q' \"d\" =</r>", "0 r='q' \"d\" =;"},
         {"<?xml version=\"1.0\"?>\n<cfg:root xmlns:cfg='urn:c' id='7'>\n"
@@ -99,6 +106,7 @@ TEST(Parser, AcceptedAndRefusedDocuments)
         "<ab:c></a:bc>", "<a:bc></ab:c>", "<p:a></p:ab>", "<p:ab></p:a>", "<p:a></p>",
         "<p:a>x<!--c--></p:b>", "<p:a><!--c--></pa>", "<r><a/ x='1'>t</a/></r>",
         "<r><a-- x='1'>t</a--></r>", "<r><a]] x='1'></a]]></r>", "<r><ab x='1'>t</ab\0>",
+        "<r><e a='1' b='2'/><e a='1' a='2'/></r>", "<r><e ab='1'/><e ax='1' ax='2'/></r>",
         // refusals after top-level followers were built (heap)
         "<r/><s><t/>", "<r/><s a='1' a='2'/>", "<r><a/></r><s>x<t/></s>",
     };

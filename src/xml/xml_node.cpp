@@ -136,11 +136,18 @@ void *carve(XmlMemSession *block, int32_t n)
 void indexSet(SessionIndex *index, int32_t leaf, int32_t value)
 {
     int32_t node = index->leaves + leaf;
+    if (index->maxFree[node] == value) {
+        return;  // a full block entering the tree finds its leaf at 0 already
+    }
     index->maxFree[node] = value;
     for (node /= 2; node >= 1; node /= 2) {
         int32_t l = index->maxFree[2 * node];
         int32_t r = index->maxFree[2 * node + 1];
-        index->maxFree[node] = l > r ? l : r;
+        int32_t max = l > r ? l : r;
+        if (index->maxFree[node] == max) {
+            return;  // every node above is the maximum of the same values
+        }
+        index->maxFree[node] = max;
     }
 }
 

@@ -1463,7 +1463,7 @@ inline __attribute__((always_inline)) const char *scanAttrList(const char *q, Fa
             return nullptr;
         }
         const char *gap = q;
-        q = skipSpace(q);
+        q = skipSpace(q + 1);
         if (*q == '>' || (q[0] == '/' && q[1] == '>')) {
             continue;
         }
@@ -1808,18 +1808,18 @@ inline __attribute__((always_inline)) const char *directAttrs(XmlParser *p, XmlN
 {
     for (;;) {
         const char *attrStart = q;
-        if (*q == '>') {
-            *empty = false;
-            return q + 1;
-        }
-        if (q[0] == '/' && q[1] == '>') {
-            *empty = true;
-            return q + 2;
-        }
-        if (!isSpace(*q)) {
+        if (!isSpace(*q)) {  // mostly the space before the next attribute
+            if (*q == '>') {
+                *empty = false;
+                return q + 1;
+            }
+            if (q[0] == '/' && q[1] == '>') {
+                *empty = true;
+                return q + 2;
+            }
             return nullptr;
         }
-        q = skipSpace(q);
+        q = skipSpace(q + 1);
         if (*q == '>' || (q[0] == '/' && q[1] == '>')) {
             continue;
         }
