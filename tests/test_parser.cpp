@@ -86,8 +86,6 @@ TEST(Parser, AcceptedAndRefusedDocuments)
         // attribute names like, or unlike, those of the tag before
         {"<r><e ab='1' m:x='2'/><e ax='3' m:x='4'/><e m:xy='5' ab='6'/><e id='7'/><e idx='8'/><e id ='9'/></r>",
          "0 r=~;1 e=~ ab=1 m:x=2;1 e=~ ax=3 m:x=4;1 e=~ m:xy=5 ab=6;1 e=~ id=7;1 e=~ idx=8;1 e=~ id=9;"},
-        {"<r><e abcdefghijklmnop='1' abcdefghijklmnopq='2'/><e abcdefghijklmnop='3' abcdefghijklmnopq='4'/></r>",
-         "0 r=~;1 e=~ abcdefghijklmnop=1 abcdefghijklmnopq=2;1 e=~ abcdefghijklmnop=3 abcdefghijklmnopq=4;"},
         {"<r><!--x--><a/><?p?><b/></r>", "0 r=~;1 a=~;1 b=~;"}, {"<r/>\n<!-- tail -->\n<?pi?>\n", "0 r=~;"},
         {"<r>x</r>\0<junk", "0 r=x;"}, {"<r>'q' \"d\" =</r>", "0 r='q' \"d\" =;"},
         {"<?xml version=\"1.0\"?>\n<cfg:root xmlns:cfg='urn:c' id='7'>\n"
