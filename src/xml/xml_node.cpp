@@ -72,14 +72,11 @@ constexpr size_t kLargestSlab = (size_t{32} << 20) - 4096;
 // header does not push a page-backed slab onto one more page.
 constexpr size_t kHeapOverhead = 32;
 
-// Once a session's slabs pass kPrefetchFrom, its tree no longer fits the
-// caches and each new block is written to memory fetched from RAM. The lines
-// of the next block (up to kPrefetchAhead bytes) are then requested as each
-// block is made, so that the fetch overlaps the filling of this one. Below
-// that size the memory is usually cached already and the requests would only
-// cost time.
+// Past this much slab memory a session's tree no longer fits the caches,
+// and the writers that fill it ask for their memory ahead (prefetchAhead).
+// Below it the memory is usually cached already, and the requests would
+// only cost time.
 constexpr size_t kPrefetchFrom = size_t{16} << 20;
-constexpr size_t kPrefetchAhead = size_t{16} << 10;
 
 // The next shared slab: an eighth of the slabs so far, in 64 KB steps.
 size_t nextSlabFor(size_t total)
@@ -131,13 +128,6 @@ XmlMemSession *slabBlock(SessionIndex *index, int32_t capacity)
     index->slabCursor += bytes;
     index->slabRoom -= bytes;
     memset_s(at, bytes, 0, bytes);
-    if (index->slabTotal >= kPrefetchFrom) {
-        size_t ahead = bytes < kPrefetchAhead ? bytes : kPrefetchAhead;
-        ahead = index->slabRoom < ahead ? index->slabRoom : ahead;
-        for (size_t off = 0; off < ahead; off += 64) {
-            __builtin_prefetch(index->slabCursor + off, 1);
-        }
-    }
     return initBlock(at, capacity);
 }
 
@@ -308,7 +298,9 @@ XmlMemSession *xmlSessionMakeBlock(XmlMemSession *session, int32_t n)
         index->spare = nullptr;
         return spare;
     }
-    return slabBlock(index, capacity);
+    XmlMemSession *block = slabBlock(index, capacity);
+    session->prefetchAhead = index->slabTotal >= kPrefetchFrom ? 1 : 0;
+    return block;
 }
 
 void xmlSessionAppend(XmlMemSession *session, XmlMemSession *block)

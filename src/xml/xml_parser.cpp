@@ -1972,6 +1972,9 @@ inline __attribute__((always_inline)) Fast directStartTag(XmlParser *p)
                                  AttrRun{}, spans)
                       : Fast::Bail;
     }
+    if (p->session->prefetchAhead != 0) {
+        xmlPrefetchAhead(start);
+    }
     auto *n = reinterpret_cast<XmlNode *>(start);
     n->kind = kKindElement;
     n->mem = p->session;

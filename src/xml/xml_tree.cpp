@@ -597,6 +597,9 @@ uint32_t xmlClone(const XmlNode *source, XmlNode *copy)
         if (c == nullptr) {
             return KRV_XML_ERR_NO_MEMORY;
         }
+        if (target.session != nullptr && target.session->prefetchAhead != 0) {
+            xmlPrefetchAhead(c);  // the copy's blocks are filled in order
+        }
         c->parent = dest;
         c->prev = dest->lastChild;
         if (dest->lastChild != nullptr) {
