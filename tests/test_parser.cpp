@@ -70,6 +70,9 @@ TEST(Parser, AcceptedAndRefusedDocuments)
         {"<r>a &amp; b</r>", "0 r=a & b;"}, {"<r><![CDATA[<x>]]></r>", "0 r=<x>;"},
         {"<r><![CDATA[x]]]></r>", "0 r=x];"},
         {"<r><![CDATA[x]]]]]]]]]]]]]]]]]]>y</r>", "0 r=x]]]]]]]]]]]]]]]]y;"}, {"<r>  </r>", "0 r=  ;"},
+        // texts that are, or only begin like, one CDATA section
+        {"<r>  <![CDATA[x]]></r>", "0 r=  x;"}, {"<r><![CDATA[a]]><![CDATA[b&lt;]]></r>", "0 r=ab&lt;;"},
+        {"<r><![CDATA[]]></r>", "0 r=;"}, {"<r><![CDATA[a]]>&amp;</r>", "0 r=a&;"},
         {"<r><!--c--></r>", "0 r=~;"}, {"<r><a></a> </r>", "0 r=~;1 a=~;"}, {"<r><a/> </r>", "0 r=~;1 a=~;"},
         {"<r>/x</r>", "0 r=/x;"}, {"<r>]]></r>", "0 r=]]>;"}, {"<r>x<!--c--></r>", "0 r=x;"},
         {"<r>a\r\nb </r >", "0 r=a\r\nb ;"},
@@ -125,6 +128,33 @@ TEST(Parser, AcceptedAndRefusedDocuments)
             XmlNode *doc = Sentinel();
             EXPECT_EQ(ParseIn(session, text, &doc), KRV_XML_ERR_SYNTAX);
             EXPECT_EQ(doc, nullptr);
+        }
+    }
+}
+
+// A text is stored in a buffer as long as its run in the input, and the
+// bytes that decoding saved are zero, on the heap as in a session: after
+// references in long runs and after a text that is one CDATA section.
+TEST(Parser, TextBuffersAreZeroPastTheirText)
+{
+    const char *texts[] = {
+        "<r><![CDATA[abc]]></r>",
+        "<r>0123456789abcde&amp;0123456789abcdef&lt;&lt;&lt;&lt;&#x20AC;&#233;</r>",
+        "<r>&quot;0123456789abcdef0123456789<![CDATA[&lt;]]>0123456789abcdef&apos;</r>",
+    };
+    for (bool session : {false, true}) {
+        for (const char *text : texts) {
+            SCOPED_TRACE(std::string(text) + (session ? " (session)" : " (heap)"));
+            std::string t = text;
+            size_t run = t.rfind('<') - t.find('>') - 1;
+            XmlNode *doc = nullptr;
+            ASSERT_EQ(ParseIn(session, text, &doc), KRV_XML_OK);
+            const char *value = doc->value;
+            ASSERT_NE(value, nullptr);
+            size_t used = std::strlen(value);
+            ASSERT_LT(used, run);
+            EXPECT_EQ(std::string(value + used, run + 1 - used), std::string(run + 1 - used, '\0'));
+            KRV_XML_FreeNode(doc);
         }
     }
 }

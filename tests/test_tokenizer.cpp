@@ -64,6 +64,11 @@ TEST(Decoder, EntitiesReferencesAndCdataInBothRegimes)
         {"<![CDATA[x<y&z]]>", "x<y&z"}, {"a<![CDATA[b]]>c", "abc"}, {"<![CDATA[a]]><![CDATA[&lt;]]>", "a&lt;"},
         {"<![CDATA[]] ]]>", "]] "}, {"<![CDATA[a]]]]>", "a]]"}, {"line\r\nend", "line\r\nend"}, {"<b", "<b"},
         {"<![CDATA[]]>", ""},  // an empty CDATA still yields a string
+        // runs longer than one wide step, with references on either side of its edge
+        {"0123456789abcdef&amp;0123456789abcde&lt;", "0123456789abcdef&0123456789abcde<"},
+        {"0123456789abcde&gt;<![CDATA[0123456789abcdef&]]>x&#65;", "0123456789abcde>0123456789abcdef&xA"},
+        {"0123456789abcdef0123456789abcdef0", "0123456789abcdef0123456789abcdef0"},
+        {"0123456789abcdef<b0123456789abcdef", "0123456789abcdef<b0123456789abcdef"},
     };
     XmlMemSession *session = XML_MemSessionBegin(kSessionInitialSize);
     for (const Case &c : ok) {
@@ -72,6 +77,10 @@ TEST(Decoder, EntitiesReferencesAndCdataInBothRegimes)
             char *out = krvtest::Sentinel<char>();
             EXPECT_EQ(Parser_CopyBufToString(in, c.run, static_cast<uint32_t>(std::strlen(c.run)), &out), KRV_XML_OK);
             EXPECT_EQ(krvtest::Str(out), c.expect);
+            size_t len = std::strlen(c.run);
+            size_t used = std::strlen(c.expect);
+            EXPECT_EQ(std::string(out + used, len + 1 - used), std::string(len + 1 - used, '\0'))
+                << "zero past the text";
             if (in == nullptr) {
                 krvHeapFree(out);
             }

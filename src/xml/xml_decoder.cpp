@@ -163,31 +163,54 @@ int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char
     char *d = buf;
     const char *reason = nullptr;
     const char *at = nullptr;
-    char *written = d;  // end of the bytes written, some of them past d
+#ifdef KRVXML_SSE2_SCAN
+    const __m128i ampByte = _mm_set1_epi8('&');
+    const __m128i ltByte = _mm_set1_epi8('<');
+#endif
     while (s < end) {
-        // Copy the plain stretch up to the next '&' or '<' in one go.
-        const char *stop = findByte(s, end, '&', '<', '&');
-        auto n = static_cast<size_t>(stop - s);
-        if (n <= 8 && end - s >= 8) {
-            // Stretches between references are mostly short: copy 8 bytes
-            // without a branch on the length. The output never runs ahead
-            // of the input, so the 8 bytes stay inside the buffer; the ones
-            // past the stretch are overwritten or cleared below.
-            std::memcpy(d, s, 8);
-            written = d + 8 > written ? d + 8 : written;
-        } else if (n <= 16) {
-            xmlCopyShort(d, s, n);
-        } else {
-            std::memcpy(d, s, n);
-        }
-        d += n;
-        s = stop;
-        if (s == end) {
-            break;
-        }
-        if (*s == '\0') {
-            *d++ = *s++;  // the scan also stops at NUL, which is plain here
-            continue;
+#ifdef KRVXML_SSE2_SCAN
+        if (end - s >= 16) {
+            // 16 bytes of the run are left: store them whole and keep the
+            // part before the first '&' or '<'. The output never runs ahead
+            // of the input, so the store stays inside the buffer; the bytes
+            // past the kept part are overwritten or cleared at the end. A NUL
+            // inside the run is plain here, and is copied like any byte.
+            __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i *>(s));
+            auto m = static_cast<unsigned>(_mm_movemask_epi8(
+                _mm_or_si128(_mm_cmpeq_epi8(x, ampByte), _mm_cmpeq_epi8(x, ltByte))));
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(d), x);
+            if (m == 0) {
+                s += 16;
+                d += 16;
+                continue;
+            }
+            auto k = static_cast<unsigned>(__builtin_ctz(m));
+            s += k;
+            d += k;
+        } else
+#endif
+        {
+            // Copy the plain stretch up to the next '&' or '<' in one go.
+            const char *stop = findByte(s, end, '&', '<', '&');
+            auto n = static_cast<size_t>(stop - s);
+            if (n <= 8 && end - s >= 8) {
+                // Stretches between references are mostly short: copy 8
+                // bytes without a branch on the length, as above.
+                std::memcpy(d, s, 8);
+            } else if (n <= 16) {
+                xmlCopyShort(d, s, n);
+            } else {
+                std::memcpy(d, s, n);
+            }
+            d += n;
+            s = stop;
+            if (s == end) {
+                break;
+            }
+            if (*s == '\0') {
+                *d++ = *s++;  // the scan also stops at NUL, which is plain here
+                continue;
+            }
         }
         if (*s == '<') {
             if (!startsCdata(s)) {
@@ -250,10 +273,10 @@ int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char
         note(diag, at, reason);
         return static_cast<int32_t>(KRV_XML_ERR_SYNTAX);
     }
-    *d = '\0';
-    if (written > d + 1) {
-        std::memset(d + 1, 0, static_cast<size_t>(written - d - 1));  // a piece is zero past its text
-    }
+    // The buffer is zero past the text: the wide copies above wrote there,
+    // and a heap buffer starts out undefined. What is left is what decoding
+    // saved, a few bytes per reference.
+    std::memset(d, 0, static_cast<size_t>(buf + len + 1 - d));
     return KRV_XML_OK;
 }
 
@@ -274,6 +297,19 @@ int32_t xmlStoreRunOutOfLine(XmlMemSession *session, const char *src, uint64_t l
         std::memcpy(buf, src, static_cast<size_t>(len));
     }
     buf[len] = '\0';
+    return KRV_XML_OK;
+}
+
+int32_t xmlStoreCdataRun(XmlMemSession *session, const char *src, uint64_t len,
+                         const char *content, uint64_t contentLen, char **out,
+                         XmlParseDiag *diag)
+{
+    char *buf = newRunBuffer(session, src, len, out, diag);
+    if (buf == nullptr) {
+        return static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY);
+    }
+    std::memcpy(buf, content, static_cast<size_t>(contentLen));
+    std::memset(buf + contentLen, 0, static_cast<size_t>(len + 1 - contentLen));
     return KRV_XML_OK;
 }
 

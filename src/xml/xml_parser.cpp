@@ -2238,14 +2238,22 @@ Fast fastText(XmlParser *p)
         lt = findByte(lt + 1, nullptr, '<', '<', '<');  // the decoder finds the others
     }
     // CDATA sections belong to the text and are stepped over whole; the
-    // decoder unwraps them.
+    // decoder unwraps them. A text that is one section and nothing else
+    // (the common case) is stored from the bounds found here.
+    const char *content = nullptr;
+    const char *contentEnd = nullptr;
     while (*lt == '<' && lt[1] == '!' && startsCdata(lt)) {
         const char *close = findCdataEnd(lt + 9);
         if (close == nullptr) {
             return Fast::Bail;
         }
+        content = lt == start ? lt + 9 : nullptr;
+        contentEnd = close;
         plain = false;
         lt = findByte(close + 3, nullptr, '<', '<', '<');
+    }
+    if (content != nullptr && lt != contentEnd + 3) {
+        content = nullptr;
     }
     if (*lt != '<' || lt[1] != '/' || lt - start > static_cast<ptrdiff_t>(kMaxRun)) {
         return Fast::Bail;
@@ -2259,8 +2267,13 @@ Fast fastText(XmlParser *p)
         return Fast::Bail;
     }
     p->tokenSeen = 1;
-    if (xmlStoreRun(p->session, start, static_cast<uint64_t>(lt - start), plain, &cur->value,
-                    p->diag) != KRV_XML_OK) {
+    auto len = static_cast<uint64_t>(lt - start);
+    int32_t stored =
+        content != nullptr
+            ? xmlStoreCdataRun(p->session, start, len, content,
+                               static_cast<uint64_t>(contentEnd - content), &cur->value, p->diag)
+            : xmlStoreRun(p->session, start, len, plain, &cur->value, p->diag);
+    if (stored != KRV_XML_OK) {
         return Fast::Failed;
     }
     cur->valueOwned = 1;

@@ -66,6 +66,13 @@ int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char
 int32_t xmlStoreRunOutOfLine(XmlMemSession *session, const char *src, uint64_t len, bool plain,
                              char **out, XmlParseDiag *diag);
 
+// xmlDecodeRun for a run of len bytes that is exactly one CDATA section,
+// whose content is the contentLen bytes at content: the same buffer, holding
+// the content as it is.
+int32_t xmlStoreCdataRun(XmlMemSession *session, const char *src, uint64_t len,
+                         const char *content, uint64_t contentLen, char **out,
+                         XmlParseDiag *diag);
+
 // Stores the len bytes at src, at most 16, at dst as one 16-byte store
 // when the block of dst has at least 16 zero bytes from dst on (room: its
 // bytes from dst to its end) and the 16 bytes at src lie on one page: the
