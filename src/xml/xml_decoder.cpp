@@ -2,6 +2,9 @@
 // entities, character references (written in UTF-8) and CDATA sections
 // resolved; and qualified names divided into prefix and local name.
 #include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "xml/xml_parser_internal.h"
 
@@ -163,12 +166,12 @@ int32_t xmlDecodeRun(XmlMemSession *session, const char *src, uint64_t len, char
     char *d = buf;
     const char *reason = nullptr;
     const char *at = nullptr;
-#ifdef KRVXML_SSE2_SCAN
+#if defined(__SSE2__)  // in bounds, so sanitized builds run it too
     const __m128i ampByte = _mm_set1_epi8('&');
     const __m128i ltByte = _mm_set1_epi8('<');
 #endif
     while (s < end) {
-#ifdef KRVXML_SSE2_SCAN
+#if defined(__SSE2__)
         if (end - s >= 16) {
             // 16 bytes of the run are left: store them whole and keep the
             // part before the first '&' or '<'. The output never runs ahead
