@@ -166,15 +166,22 @@ inline bool TreeMayHoldReference(XmlNode *top)
 }
 
 // True when a name or prefix in the sub-tree is empty (a CDATA section that
-// held nothing prints as nothing) or holds markup or white space. The parser
-// decodes references and CDATA in names ("a&apos;b") but the printer writes
-// names as they are, so such a tree does not read back.
+// held nothing prints as nothing) or holds markup or white space, or when a
+// colon sits where reading the printed name would divide it (in a prefix,
+// or in a name without one). The parser divides names at a colon of the
+// text and then decodes references and CDATA in each part ("a&#58;b" is one
+// name), but the printer writes names as they are, so such a tree does not
+// read back.
 inline bool TreeHasMarkupInNames(XmlNode *top)
 {
     auto odd = [](const char *text) {
         return text != nullptr && (text[0] == '\0' || std::strpbrk(text, " \t\r\n<>&'\"=/?!") != nullptr);
     };
-    return AnyRecord(top, [&odd](XmlNode *n) { return odd(n->name) || odd(n->nsPrefix); });
+    auto colon = [](const char *text) { return text != nullptr && std::strchr(text, ':') != nullptr; };
+    return AnyRecord(top, [&](XmlNode *n) {
+        return odd(n->name) || odd(n->nsPrefix) || colon(n->nsPrefix) ||
+               (n->nsPrefix == nullptr && colon(n->name));
+    });
 }
 
 // True when some record of the sub-tree has no name: the printer refuses it.
