@@ -2313,7 +2313,19 @@ Fast fastStep(XmlParser *p)
                        : Fast::Bail;
         }
         // "<!" and "<?" may begin comments, instructions or CDATA.
-        return isWordStart(s[1]) && s[1] != '!' && s[1] != '?' ? fastStartTag(p) : Fast::Bail;
+        if (!isWordStart(s[1]) || s[1] == '!' || s[1] == '?') {
+            return Fast::Bail;
+        }
+        Fast tag = fastStartTag(p);
+        const char *t = p->pos;
+        if (tag == Fast::Done && *t != '<' && *t != '\0' && !isSpace(*t) &&
+            p->state == XML_PARSE_CONTENT && (p->openBits & 1u) && p->current != nullptr) {
+            // Text right after the start tag, as in most leaves: read it here,
+            // where the main loop's next step would find it. When it is not
+            // plain, the main loop reads it again and takes the general path.
+            return fastText(p) == Fast::Failed ? Fast::Failed : Fast::Done;
+        }
+        return tag;
     }
     if (s[0] != '\0' && p->state == XML_PARSE_CONTENT && (p->openBits & 1u) &&
         p->current != nullptr) {
