@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -287,6 +288,76 @@ TEST(Tree, NamesMoveIntoTheDocumentTable)
         EXPECT_EQ(raw->name, doc->nameTable[0]);
         EXPECT_STREQ(raw->value, "set");
         KRV_XML_FreeNode(doc);
+    }
+}
+
+// Random insertions and removals among a few records, each checked against a
+// walk to the top made here: an insertion is refused exactly when it would
+// make a cycle, and interns the node's name exactly when the tree it joins is
+// headed by the document. Session trees remember tops between calls, and a
+// fact kept past the change that ended it shows up as a wrong answer here.
+TEST(Tree, InsertionsAgreeWithAWalkToTheTop)
+{
+    auto topOf = [](XmlNode *n) {
+        while (n->parent != nullptr) {
+            n = n->parent;
+        }
+        return n;
+    };
+    using Insert = uint32_t (*)(XmlNode *, XmlNode *);
+    const Insert inserts[] = {KRV_XML_AppendChildNode, KRV_XML_AddFirstChildNode, KRV_XML_AddNextSiblingNode,
+                              KRV_XML_AddPrevSiblingNode};
+    for (bool session : {false, true}) {
+        SCOPED_TRACE(session ? "session" : "heap");
+        krvtest::LeakGuard guard;
+        XmlNode *doc = Document(session);
+        XmlNode *keep = Element("e", doc->mem);  // takes slot 0 for "e"
+        ASSERT_EQ(KRV_XML_AppendChildNode(doc, keep), KRV_XML_OK);
+        ASSERT_EQ(keep->name, doc->nameTable[0]);
+        std::vector<XmlNode *> pool = {doc, keep};
+        for (int i = 0; i < 10; ++i) {
+            pool.push_back(Element("e", doc->mem));
+        }
+        uint32_t seed = 12345;
+        auto next = [&seed](uint32_t bound) {
+            seed = seed * 1103515245u + 12345u;
+            return (seed >> 16) % bound;
+        };
+        int joined = 0, cycles = 0;
+        for (int step = 0; step < 4000; ++step) {
+            XmlNode *node = pool[1 + next(static_cast<uint32_t>(pool.size() - 1))];
+            if (next(3) == 0) {
+                if (node->parent != nullptr) {
+                    ASSERT_EQ(KRV_XML_RemoveNode(node), KRV_XML_OK);
+                }
+                continue;
+            }
+            XmlNode *ref = pool[next(static_cast<uint32_t>(pool.size()))];
+            uint32_t how = next(4);
+            if (node->parent != nullptr || (how >= 2 && ref->parent == nullptr)) {
+                continue;  // linked nodes and siblings of a top record are other tests' cases
+            }
+            ASSERT_EQ(KRV_XML_SetNode(node, nullptr, "e", nullptr), KRV_XML_OK);  // owned again
+            bool cycle = topOf(ref) == node;
+            bool underDoc = topOf(ref) == doc;
+            uint32_t rc = inserts[how](ref, node);
+            ASSERT_EQ(rc, cycle ? KRV_XML_ERR_INVALID_PARAM : KRV_XML_OK) << "step " << step;
+            if (!cycle) {
+                ASSERT_EQ(node->name == doc->nameTable[0], underDoc) << "step " << step;
+                ASSERT_EQ(node->nameOwned, underDoc ? 0 : 1) << "step " << step;
+            }
+            joined += cycle ? 0 : 1;
+            cycles += cycle ? 1 : 0;
+        }
+        EXPECT_EQ(krvfuzz::CheckLinks(doc), "");
+        EXPECT_GT(joined, 500);
+        EXPECT_GT(cycles, 50);
+        std::vector<XmlNode *> tops;  // found before any release: a heap release frees descendants
+        std::copy_if(pool.begin(), pool.end(), std::back_inserter(tops),
+                     [](XmlNode *n) { return n->parent == nullptr; });
+        for (auto n = tops.rbegin(); n != tops.rend(); ++n) {  // the session's document last
+            KRV_XML_FreeNode(*n);
+        }
     }
 }
 

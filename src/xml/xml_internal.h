@@ -69,6 +69,11 @@ struct XmlMemSession {
     // First block only: 1 once the session has grown past the caches (see
     // xmlPrefetchAhead); writers then request the memory they will fill next.
     int32_t prefetchAhead;
+    // First block only: two records of the session whose top records are
+    // known (see xmlTopOf). Linking a tree under another moves the facts
+    // about it along; unlinking any record of the session forgets both.
+    XmlNode *knownNode[2];
+    XmlNode *knownTop[2];
 };
 
 // Requests the cache lines a block's length past p, where a session that
@@ -142,9 +147,23 @@ inline void *xmlSessionTake(XmlMemSession *session, int32_t n)
 }
 
 // The session that owns the tree of `context`, or null when that tree is not
-// session-owned (a null context, an ownerless attribute on the way up, a top
-// record with a sibling, or a top record without `mem`).
+// session-owned (a null context, a heap record, an ownerless attribute on the
+// way up, or a top record with a sibling).
 XmlMemSession *xmlSessionOf(XmlNode *context);
+
+// The record reached from node by following `parent` (an attribute stepping
+// to its owner) to a record that is not an attribute and has no parent; null
+// when an ownerless attribute ends the walk. In a session tree the walk stops
+// at a record whose top the session remembers, and node's top is remembered.
+XmlNode *xmlTopOf(XmlNode *node);
+
+// Lets node's session remember that top is node's top record (nothing for a
+// heap record or an attribute), a fact that holds until the next unlink.
+void xmlNoteTop(XmlNode *node, XmlNode *top);
+
+// Tells node's session that node, the top record of a tree until now, was
+// linked into the tree of top: what the session knows stays true.
+void xmlNoteLinked(XmlNode *node, XmlNode *top);
 
 // The release rule: hands ptr to the heap unless `session` is non-null.
 inline void xmlReleaseTo(XmlMemSession *session, void *ptr)

@@ -357,22 +357,83 @@ int32_t xmlSessionSlabRoom(const XmlMemSession *session)
 
 XmlMemSession *xmlSessionOf(XmlNode *context)
 {
-    XmlNode *top = context;
-    while (top != nullptr && (xmlIsAttr(top) || top->parent != nullptr)) {
-        top = top->parent;  // an ownerless attribute ends the walk with null
+    // Every record of a tree carries the `mem` of the tree's top record, so a
+    // heap record answers for itself; a session record's tree is found with
+    // the session's help and is session-owned while its top has no sibling.
+    if (context == nullptr || context->mem == nullptr) {
+        return nullptr;
     }
+    XmlNode *top = xmlTopOf(context);
     if (top == nullptr || top->prev != nullptr || top->next != nullptr) {
         return nullptr;
     }
     return top->mem;
 }
 
-XmlNode *xmlFindRoot(XmlNode *node)
+XmlNode *xmlTopOf(XmlNode *node)
 {
+    XmlMemSession *session = node != nullptr ? node->mem : nullptr;
     XmlNode *top = node;
+    if (session == nullptr) {
+        while (top != nullptr && (xmlIsAttr(top) || top->parent != nullptr)) {
+            top = top->parent;
+        }
+        return top;
+    }
+    // A session record: the walk ends early at a record whose top is known.
+    XmlMemSession *head = session;
     while (top != nullptr && (xmlIsAttr(top) || top->parent != nullptr)) {
+        if (top == head->knownNode[0]) {
+            top = head->knownTop[0];
+            break;
+        }
+        if (top == head->knownNode[1]) {
+            top = head->knownTop[1];
+            break;
+        }
         top = top->parent;
     }
+    if (top != nullptr && top != node) {
+        xmlNoteTop(node, top);
+    }
+    return top;
+}
+
+void xmlNoteTop(XmlNode *node, XmlNode *top)
+{
+    // Attributes are left out: one can leave its owner without an unlink.
+    if (node->mem == nullptr || xmlIsAttr(node)) {
+        return;
+    }
+    XmlMemSession *head = node->mem;
+    if (head->knownNode[0] == node) {
+        head->knownTop[0] = top;
+        return;
+    }
+    head->knownNode[1] = head->knownNode[0];
+    head->knownTop[1] = head->knownTop[0];
+    head->knownNode[0] = node;
+    head->knownTop[0] = top;
+}
+
+void xmlNoteLinked(XmlNode *node, XmlNode *top)
+{
+    if (node->mem == nullptr) {
+        return;
+    }
+    // Every record that node headed now lies under top.
+    XmlMemSession *head = node->mem;
+    for (int i = 0; i < 2; ++i) {
+        if (head->knownTop[i] == node) {
+            head->knownTop[i] = top;
+        }
+    }
+    xmlNoteTop(node, top);
+}
+
+XmlNode *xmlFindRoot(XmlNode *node)
+{
+    XmlNode *top = xmlTopOf(node);
     if (top == nullptr || top->prev != nullptr || top->next != nullptr) {
         return nullptr;
     }
@@ -814,6 +875,11 @@ void xmlUnlink(XmlNode *node)
     node->prev = nullptr;
     node->next = nullptr;
     node->parent = nullptr;
+    if (node->mem != nullptr) {
+        // The sub-tree now has a top record of its own.
+        node->mem->knownNode[0] = nullptr;
+        node->mem->knownNode[1] = nullptr;
+    }
 }
 
 uint32_t KRV_XML_RemoveNode(XmlNode *node)

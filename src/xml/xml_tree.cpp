@@ -262,19 +262,6 @@ void XML_InternName(XmlNode *document, XmlNode *node)
 
 namespace {
 
-// The record reached from node by following `parent` (an attribute stepping
-// to its owner) to a record that is not an attribute and has no parent; null
-// when an ownerless attribute ends the walk. Unlike xmlFindRoot it also
-// answers for a top record that has siblings.
-XmlNode *topRecord(XmlNode *node)
-{
-    XmlNode *top = node;
-    while (top != nullptr && (xmlIsAttr(top) || top->parent != nullptr)) {
-        top = top->parent;
-    }
-    return top;
-}
-
 bool hasSibling(const XmlNode *node)
 {
     return node->prev != nullptr || node->next != nullptr;
@@ -296,6 +283,7 @@ bool isSessionDocument(const XmlNode *node)
 // leaves the link in place and interns nothing.
 uint32_t finishInsert(XmlNode *top, XmlNode *node)
 {
+    xmlNoteLinked(node, top);  // the next insertion below node need not walk
     if (!hasSibling(top) && top->ownsSession == 1 && node->nameOwned == 1) {
         XML_InternName(top, node);
     }
@@ -313,7 +301,7 @@ uint32_t insertChild(XmlNode *parent, XmlNode *node, ChildPlace place)
     if ((parent->kind != kKindElement && parent->kind != kKindDocument) || !isDetached(node)) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    XmlNode *top = topRecord(parent);  // never null: parent is not an attribute
+    XmlNode *top = xmlTopOf(parent);  // never null: parent is not an attribute
     if (top == node || node->mem != top->mem) {
         return KRV_XML_ERR_INVALID_PARAM;  // a cycle, or mixed memory regimes
     }
@@ -351,7 +339,7 @@ uint32_t insertSibling(XmlNode *sibling, XmlNode *node, SiblingPlace place)
     if (sibling->parent == nullptr && sibling->mem != nullptr) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    XmlNode *top = topRecord(sibling);
+    XmlNode *top = xmlTopOf(sibling);
     if (top == node || node->mem != top->mem) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
