@@ -363,7 +363,8 @@ XmlMemSession *xmlSessionOf(XmlNode *context)
     if (context == nullptr || context->mem == nullptr) {
         return nullptr;
     }
-    XmlNode *top = xmlTopOf(context);
+    // A copy routes every string by its detached top record: no call for that.
+    XmlNode *top = context->parent == nullptr && !xmlIsAttr(context) ? context : xmlTopOf(context);
     if (top == nullptr || top->prev != nullptr || top->next != nullptr) {
         return nullptr;
     }
