@@ -69,11 +69,6 @@ struct XmlMemSession {
     // First block only: 1 once the session has grown past the caches (see
     // xmlPrefetchAhead); writers then request the memory they will fill next.
     int32_t prefetchAhead;
-    // First block only: two records of the session whose top records are
-    // known (see xmlTopOf). Linking a tree under another moves the facts
-    // about it along; unlinking any record of the session forgets both.
-    XmlNode *knownNode[2];
-    XmlNode *knownTop[2];
 };
 
 // Requests the cache lines a block's length past p, where a session that

@@ -65,6 +65,26 @@ uint8_t *blockData(XmlMemSession *block)
     return reinterpret_cast<uint8_t *>(block) + kBlockHeader;
 }
 
+// Two records of a session whose top records are known (see xmlTopOf).
+// Linking a tree under another moves the facts about it along; unlinking any
+// record of the session forgets both. They lie past the first block's data,
+// so that the header of every block stays as small as it was.
+struct TopFacts {
+    XmlNode *node[2];
+    XmlNode *top[2];
+};
+
+size_t firstBlockBytes(int32_t capacity)
+{
+    return kBlockHeader + ((static_cast<size_t>(capacity) + 7) & ~size_t{7}) + sizeof(TopFacts);
+}
+
+TopFacts *factsOf(XmlMemSession *first)
+{
+    return reinterpret_cast<TopFacts *>(reinterpret_cast<uint8_t *>(first) + firstBlockBytes(first->capacity) -
+                                        sizeof(TopFacts));
+}
+
 constexpr size_t kSlabHeader = (sizeof(SessionSlab) + 7) & ~static_cast<size_t>(7);
 constexpr size_t kFirstSlab = size_t{64} << 10;
 constexpr size_t kLargestSlab = (size_t{32} << 20) - 4096;
@@ -252,7 +272,7 @@ XmlMemSession *XML_MemSessionBegin(int32_t size)
     if (size <= 0) {
         return nullptr;
     }
-    void *raw = krvHeapCalloc(1, kBlockHeader + static_cast<size_t>(size));
+    void *raw = krvHeapCalloc(1, firstBlockBytes(size));
     if (raw == nullptr) {
         return nullptr;
     }
@@ -382,14 +402,14 @@ XmlNode *xmlTopOf(XmlNode *node)
         return top;
     }
     // A session record: the walk ends early at a record whose top is known.
-    XmlMemSession *head = session;
+    const TopFacts *facts = factsOf(session);
     while (top != nullptr && (xmlIsAttr(top) || top->parent != nullptr)) {
-        if (top == head->knownNode[0]) {
-            top = head->knownTop[0];
+        if (top == facts->node[0]) {
+            top = facts->top[0];
             break;
         }
-        if (top == head->knownNode[1]) {
-            top = head->knownTop[1];
+        if (top == facts->node[1]) {
+            top = facts->top[1];
             break;
         }
         top = top->parent;
@@ -406,15 +426,15 @@ void xmlNoteTop(XmlNode *node, XmlNode *top)
     if (node->mem == nullptr || xmlIsAttr(node)) {
         return;
     }
-    XmlMemSession *head = node->mem;
-    if (head->knownNode[0] == node) {
-        head->knownTop[0] = top;
+    TopFacts *facts = factsOf(node->mem);
+    if (facts->node[0] == node) {
+        facts->top[0] = top;
         return;
     }
-    head->knownNode[1] = head->knownNode[0];
-    head->knownTop[1] = head->knownTop[0];
-    head->knownNode[0] = node;
-    head->knownTop[0] = top;
+    facts->node[1] = facts->node[0];
+    facts->top[1] = facts->top[0];
+    facts->node[0] = node;
+    facts->top[0] = top;
 }
 
 void xmlNoteLinked(XmlNode *node, XmlNode *top)
@@ -423,10 +443,10 @@ void xmlNoteLinked(XmlNode *node, XmlNode *top)
         return;
     }
     // Every record that node headed now lies under top.
-    XmlMemSession *head = node->mem;
-    for (int i = 0; i < 2; ++i) {
-        if (head->knownTop[i] == node) {
-            head->knownTop[i] = top;
+    TopFacts *facts = factsOf(node->mem);
+    for (XmlNode *&known : facts->top) {
+        if (known == node) {
+            known = top;
         }
     }
     xmlNoteTop(node, top);
@@ -878,8 +898,9 @@ void xmlUnlink(XmlNode *node)
     node->parent = nullptr;
     if (node->mem != nullptr) {
         // The sub-tree now has a top record of its own.
-        node->mem->knownNode[0] = nullptr;
-        node->mem->knownNode[1] = nullptr;
+        TopFacts *facts = factsOf(node->mem);
+        facts->node[0] = nullptr;
+        facts->node[1] = nullptr;
     }
 }
 
