@@ -166,8 +166,11 @@ KRV_XML_API uint32_t KRV_XML_RemoveNode(XmlNode *node);
 /* Releases a node with its attributes and descendants, after taking it out of
  * its tree (never its former siblings). A session document ends its session;
  * a node carved from a session frees nothing by itself. An attribute record is
- * taken out of its owner's list and released. A parsed heap document with
- * further top-level elements releases those too. Null: nothing happens. */
+ * taken out of its owner's list and released. A heap document parsed with
+ * further top-level elements releases every record that follows it, while it
+ * still heads them (no `prev`, and its `next` not cut since the parse); a
+ * sibling linked to any other document stays behind, detached, as siblings
+ * of other records do. Null: nothing happens. */
 KRV_XML_API void KRV_XML_FreeNode(XmlNode *node);
 
 /* Releases text handed out by the library (the transforms). Null is fine. */

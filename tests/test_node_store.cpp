@@ -320,23 +320,75 @@ TEST(NodeStore, RemoveUnlinksAndFreeReleasesOnlyTheSubtree)
     root->firstChild = root->lastChild = nullptr;
     KRV_XML_FreeNode(root);
 
-    // A heap document takes its top-level followers with it.
-    XmlNode *doc = krvtest::Document(false, "r");
-    XmlNode *s = Element("s"), *t = Element("t");
-    doc->next = s;
-    s->prev = doc;
-    s->next = t;
-    t->prev = s;
-    KRV_XML_FreeNode(doc);
     // A session document ends its session and visits no node: a heap child
     // linked in by hand survives.
-    doc = krvtest::Document(true);
+    XmlNode *doc = krvtest::Document(true);
     XmlNode *heapChild = LinkChild(doc, Element("h", nullptr, "v"));
     long live = krv_test::LiveBlocks();
     KRV_XML_FreeNode(doc);
     EXPECT_EQ(krv_test::LiveBlocks(), live - 1) << "only the session block went";
     heapChild->parent = nullptr;
     KRV_XML_FreeNode(heapChild);
+}
+
+// A heap document takes along the top-level records that its parse linked
+// after it, and only while it heads them; siblings linked to a created
+// document, or after the parsed ones were taken away, stay with the caller.
+TEST(NodeStore, HeapDocumentReleasesOnlyItsParsedFollowers)
+{
+    enum Setup { Parsed, Created, FollowersTaken, LinkedBefore, LinkedAfterLast };
+    struct Case {
+        Setup setup;
+        const char *leftBehind;  // names of the top-level records that outlive the document
+    } cases[] = {
+        {Parsed, ""},
+        {Created, "e"},
+        {FollowersTaken, "s,u,e"},
+        {LinkedBefore, "c,s,u"},
+        {LinkedAfterLast, ""},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.leftBehind);
+        krvtest::LeakGuard guard;
+        XmlNode *doc = nullptr;
+        if (c.setup == Created) {
+            ASSERT_EQ(KRV_XML_CreateNode(KRV_XML_NODE_DOCUMENT, nullptr, "r", nullptr, &doc), KRV_XML_OK);
+        } else {
+            ASSERT_EQ(KRV_XML_Parse("<r/><s/><u/>", &doc), KRV_XML_OK);
+        }
+        std::vector<XmlNode *> kept;
+        if (c.setup == FollowersTaken) {
+            kept = {doc->next, doc->next->next};
+            ASSERT_EQ(KRV_XML_RemoveNode(kept[0]), KRV_XML_OK);
+            ASSERT_EQ(KRV_XML_RemoveNode(kept[1]), KRV_XML_OK);
+        }
+        XmlNode *e = Element(c.setup == LinkedBefore ? "c" : "e");
+        uint32_t rc = c.setup == LinkedBefore      ? KRV_XML_AddPrevSiblingNode(doc, e)
+                      : c.setup == LinkedAfterLast ? KRV_XML_AddNextSiblingNode(doc->next->next, e)
+                                                   : KRV_XML_AddNextSiblingNode(doc, e);
+        ASSERT_EQ(rc, KRV_XML_OK);
+        if (c.setup == Created || c.setup == FollowersTaken) {
+            kept.push_back(e);
+        } else if (c.setup == LinkedBefore) {
+            kept = {e};  // it heads s and u once the document is gone
+        }
+        KRV_XML_FreeNode(doc);
+        std::string names;
+        for (XmlNode *k : kept) {
+            for (XmlNode *n = k; n != nullptr; n = n->next) {
+                EXPECT_TRUE(n->parent == nullptr && (n == k ? n->prev == nullptr : n->prev->next == n));
+                names += (names.empty() ? "" : ",") + std::string(n->name);
+            }
+        }
+        EXPECT_EQ(names, c.leftBehind);
+        for (XmlNode *k : kept) {
+            while (k != nullptr) {
+                XmlNode *next = k->next;
+                KRV_XML_FreeNode(k);
+                k = next;
+            }
+        }
+    }
 }
 
 TEST(NodeStore, LibraryServices)

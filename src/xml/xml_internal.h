@@ -53,6 +53,24 @@ inline bool xmlIsAttr(const XmlNode *node)
     return node->kind == kKindAttribute;
 }
 
+// A heap document is allocated with one hidden word past its record (a
+// session carves records byte-exact and has none). Its first byte is 1 while
+// the document heads top-level elements that its parse linked after it:
+// releasing the document then takes them along. It drops to 0 once the
+// document's `next` is cut, so siblings linked later by a caller are never
+// taken.
+constexpr size_t kHeapDocumentSize = kDocumentRecordSize + 8;
+
+inline bool xmlIsHeapDocument(const XmlNode *node)
+{
+    return node->kind == kKindDocument && node->mem == nullptr;
+}
+
+inline uint8_t &xmlParsedFollowers(XmlNode *heapDocument)
+{
+    return reinterpret_cast<uint8_t *>(heapDocument)[kDocumentRecordSize];
+}
+
 // One block of a memory session; the session is its first block. The data
 // area follows the header. The bookkeeping fields after `nextBlock` are kept
 // in the first block only (see xml_node.cpp).

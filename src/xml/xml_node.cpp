@@ -539,7 +539,8 @@ XmlNode *XML_NewNode(XmlMemSession *session, int32_t kind)
 {
     size_t size = xmlRecordSize(kind);
     void *raw = session != nullptr ? xmlSessionTake(session, static_cast<int32_t>(size))
-                                   : krvHeapMalloc(size);
+                : size == kDocumentRecordSize ? krvHeapMalloc(kHeapDocumentSize)
+                                              : krvHeapMalloc(size);
     if (raw == nullptr) {
         return nullptr;
     }
@@ -551,7 +552,7 @@ XmlNode *XML_NewNode(XmlMemSession *session, int32_t kind)
         } else if (size == kElementRecordSize) {
             std::memset(raw, 0, kElementRecordSize);
         } else {
-            std::memset(raw, 0, kDocumentRecordSize);
+            std::memset(raw, 0, kHeapDocumentSize);
         }
     }
     auto *node = static_cast<XmlNode *>(raw);
@@ -878,8 +879,12 @@ uint32_t KRV_XML_SetNode(XmlNode *node, const char *prefix, const char *name, co
 
 void xmlUnlink(XmlNode *node)
 {
-    if (node->prev != nullptr) {
-        node->prev->next = node->next;
+    XmlNode *before = node->prev;
+    if (before != nullptr) {
+        before->next = node->next;
+        if (before->next == nullptr && xmlIsHeapDocument(before)) {
+            xmlParsedFollowers(before) = 0;  // its last follower left
+        }
     }
     if (node->next != nullptr) {
         node->next->prev = node->prev;
@@ -896,6 +901,9 @@ void xmlUnlink(XmlNode *node)
     node->prev = nullptr;
     node->next = nullptr;
     node->parent = nullptr;
+    if (xmlIsHeapDocument(node)) {
+        xmlParsedFollowers(node) = 0;  // it left its followers
+    }
     if (node->mem != nullptr) {
         // The sub-tree now has a top record of its own.
         TopFacts *facts = factsOf(node->mem);
@@ -942,10 +950,10 @@ void KRV_XML_FreeNode(XmlNode *node)
         XML_FreeSingleNode(node);  // routed by the owner's tree: parent still set
         return;
     }
-    // A parsed heap document heads its following top-level elements: release
-    // them with it rather than leave them behind.
-    bool headsFollowers = node->kind == kKindDocument && node->parent == nullptr &&
-                          node->prev == nullptr && node->next != nullptr;
+    // A heap document still heading the top-level elements that its parse
+    // linked after it releases them too rather than leave them behind.
+    bool headsFollowers = xmlIsHeapDocument(node) && xmlParsedFollowers(node) == 1 &&
+                          node->parent == nullptr && node->prev == nullptr;
     if (!headsFollowers && (node->parent != nullptr || node->prev != nullptr || node->next != nullptr)) {
         xmlUnlink(node);
     }

@@ -2441,6 +2441,9 @@ uint32_t Parser_parseDocument(XmlNode **out, XmlParser *p)
             ok = false;
         }
         if (ok) {
+            if (session == nullptr && doc->next != nullptr) {
+                xmlParsedFollowers(doc) = 1;
+            }
             *out = doc;
         } else {
             if (p->pending == doc) {

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -185,13 +186,16 @@ inline void AdoptNames(Pool &pool, const std::vector<XmlNode *> &doomedTops)
     }
 }
 
+// Heap documents that a parse left heading further top-level records, for as
+// long as their `next` was never cut.
+using Heads = std::unordered_set<XmlNode *>;
+
 // Releases a held top. A session document takes every record of its session
-// with it; a heap document that heads further top-level records takes those.
-inline void ReleaseTop(Pool &pool, XmlNode *t)
+// with it; a heap document in heads that has no `prev` takes the records after it.
+inline void ReleaseTop(Pool &pool, Heads &heads, XmlNode *t)
 {
     std::vector<XmlNode *> doomed{t};
-    for (XmlNode *f = t->kind == KRV_XML_NODE_DOCUMENT && t->mem == nullptr && t->prev == nullptr ? t->next : nullptr;
-         f != nullptr; f = f->next) {
+    for (XmlNode *f = heads.erase(t) != 0 && t->prev == nullptr ? t->next : nullptr; f != nullptr; f = f->next) {
         doomed.push_back(f);
     }
     AdoptNames(pool, doomed);
@@ -235,6 +239,7 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
     const long live = krv_test::LiveBlocks();
     ByteReader in(data, size);
     Pool pool;
+    Heads heads;
     std::string failure;
     for (int step = 0; step < 400 && !in.Empty() && failure.empty(); ++step) {
         const uint8_t op = in.Byte() % 24;
@@ -262,6 +267,9 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
         case 3: {  // parse a document into the pool, with its top-level followers
             const char *text = PickDocument(in);
             rc = (in.Byte() & 1) != 0 ? KRV_XML_ParseEx(text, &made) : KRV_XML_Parse(text, &made);
+            if (rc == KRV_XML_OK && made->mem == nullptr && made->next != nullptr) {
+                heads.insert(made);
+            }
             for (XmlNode *f = rc == KRV_XML_OK ? made : nullptr; f != nullptr; f = f->next) {
                 Add(pool, f);
             }
@@ -450,7 +458,7 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
         }
         case 20:  // release a held tree
             if ((n = PickTop(in, pool)) != nullptr) {
-                ReleaseTop(pool, n);
+                ReleaseTop(pool, heads, n);
             }
             break;
         case 21:  // release a record inside a tree (it is unlinked first)
@@ -478,6 +486,9 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
         if ((op <= 3 || op == 15) && rc == KRV_XML_OK) {
             Add(pool, made);
         }
+        for (auto h = heads.begin(); h != heads.end();) {
+            h = (*h)->next == nullptr ? heads.erase(h) : std::next(h);
+        }
         // Entries that gained a parent are held by their new tree now.
         pool.erase(std::remove_if(pool.begin(), pool.end(), [](XmlNode *t) { return t->parent != nullptr; }),
                    pool.end());
@@ -494,7 +505,7 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
     // Heap records first: session documents end their sessions last.
     std::stable_partition(pool.begin(), pool.end(), [](XmlNode *t) { return t->ownsSession == 0; });
     while (!pool.empty()) {
-        ReleaseTop(pool, pool.front());
+        ReleaseTop(pool, heads, pool.front());
     }
     if (failure.empty() && krv_test::LiveBlocks() != live) {
         failure = "heap blocks leaked: " + std::to_string(krv_test::LiveBlocks() - live);
