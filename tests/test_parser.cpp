@@ -86,6 +86,11 @@ TEST(Parser, AcceptedAndRefusedDocuments)
         // names ending in a byte that may start "/>", "-->" or "]]>"
         {"<r><a- x='1'>t</a-></r>", "0 r=~;1 a-=t x=1;"}, {"<r><a/ x='1'>t</a/ ></r>", "0 r=~;1 a/=t x=1;"},
         {"<r><a] x='1'></a]></r>", "0 r=~;1 a]=~ x=1;"},
+        // a CDATA section is a word, also where it names a later attribute
+        {"<a <![CDATA[y]]>='2' x='1'/>", "0 a=~ y=2 x=1;"}, {"<a x='1' <![CDATA[y]]>='2'/>", "0 a=~ x=1 y=2;"},
+        // an empty tag's colon counts as last against its name token, which a
+        // reference makes longer than the name
+        {"<a&#58;/>", "0 a:=~;"}, {"<b&#58;c/>", "0 b:c=~;"},
         // attribute names like, or unlike, those of the tag before
         {"<r><e ab='1' m:x='2'/><e ax='3' m:x='4'/><e m:xy='5' ab='6'/><e id='7'/><e idx='8'/><e id ='9'/></r>",
          "0 r=~;1 e=~ ab=1 m:x=2;1 e=~ ax=3 m:x=4;1 e=~ m:xy=5 ab=6;1 e=~ id=7;1 e=~ idx=8;1 e=~ id=9;"},
@@ -108,6 +113,7 @@ TEST(Parser, AcceptedAndRefusedDocuments)
         "<p:a>x<!--c--></p:b>", "<p:a><!--c--></pa>", "<r><a/ x='1'>t</a/></r>",
         "<r><a-- x='1'>t</a--></r>", "<r><a]] x='1'></a]]></r>", "<r><ab x='1'>t</ab\0>",
         "<r><e a='1' b='2'/><e a='1' a='2'/></r>", "<r><e ab='1'/><e ax='1' ax='2'/></r>",
+        "<a&#58; x='1'/>", "<a&#58;></a&#58;>",
         // refusals after top-level followers were built (heap)
         "<r/><s><t/>", "<r/><s a='1' a='2'/>", "<r><a/></r><s>x<t/></s>",
     };

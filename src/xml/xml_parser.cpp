@@ -72,10 +72,13 @@ namespace {
 // and the local name moves to the front of the string.
 // colonAt, when not kColonUnknown, is where the name's first colon is (-1:
 // none), known from a scan of the same bytes that also found no '&'.
+// An empty tag without attributes tests for a colon in last place against
+// the length of its name token (tokenLen), which decoding may have made
+// longer than the name; elsewhere tokenLen is 0 and the name's length counts.
 constexpr int64_t kColonUnknown = -2;
 
 int32_t splitElement(XmlParser *p, XmlNode *element, uint32_t length, const char *at,
-                     int64_t colonAt = kColonUnknown)
+                     int64_t colonAt = kColonUnknown, uint32_t tokenLen = 0)
 {
     char *name = element->name;
     uint32_t i = 0;
@@ -95,7 +98,7 @@ int32_t splitElement(XmlParser *p, XmlNode *element, uint32_t length, const char
         return KRV_XML_OK;
     }
     int32_t rc = static_cast<int32_t>(KRV_XML_ERR_SYNTAX);
-    if (i != 0 && i != length - 1) {
+    if (i != 0 && i != (tokenLen != 0 ? tokenLen : length) - 1) {
         rc = xmlStoreRun(p->session, name, i, plain, &element->nsPrefix, nullptr);
     }
     if (rc != KRV_XML_OK) {
@@ -108,9 +111,10 @@ int32_t splitElement(XmlParser *p, XmlNode *element, uint32_t length, const char
     return KRV_XML_OK;
 }
 
-int32_t splitElement(XmlParser *p, XmlNode *element, const char *at)
+int32_t splitElement(XmlParser *p, XmlNode *element, const char *at, uint32_t tokenLen = 0)
 {
-    return splitElement(p, element, static_cast<uint32_t>(std::strlen(element->name)), at);
+    return splitElement(p, element, static_cast<uint32_t>(std::strlen(element->name)), at,
+                        kColonUnknown, tokenLen);
 }
 
 bool sameText(const char *a, const char *b)
@@ -529,8 +533,10 @@ int32_t Parser_processAttribute(XmlParser *p)
             }
             break;
         }
+        // '<' and "</" are markup; a word that begins with '<' is a CDATA
+        // section, which may name the next attribute.
         char c = p->token[0];
-        if (c == '<' || c == '"' || c == '\'' || c == '=') {
+        if ((c == '<' && p->tokenLen <= 2) || c == '"' || c == '\'' || c == '=') {
             note(p, p->token, "unexpected markup in a start tag");
             break;
         }
@@ -647,13 +653,14 @@ bool startTag(XmlParser *p)
     }
     n->nameOwned = 1;
     const char *nameAt = p->token;
+    uint32_t nameTokenLen = p->tokenLen;
     p->tagName = nameAt;
     if (Parser_getNextToken(p) == 0) {
         note(p, p->pos, "start tag not closed");
         return false;
     }
     bool empty = p->tokenLen == 2 && p->token[0] == '/';
-    if (empty && splitElement(p, n, nameAt) != KRV_XML_OK) {
+    if (empty && splitElement(p, n, nameAt, nameTokenLen) != KRV_XML_OK) {
         return false;
     }
     bool firstChild = p->current != nullptr && (p->openBits & 1u);
@@ -2129,10 +2136,12 @@ Fast fastStartTag(XmlParser *p)
     if (!nameAmp && colonAt < 0) {
         setRawName(p, n, name, nameLen);  // stored as it stands, or divided
     }
+    uint32_t nameTokenLen = nameLen;
     if (nameAmp) {
         nameLen = static_cast<uint32_t>(std::strlen(n->name));  // decoding shortened it
     }
-    if (empty && count == 0 && splitElement(p, n, nameLen, name, colonAt) != KRV_XML_OK) {
+    if (empty && count == 0 &&
+        splitElement(p, n, nameLen, name, colonAt, nameTokenLen) != KRV_XML_OK) {
         return Fast::Failed;
     }
     if (count == 0) {
