@@ -632,7 +632,9 @@ KRV_XML_API uint32_t KRV_XML_ParseFileWithInfo(const char *path, uint32_t flags,
  * Results of every transform: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (top or
  * out null, top an attribute record, or a node of the sub-tree with a null
  * name, or an attribute with a null name where attributes are written: the
- * partial text is discarded); KRV_XML_ERR_NO_MEMORY. On success *out is null
+ * partial text is discarded); KRV_XML_ERR_NO_MEMORY (only when the heap
+ * cannot give the text's length plus one byte: a refused growth is asked
+ * again at smaller sizes, down to the exact one). On success *out is null
  * when nothing was written. On failure *out is not written and nothing stays
  * allocated. */
 

@@ -50,27 +50,39 @@ inline void SpendSessionSlab(XmlMemSession *session)
     }
 }
 
+// How a sweep fails allocations: only the k-th one, which a call may get
+// over by asking again, or the k-th and every later one, as when the heap
+// is exhausted.
+enum class Failing { OnlyKth, KthOnward };
+
 // Allocation failure sweep. For k = 1, 2, ...: `setup()` builds a fresh
 // fixture with failures off; `attempt(fixture)` runs with the k-th allocation
-// failing and returns a result code; `finish(rc, fixture)` checks the outcome
-// and releases everything, the fixture included. The sweep then asserts that
-// no library heap block is left over, and stops after the first attempt that
-// never reached its failing allocation (that attempt must succeed).
-// Returns the number of allocation points exercised.
+// failing (and with KthOnward every later one) and returns a result code;
+// `finish(rc, fixture)` checks the outcome and releases everything, the
+// fixture included. A call that met a failure must fail, unless `recovers`
+// says that it retries; it is then up to `finish` to check what it made.
+// The sweep asserts that no library heap block is left over, and stops after
+// the first attempt that never reached its failing allocation (that attempt
+// must succeed). Returns the number of allocation points exercised.
 template <class Setup, class Attempt, class Finish>
-long SweepAllocationFailures(Setup setup, Attempt attempt, Finish finish)
+long SweepAllocationFailures(Setup setup, Attempt attempt, Finish finish, Failing failing = Failing::OnlyKth,
+                             bool recovers = false)
 {
     for (long k = 1; k < 10000000; ++k) {
         long live = krv_test::LiveBlocks();
         auto fixture = setup();
-        krv_test::FailAllocationAt(k);
+        if (failing == Failing::KthOnward) {
+            krv_test::FailAllocationsFrom(k);
+        } else {
+            krv_test::FailAllocationAt(k);
+        }
         uint32_t rc = attempt(fixture);
         bool failed = !krv_test::FailurePending();
         krv_test::FailAllocationAt(0);
-        if (failed) {
-            EXPECT_NE(rc, KRV_XML_OK) << "allocation " << k << " failed but the call succeeded";
-        } else {
+        if (!failed) {
             EXPECT_EQ(rc, KRV_XML_OK) << "the attempt without failures must succeed";
+        } else if (!recovers) {
+            EXPECT_NE(rc, KRV_XML_OK) << "allocation " << k << " failed but the call succeeded";
         }
         finish(rc, fixture);
         EXPECT_EQ(krv_test::LiveBlocks(), live) << "leak with allocation " << k << " failing";

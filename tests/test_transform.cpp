@@ -196,6 +196,51 @@ TEST(Transform, FileHoldsExactlyTheText)
     }
 }
 
+// Where the heap grants no more than the finished text needs, the output
+// still grows to it; one byte less and the transform fails without output.
+TEST(Transform, OutputFitsTheHeapThatHoldsItsText)
+{
+    krvtest::LeakGuard guard;
+    const std::string big(9000, 'v');
+    std::string refs;
+    for (int i = 0; i < 600; ++i) {
+        refs += "&amp;&lt;";  // each reference is written back as it stands
+    }
+    const std::string doc = "<r a=\"" + refs + "\"><x>" + big + "</x><y><z>" + refs + "</z><w/></y></r>";
+    using Transform = uint32_t (*)(XmlNode *, char **);
+    const std::pair<const char *, Transform> transforms[] = {
+        {"whole", KRV_XML_Transform}, {"head", KRV_XML_TransformHead}, {"tail", KRV_XML_TransformTail}};
+    for (bool session : {false, true}) {
+        XmlNode *tree = krvtest::MustParse(doc, session);
+        XmlNode *node = nullptr;
+        ASSERT_EQ(KRV_XML_GetNodeByUrl(tree, "r.y.z", &node), KRV_XML_OK);
+        for (const auto &[name, transform] : transforms) {
+            for (XmlNode *from : {tree, node}) {
+                SCOPED_TRACE(std::string(name) + (session ? " session" : " heap") + (from == tree ? " r" : " z"));
+                char *text = nullptr;
+                ASSERT_EQ(transform(from, &text), KRV_XML_OK);
+                if (text == nullptr) {
+                    continue;  // an empty text (the tail of a node with children) takes no memory
+                }
+                const std::string expected = text;
+                KRV_XML_FreeMem(text);
+                char *sentinel = krvtest::Sentinel<char>();
+                text = sentinel;
+                krv_test::RefuseAllocationsOver(expected.size());
+                EXPECT_EQ(transform(from, &text), KRV_XML_ERR_NO_MEMORY);
+                EXPECT_EQ(text, sentinel);
+                krv_test::RefuseAllocationsOver(expected.size() + 1);
+                uint32_t rc = transform(from, &text);
+                krv_test::RefuseAllocationsOver(0);
+                ASSERT_EQ(rc, KRV_XML_OK);
+                EXPECT_TRUE(text == expected) << "the text differs";
+                KRV_XML_FreeMem(text);
+            }
+        }
+        KRV_XML_FreeNode(tree);
+    }
+}
+
 // ----- Escape -------------------------------------------------------------------
 
 TEST(Escape, ElementTextAndAttributeValues)

@@ -128,30 +128,56 @@ void OSAL_MemTypeFreeD(void *block, uint32_t, uint32_t, const char *)
 #ifdef KRVXML_TESTING
 namespace {
 std::atomic<long> g_failAt{0};
+std::atomic<bool> g_failOnward{false};
+std::atomic<long> g_failures{0};
+std::atomic<size_t> g_sizeLimit{0};
 std::atomic<long> g_allocations{0};
 std::atomic<long> g_live{0};
 
-// True when this allocation is the one the test asked to fail.
-bool shouldFail()
+// True when this allocation is the one the test asked to fail, or comes after
+// it when every later one is to fail too, or asks for more than the limit.
+bool shouldFail(size_t bytes)
 {
     g_allocations.fetch_add(1, std::memory_order_relaxed);
+    size_t limit = g_sizeLimit.load(std::memory_order_relaxed);
+    if (limit != 0 && bytes > limit) {
+        return true;
+    }
     long k = g_failAt.load(std::memory_order_relaxed);
     if (k <= 0) {
         return false;
     }
     if (k == 1) {
-        g_failAt.store(0, std::memory_order_relaxed);
+        if (!g_failOnward.load(std::memory_order_relaxed)) {
+            g_failAt.store(0, std::memory_order_relaxed);
+        }
+        g_failures.fetch_add(1, std::memory_order_relaxed);
         return true;
     }
     g_failAt.store(k - 1, std::memory_order_relaxed);
     return false;
+}
+
+void armFailure(long k, bool onward)
+{
+    g_failures.store(0, std::memory_order_relaxed);
+    g_failOnward.store(onward && k > 0, std::memory_order_relaxed);
+    g_failAt.store(k, std::memory_order_relaxed);
 }
 }  // namespace
 
 namespace krv_test {
 void FailAllocationAt(long k)
 {
-    g_failAt.store(k, std::memory_order_relaxed);
+    armFailure(k, false);
+}
+void FailAllocationsFrom(long k)
+{
+    armFailure(k, true);
+}
+void RefuseAllocationsOver(size_t bytes)
+{
+    g_sizeLimit.store(bytes, std::memory_order_relaxed);
 }
 long AllocationCount()
 {
@@ -163,7 +189,7 @@ long LiveBlocks()
 }
 bool FailurePending()
 {
-    return g_failAt.load(std::memory_order_relaxed) != 0;
+    return g_failAt.load(std::memory_order_relaxed) != 0 && g_failures.load(std::memory_order_relaxed) == 0;
 }
 }  // namespace krv_test
 #endif
@@ -171,7 +197,7 @@ bool FailurePending()
 __attribute__((noinline)) void *krvHeapMalloc(size_t size)
 {
 #ifdef KRVXML_TESTING
-    if (shouldFail()) {
+    if (shouldFail(size)) {
         return nullptr;
     }
     void *p = std::malloc(size == 0 ? 1 : size);
@@ -187,7 +213,7 @@ __attribute__((noinline)) void *krvHeapMalloc(size_t size)
 __attribute__((noinline)) void *krvHeapCalloc(size_t count, size_t size)
 {
 #ifdef KRVXML_TESTING
-    if (shouldFail()) {
+    if (shouldFail(size != 0 && count > SIZE_MAX / size ? SIZE_MAX : count * size)) {
         return nullptr;
     }
     void *p = std::calloc(count == 0 ? 1 : count, size == 0 ? 1 : size);
@@ -203,7 +229,7 @@ __attribute__((noinline)) void *krvHeapCalloc(size_t count, size_t size)
 __attribute__((noinline)) void *krvHeapRealloc(void *ptr, size_t size)
 {
 #ifdef KRVXML_TESTING
-    if (shouldFail()) {
+    if (shouldFail(size)) {
         return nullptr;
     }
     void *p = std::realloc(ptr, size == 0 ? 1 : size);

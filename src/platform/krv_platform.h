@@ -49,6 +49,11 @@ KRV_HIDDEN void krvHeapFree(void *ptr);
 namespace krv_test {
 // Makes the k-th heap allocation from now fail (1 = the next one); 0 disables.
 void FailAllocationAt(long k);
+// Makes the k-th heap allocation from now and every one after it fail, as an
+// exhausted heap would; FailAllocationAt(0) ends it.
+void FailAllocationsFrom(long k);
+// Makes every heap request of more than `bytes` bytes fail; 0 lifts the limit.
+void RefuseAllocationsOver(size_t bytes);
 // Heap allocations attempted since the process started.
 long AllocationCount();
 // Heap blocks currently live (allocated and not yet freed).

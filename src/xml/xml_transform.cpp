@@ -218,9 +218,28 @@ struct XmlOut {
     size_t capacity;
 };
 
+// Resizes the block to `capacity` usable bytes, carrying the content over;
+// on failure the block stays as it was.
+bool xmlOutResize(XmlOut *out, size_t capacity)
+{
+    // Growing in place when the heap has room after the block saves copying
+    // the text so far, which for large outputs is most of the memory traffic.
+    auto *block = static_cast<char *>(
+        out->data == nullptr ? XML_Malloc(nullptr, static_cast<uint64_t>(capacity) + 1)
+                             : krvHeapRealloc(out->data, capacity + 1));
+    if (block == nullptr) {
+        return false;
+    }
+    out->data = block;
+    out->capacity = capacity;
+    return true;
+}
+
 // Makes room for `need` more bytes: twice the capacity, or the room asked
-// for if that is more. The content is carried over; nothing changes on
-// failure, and a failed request fails the transform (no second attempt).
+// for if that is more. When the heap refuses that, the additive step of the
+// XmlMemBuf buffer is asked for, and last the exact size (once more, even
+// when that was the first request), so a transform fails only where that
+// buffer would fail too. Nothing changes on failure.
 bool xmlOutGrow(XmlOut *out, size_t need)
 {
     if (need > SIZE_MAX - 1 - out->length) {
@@ -233,17 +252,15 @@ bool xmlOutGrow(XmlOut *out, size_t need)
     if (wanted < exact) {
         wanted = exact;
     }
-    // Growing in place when the heap has room after the block saves copying
-    // the text so far, which for large outputs is most of the memory traffic.
-    auto *block = static_cast<char *>(
-        out->data == nullptr ? XML_Malloc(nullptr, static_cast<uint64_t>(wanted) + 1)
-                             : krvHeapRealloc(out->data, wanted + 1));
-    if (block == nullptr) {
-        return false;
+    if (xmlOutResize(out, wanted)) {
+        return true;
     }
-    out->data = block;
-    out->capacity = wanted;
-    return true;
+    const size_t step = need > kMemBufGrowStep ? need : kMemBufGrowStep;
+    const size_t additive = out->capacity <= SIZE_MAX - 1 - step ? out->capacity + step : exact;
+    if (additive > exact && additive < wanted && xmlOutResize(out, additive)) {
+        return true;
+    }
+    return xmlOutResize(out, exact);  // asked again even when it is the same size
 }
 
 inline bool xmlOutReserve(XmlOut *out, size_t need)
@@ -329,7 +346,6 @@ struct Entity {
 constexpr Entity kEntities[] = {
     {"", 0}, {"&quot;", 6}, {"&apos;", 6}, {"&lt;", 4}, {"&gt;", 4}, {"&amp;", 5}, {"", 0},
 };
-constexpr size_t kLongestEntity = 6;
 
 #ifdef KRVXML_SSE2_SCAN
 // The 16 bytes at the aligned address a, as a bit mask of those that are NUL
@@ -456,8 +472,10 @@ bool xmlIsReference(const char *amp, const char **semicolon, bool *noSemicolon)
 // stop: an entity, or nothing for the terminating NUL.
 inline bool xmlOutRunAndEntity(XmlOut *out, const char *run, const char *stop, uint8_t code)
 {
+    // Room for exactly what is written, so that no request passes the
+    // finished text's length (see xmlOutGrow).
     const size_t count = static_cast<size_t>(stop - run);
-    if (!xmlOutReserve(out, count + kLongestEntity)) {
+    if (!xmlOutReserve(out, count + kEntities[code].length)) {
         return false;
     }
     xmlOutCopy(out, run, count);
@@ -580,8 +598,9 @@ uint32_t xmlPrintAttrList(XmlNode *attr, XmlOut *out)
         if (a->name == nullptr) {
             return KRV_XML_ERR_INVALID_PARAM;
         }
+        // [" "] name "=\"", and the closing quote always follows.
         const QName q = xmlQNameOf(a);
-        if (!xmlOutReserve(out, q.length() + 4)) {
+        if (!xmlOutReserve(out, q.length() + 3)) {
             return KRV_XML_ERR_NO_MEMORY;
         }
         if (a != attr) {
@@ -642,8 +661,10 @@ uint32_t xmlPrintDomTreeRecursive(XmlNode *node, XmlOut *out, uint32_t mode)
     if (mode == kModeTail) {
         return xmlCloseRun(node, out, mode) ? KRV_XML_OK : KRV_XML_ERR_NO_MEMORY;
     }
+    // "<" and the name; at least two more bytes always follow (">\n" at the
+    // least), so this room never reaches past the finished text.
     const QName q = xmlQNameOf(node);
-    if (!xmlOutReserve(out, q.length() + 4)) {
+    if (!xmlOutReserve(out, q.length() + 3)) {
         return KRV_XML_ERR_NO_MEMORY;
     }
     xmlOutCopyLit(out, "<");

@@ -1,0 +1,97 @@
+// Times builds of the library against each other in one process, as
+// ab_inproc does for parsing: each build parses FILE once (MODE 1: into a
+// session document, 0: on the heap), then the builds print it in turn.
+//   ab_print FILE MODE REPS LIB...
+// Prints per build the median and the first quartile of the print times, ms.
+#include <dlfcn.h>
+#include <malloc.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "krv_xml.h"
+
+namespace {
+
+struct Build {
+    const char *path;
+    uint32_t (*parse)(const char *, XmlNode **);
+    uint32_t (*free)(XmlNode *);
+    uint32_t (*transform)(XmlNode *, char **);
+    void (*freeMem)(void *);
+    XmlNode *doc;
+    std::vector<double> ms;
+};
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc < 5) {
+        std::fprintf(stderr, "usage: %s FILE MODE REPS LIB...\n", argv[0]);
+        return 2;
+    }
+    mallopt(M_MMAP_MAX, 0);
+    mallopt(M_TRIM_THRESHOLD, INT32_MAX);
+    FILE *f = std::fopen(argv[1], "rb");
+    if (f == nullptr) {
+        return 2;
+    }
+    std::fseek(f, 0, SEEK_END);
+    long n = std::ftell(f);
+    std::fseek(f, 0, SEEK_SET);
+    std::string text(static_cast<size_t>(n), '\0');
+    if (std::fread(&text[0], 1, text.size(), f) != text.size()) {
+        return 2;
+    }
+    std::fclose(f);
+    bool session = std::atoi(argv[2]) != 0;
+    int reps = std::atoi(argv[3]);
+    std::vector<Build> builds;
+    for (int i = 4; i < argc; ++i) {
+        void *h = dlopen(argv[i], RTLD_NOW | RTLD_LOCAL);
+        if (h == nullptr) {
+            std::fprintf(stderr, "%s\n", dlerror());
+            return 2;
+        }
+        Build b{argv[i], nullptr, nullptr, nullptr, nullptr, nullptr, {}};
+        b.transform = reinterpret_cast<uint32_t (*)(XmlNode *, char **)>(dlsym(h, "KRV_XML_Transform"));
+        b.freeMem = reinterpret_cast<void (*)(void *)>(dlsym(h, "KRV_XML_FreeMem"));
+        b.parse = reinterpret_cast<uint32_t (*)(const char *, XmlNode **)>(
+            dlsym(h, session ? "KRV_XML_ParseEx" : "KRV_XML_Parse"));
+        b.free = reinterpret_cast<uint32_t (*)(XmlNode *)>(dlsym(h, "KRV_XML_FreeNode"));
+        if (b.parse == nullptr || b.free == nullptr) {
+            return 2;
+        }
+        b.ms.reserve(static_cast<size_t>(reps));
+        b.parse(text.c_str(), &b.doc);
+        builds.push_back(b);
+    }
+    for (int r = -3; r < reps; ++r) {  // three untimed rounds first
+        for (Build &b : builds) {
+            char *out = nullptr;
+            auto t0 = std::chrono::steady_clock::now();
+            uint32_t rc = b.transform(b.doc, &out);
+            auto t1 = std::chrono::steady_clock::now();
+            b.freeMem(out);
+            if (rc != 0) {
+                std::fprintf(stderr, "%s: result %x\n", b.path, rc);
+                return 1;
+            }
+            if (r >= 0) {
+                b.ms.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
+            }
+        }
+    }
+    for (Build &b : builds) {
+        std::sort(b.ms.begin(), b.ms.end());
+        std::printf("%-40s median %.4f  q1 %.4f ms\n", b.path, b.ms[b.ms.size() / 2],
+                    b.ms[b.ms.size() / 4]);
+        b.free(b.doc);
+    }
+    return 0;
+}
