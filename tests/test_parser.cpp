@@ -519,8 +519,10 @@ TEST(Parser, EveryAllocationFailureReleasesEverything)
     const std::string expected = dump(ref);
     KRV_XML_FreeNode(ref);
     KrvXmlParseInfo info{};
-    for (int mode = 0; mode < 7; ++mode) {  // four plain entry points, three reporting ones
-        SCOPED_TRACE(mode);
+    for (int run = 0; run < 14; ++run) {  // four plain entry points, three reporting ones; two ways to fail
+        const int mode = run % 7;
+        const auto failing = run < 7 ? krvtest::Failing::OnlyKth : krvtest::Failing::KthOnward;
+        SCOPED_TRACE(run);
         long points = krvtest::SweepAllocationFailures(
             [] { return Sentinel(); },
             [&](XmlNode *&doc) {
@@ -545,7 +547,8 @@ TEST(Parser, EveryAllocationFailureReleasesEverything)
                 }
                 EXPECT_TRUE(rc == KRV_XML_ERR_NO_MEMORY || rc == KRV_XML_ERR_SYNTAX) << rc;  // as documented
                 EXPECT_EQ(doc, mode == 2 || mode == 6 ? Sentinel() : nullptr);
-            });
+            },
+            failing);
         EXPECT_GT(points, mode == 1 || mode == 3 || mode == 5 ? 2 : 100);
     }
     std::remove(path.c_str());
