@@ -758,6 +758,9 @@ uint32_t xmlPrintScattered(XmlNode *top, XmlOut *out, uint32_t mode)
         if (scout != nullptr) {
             scout = xmlWalkNext(scout);
             xmlPrefetch(scout);
+            if (scout != nullptr) {
+                xmlPrefetchPast(scout);  // the scout waits for each record it reaches
+            }
         }
         head = (head + 1) & (kAhead - 1);
         XmlNode *soon = ring[(head + 1) & (kAhead - 1)];
