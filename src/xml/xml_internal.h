@@ -108,11 +108,11 @@ inline void xmlPrefetchAhead(const void *p)
 #endif
 }
 
-// Requests the lines just past a heap record that a walk has reached. A parse
-// or a clone allocates the records and strings of a heap tree in document
-// order, so the heap mostly lays them out one after the other: the next
-// records a walk steps to lie there, and each step would otherwise wait for
-// its record in turn. Only a hint, like the above.
+// Requests the lines just past a record that a walk has reached. A parse or
+// a clone makes the records and strings of a tree in document order, carved
+// one after the other from a session or laid out mostly so by the heap: the
+// next records a walk steps to lie there, and each step would otherwise wait
+// for its record in turn. Only a hint, like the above.
 inline void xmlPrefetchPast(const void *record)
 {
     const uintptr_t at = reinterpret_cast<uintptr_t>(record);

@@ -787,12 +787,13 @@ uint32_t xmlPrintScattered(XmlNode *top, XmlOut *out, uint32_t mode)
     return KRV_XML_OK;
 }
 
-// As xmlPrintScattered, without looking ahead: the records and strings of a
-// session tree were carved one after the other in document order, which the
-// processor's own prefetching follows.
+// As xmlPrintScattered, without the scout: the records and strings of a
+// session tree were carved one after the other in document order, so asking
+// for the lines past each record is enough.
 uint32_t xmlPrintCompact(XmlNode *top, XmlOut *out, uint32_t mode)
 {
     for (XmlNode *node = top; node != nullptr; node = xmlWalkNext(node)) {
+        xmlPrefetchPast(node);
         uint32_t rc = xmlPrintDomTreeRecursive(node, out, mode);
         if (rc != KRV_XML_OK) {
             return rc;

@@ -588,6 +588,7 @@ uint32_t xmlClone(const XmlNode *source, XmlNode *copy)
         if (target.session != nullptr && target.session->prefetchAhead != 0) {
             xmlPrefetchAhead(c);  // the copy's blocks are filled in order
         }
+        xmlPrefetchPast(cur);  // the next source records
         c->parent = dest;
         c->prev = dest->lastChild;
         if (dest->lastChild != nullptr) {
