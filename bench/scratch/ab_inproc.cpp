@@ -2,8 +2,10 @@
 // build is loaded with dlopen from its own path, and the parses alternate
 // between builds, so that the machine's slow and fast phases fall on all of
 // them alike.
-//   ab_inproc FILE MODE REPS LIB...   (MODE 1: session parse, 0: heap parse)
-// Prints per build the median and the first quartile of the parse times, ms.
+//   ab_inproc FILE MODE REPS LIB...
+// MODE 0: heap parse, 1: session parse; 2 and 3: printing (KRV_XML_Transform)
+// of a document each build parsed once, on the heap or in a session.
+// Prints per build the median and the first quartile of the times, ms.
 #include <dlfcn.h>
 #include <malloc.h>
 
@@ -22,6 +24,9 @@ struct Build {
     const char *path;
     uint32_t (*parse)(const char *, XmlNode **);
     uint32_t (*free)(XmlNode *);
+    uint32_t (*transform)(XmlNode *, char **);
+    void (*freeMem)(void *);
+    XmlNode *doc;
     std::vector<double> ms;
 };
 
@@ -47,7 +52,9 @@ int main(int argc, char **argv)
         return 2;
     }
     std::fclose(f);
-    bool session = std::atoi(argv[2]) != 0;
+    int mode = std::atoi(argv[2]);
+    bool session = mode % 2 == 1;
+    bool print = mode >= 2;
     int reps = std::atoi(argv[3]);
     std::vector<Build> builds;
     for (int i = 4; i < argc; ++i) {
@@ -56,12 +63,17 @@ int main(int argc, char **argv)
             std::fprintf(stderr, "%s\n", dlerror());
             return 2;
         }
-        Build b{argv[i], nullptr, nullptr, {}};
+        Build b{argv[i], nullptr, nullptr, nullptr, nullptr, nullptr, {}};
+        b.transform = reinterpret_cast<uint32_t (*)(XmlNode *, char **)>(dlsym(h, "KRV_XML_Transform"));
+        b.freeMem = reinterpret_cast<void (*)(void *)>(dlsym(h, "KRV_XML_FreeMem"));
         b.parse = reinterpret_cast<uint32_t (*)(const char *, XmlNode **)>(
             dlsym(h, session ? "KRV_XML_ParseEx" : "KRV_XML_Parse"));
         b.free = reinterpret_cast<uint32_t (*)(XmlNode *)>(dlsym(h, "KRV_XML_FreeNode"));
-        if (b.parse == nullptr || b.free == nullptr) {
+        if (b.parse == nullptr || b.free == nullptr || b.transform == nullptr || b.freeMem == nullptr) {
             return 2;
+        }
+        if (print && b.parse(text.c_str(), &b.doc) != 0) {
+            return 1;
         }
         b.ms.reserve(static_cast<size_t>(reps));
         builds.push_back(b);
@@ -69,10 +81,12 @@ int main(int argc, char **argv)
     for (int r = -3; r < reps; ++r) {  // three untimed rounds first
         for (Build &b : builds) {
             XmlNode *doc = nullptr;
+            char *out = nullptr;
             auto t0 = std::chrono::steady_clock::now();
-            uint32_t rc = b.parse(text.c_str(), &doc);
+            uint32_t rc = print ? b.transform(b.doc, &out) : b.parse(text.c_str(), &doc);
             auto t1 = std::chrono::steady_clock::now();
             b.free(doc);
+            b.freeMem(out);
             if (rc != 0) {
                 std::fprintf(stderr, "%s: result %x\n", b.path, rc);
                 return 1;
@@ -86,6 +100,7 @@ int main(int argc, char **argv)
         std::sort(b.ms.begin(), b.ms.end());
         std::printf("%-40s median %.4f  q1 %.4f ms\n", b.path, b.ms[b.ms.size() / 2],
                     b.ms[b.ms.size() / 4]);
+        b.free(b.doc);
     }
     return 0;
 }
