@@ -39,6 +39,9 @@ printf '<a><b>1</b><c/></a>' >"$work/frame.xml"
 t "no command" 2 "" "usage: krvxml" --
 t "unknown command" 2 "" "unknown command 'frob'" -- frob
 t "main help" 0 "*" "" -- --help
+for v in --version -V; do
+  t "$v" 0 "krvxml (KRV XML 2.1.9)" "" -- $v
+done
 for c in check get set print demo; do
   t "$c --help" 0 "*" "" -- "$c" --help
   grep -q "^usage: krvxml $c" "$work/.out" || fail "$c --help text"

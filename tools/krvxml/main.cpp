@@ -57,7 +57,8 @@ const char kMainUsage[] =
     "  print FILE [PATH]          print the document or a sub-tree (--head, --tail)\n"
     "  demo                       show the library at work on a bundled document\n"
     "\n"
-    "FILE \"-\" reads standard input. \"krvxml COMMAND --help\" describes a command.\n"
+    "FILE \"-\" reads standard input. \"krvxml COMMAND --help\" describes a command;\n"
+    "\"krvxml --version\" prints the library's version.\n"
     "Exit codes: 0 success, 1 the operation failed, 2 usage error.\n";
 
 bool InList(const char *list, const std::string &word)
@@ -106,6 +107,17 @@ int main(int argc, char **argv)
     std::string name = argv[1];
     if (name == "--help" || name == "-h" || name == "help") {
         std::fputs(kMainUsage, stdout);
+        return krvtool::kExitOk;
+    }
+    if (name == "--version" || name == "-V") {
+        // The version of the library the tool runs with, which may be newer
+        // than the one it was built against.
+        char version[32];
+        if (KRV_XML_GetVersion(version, sizeof version) != KRV_XML_OK) {
+            std::fputs("krvxml: the library gave no version\n", stderr);
+            return krvtool::kExitFailed;
+        }
+        std::printf("krvxml (%s)\n", version);
         return krvtool::kExitOk;
     }
     for (const Command &cmd : kCommands) {
