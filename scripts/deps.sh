@@ -3,7 +3,7 @@
 # Needs root for apt-get; without root it only reports what is missing.
 set -euo pipefail
 pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev
-      libbenchmark-dev pkg-config valgrind "$@")
+      libbenchmark-dev pkg-config valgrind python3 "$@")
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
