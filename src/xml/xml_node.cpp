@@ -414,8 +414,11 @@ XmlNode *xmlTopOf(XmlNode *node)
         }
         top = top->parent;
     }
-    if (top != nullptr && top != node) {
-        xmlNoteTop(node, top);
+    // An attribute's top is noted for its owner element, which a walk from
+    // the owner's next attribute or child passes first.
+    XmlNode *noted = xmlIsAttr(node) ? node->parent : node;
+    if (top != nullptr && noted != nullptr && noted != top) {
+        xmlNoteTop(noted, top);
     }
     return top;
 }
