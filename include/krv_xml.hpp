@@ -23,6 +23,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -87,11 +88,16 @@ inline std::string_view view(const char *s) noexcept
     return s != nullptr ? std::string_view(s) : std::string_view();
 }
 
-// Takes text made by the library: copies it into `out` and releases it.
+struct free_text {
+    void operator()(char *text) const noexcept { KRV_XML_FreeMem(text); }
+};
+
+// Takes text made by the library: copies it into `out` and releases it, also
+// when the copy throws.
 inline void take_text(char *text, std::string &out)
 {
+    std::unique_ptr<char, free_text> owned(text);
     out.assign(text != nullptr ? text : "");
-    KRV_XML_FreeMem(text);
 }
 
 // True when releasing `owned` would end the memory session that `n` lives in:
@@ -130,7 +136,9 @@ class node;
 
 // Forward range over a chain linked by `next` (children, or attributes of
 // one element). Attribute records are walked through their public `next`
-// link, which ends with them.
+// link, which ends with them. An iterator reads the next link when it
+// reaches a record, so the loop body may remove or release the record it is
+// at (remove, remove_attr); a record linked after it meanwhile is not seen.
 template <class View>
 class sibling_range {
 public:
@@ -142,17 +150,17 @@ public:
         using pointer = void;
         using reference = View;
         constexpr iterator() noexcept = default;
-        constexpr explicit iterator(XmlNode *n) noexcept : n_(n) {}
+        constexpr explicit iterator(XmlNode *n) noexcept : n_(n), next_(n != nullptr ? n->next : nullptr) {}
         View operator*() const noexcept { return View(n_); }
         iterator &operator++() noexcept
         {
-            n_ = n_->next;
+            *this = iterator(next_);
             return *this;
         }
         iterator operator++(int) noexcept
         {
             iterator old = *this;
-            n_ = n_->next;
+            ++*this;
             return old;
         }
         friend constexpr bool operator==(iterator a, iterator b) noexcept { return a.n_ == b.n_; }
@@ -160,6 +168,7 @@ public:
 
     private:
         XmlNode *n_ = nullptr;
+        XmlNode *next_ = nullptr;  // read on arrival at n_
     };
     constexpr explicit sibling_range(XmlNode *first) noexcept : first_(first) {}
     constexpr iterator begin() const noexcept { return iterator(first_); }
@@ -197,7 +206,8 @@ public:
     sibling_range<node> children() const noexcept { return sibling_range<node>(KRV_XML_GetNodeFirstChild(n_)); }
     sibling_range<attribute> attributes() const noexcept
     {
-        return sibling_range<attribute>(n_ ? n_->firstAttr : nullptr);
+        // An attribute record ends before firstAttr: it has no attributes.
+        return sibling_range<attribute>(n_ && n_->kind != KRV_XML_NODE_ATTRIBUTE ? n_->firstAttr : nullptr);
     }
 
     // The node at a dotted path whose first segment names this node
@@ -281,6 +291,9 @@ public:
 
     // Linking a detached tree: on success the handle lets go of it, as the
     // tree now belongs to this node's tree; on failure the handle keeps it.
+    // insert_after and insert_before need a node with a parent
+    // (invalid_param otherwise): a sibling of a top-level record would be
+    // owned by no handle, as releasing a root leaves its siblings.
     inline result append_child(document &child) const noexcept;
     inline result prepend_child(document &child) const noexcept;
     inline result insert_after(document &sibling) const noexcept;
@@ -486,6 +499,9 @@ inline result node::prepend_child(document &child) const noexcept
 
 inline result node::insert_after(document &sibling) const noexcept
 {
+    if (n_ != nullptr && n_->parent == nullptr) {
+        return errc::invalid_param;
+    }
     result r = KRV_XML_AddNextSiblingNode(n_, sibling.get());
     if (r) {
         sibling.release();
@@ -495,6 +511,9 @@ inline result node::insert_after(document &sibling) const noexcept
 
 inline result node::insert_before(document &sibling) const noexcept
 {
+    if (n_ != nullptr && n_->parent == nullptr) {
+        return errc::invalid_param;
+    }
     result r = KRV_XML_AddPrevSiblingNode(n_, sibling.get());
     if (r) {
         sibling.release();

@@ -3,6 +3,8 @@
 // adapters that hand trees over to the C interface.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +17,33 @@ using krv::xml::errc;
 using krv::xml::node;
 using krv::xml::regime;
 using krv::xml::result;
+
+namespace {
+
+bool g_failNextNew = false;  // the next operator new throws
+
+}  // namespace
+
+// Lets a test make one std::string copy fail.
+void *operator new(std::size_t bytes)
+{
+    if (g_failNextNew) {
+        g_failNextNew = false;
+        throw std::bad_alloc();
+    }
+    if (void *p = std::malloc(bytes != 0 ? bytes : 1)) {
+        return p;
+    }
+    throw std::bad_alloc();
+}
+void operator delete(void *p) noexcept
+{
+    std::free(p);
+}
+void operator delete(void *p, std::size_t) noexcept
+{
+    std::free(p);
+}
 
 namespace {
 
@@ -135,6 +164,43 @@ TEST(CppLayer, ViewsRangesAndTypedValues)
         ASSERT_TRUE(c.get_value(big));
         EXPECT_EQ(big, 4294967295u);
     }
+}
+
+// The body of a range loop may remove the record it is at; a sibling of a
+// root would belong to no handle, so it is refused; printed text is released
+// when copying it out throws.
+TEST(CppLayer, EditsThatHandlesAndRangesSurvive)
+{
+    for (regime r : {regime::session, regime::heap}) {
+        krvtest::LeakGuard guard;
+        document doc;
+        ASSERT_TRUE(document::parse("<r a=\"1\" b=\"2\" c=\"3\"><x/><y/><z/></r>", doc, r));
+        int visited = 0;
+        for (node c : doc.root().children()) {
+            document out;  // a heap child is released here, inside the loop
+            ASSERT_TRUE(c.remove(out));
+            ++visited;
+        }
+        for (auto at : doc.root().attributes()) {
+            ASSERT_TRUE(doc.root().remove_attr(std::string(at.name()).c_str()));
+            ++visited;
+        }
+        EXPECT_EQ(visited, 6);
+        EXPECT_TRUE(doc.root().children().empty() && doc.root().attributes().empty());
+        EXPECT_TRUE(node(doc.root().get()->firstAttr).attributes().empty());
+    }
+    krvtest::LeakGuard guard;
+    document root(krvtest::Element("root")), sibling(krvtest::Element("sibling"));
+    EXPECT_EQ(root.root().insert_after(sibling), errc::invalid_param);
+    EXPECT_EQ(root.root().insert_before(sibling), errc::invalid_param);
+    EXPECT_TRUE(sibling && root.get()->next == nullptr && root.get()->prev == nullptr);
+
+    ASSERT_TRUE(root.root().set_attr_as<uint32_t>("long", 4000000000u));
+    std::string text = "kept";
+    g_failNextNew = true;
+    EXPECT_THROW((void)root.root().to_string(text), std::bad_alloc);
+    g_failNextNew = false;
+    EXPECT_EQ(text, "kept");
 }
 
 // Parsing replaces the handle's tree only on success.
