@@ -16,6 +16,9 @@ install(FILES
     ${PROJECT_SOURCE_DIR}/include/krv_xml.hpp
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
+# Valgrind suppressions for the parser's scans past a caller string's NUL.
+install(FILES ${PROJECT_SOURCE_DIR}/tools/krvxml.supp DESTINATION ${CMAKE_INSTALL_DATADIR}/krvxml)
+
 if(TARGET krvxml_cli)
   # The installed tool finds the library beside it, wherever the tree is moved.
   file(RELATIVE_PATH _bin_to_lib /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})

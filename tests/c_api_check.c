@@ -1,11 +1,12 @@
 /* Compiled as strict C99: the public headers must be valid C, and a C program
  * must be able to use the library through them. */
+#include <stdlib.h>
 #include <string.h>
 
 #include "krv_xml.h"
 #include "krv_xml_component.h"
 
-int main(void)
+int main(int argc, char **argv)
 {
     char version[32];
     XmlNode *node = NULL;
@@ -28,10 +29,26 @@ int main(void)
             doc != NULL || info.line != 2 || info.column != 7 || info.reason == NULL) {
             return 4;
         }
-        if (KRV_XML_Parse("<r a='1'>t</r>", &doc) != KRV_XML_OK || strcmp(doc->value, "t") != 0) {
+        /* Text in a heap block of its exact size, as an application holds it. */
+        static const char kText[] = "<r a='1'><b>some text</b></r>";
+        char *text = (char *)malloc(sizeof kText);
+        if (text == NULL) {
+            return 7;
+        }
+        memcpy(text, kText, sizeof kText);
+        if (KRV_XML_Parse(text, &doc) != KRV_XML_OK || strcmp(doc->firstChild->value, "some text") != 0) {
+            free(text);
             return 5;
         }
+        free(text);
         KRV_XML_FreeNode(doc);
+        /* A file, when one is named (a run under valgrind names one). */
+        if (argc > 1 && (KRV_XML_ParseFileEx(argv[1], &doc) != KRV_XML_OK || doc == NULL)) {
+            return 6;
+        }
+        if (argc > 1) {
+            KRV_XML_FreeNode(doc);
+        }
     }
     return 0;
 }
