@@ -39,6 +39,8 @@ printf '<a><b>1</b><c/></a>' >"$work/frame.xml"
 t "no command" 2 "" "usage: krvxml" --
 t "unknown command" 2 "" "unknown command 'frob'" -- frob
 t "main help" 0 "*" "" -- --help
+t "help of a command" 0 "*" "" -- help get
+grep -q "^usage: krvxml get" "$work/.out" || fail "help get"
 for v in --version -V; do
   t "$v" 0 "krvxml (KRV XML 2.1.9)" "" -- $v
 done
@@ -63,6 +65,12 @@ for mode in "" --heap; do
   STDIN=$cfg t "check stdin $mode" 0 "<stdin>: ok" "" -- check $mode -
   STDIN=$work/bad.xml t "check bad stdin $mode" 1 "" "^<stdin>:2:[0-9]+: .*KRV_XML_ERR_SYNTAX" -- check $mode -
 done
+printf '<a>1\n</a>\0x' >"$work/nul.xml"
+t "check NUL" 1 "" "^$work/nul.xml:2:5: NUL byte in the text \(KRV_XML_ERR_SYNTAX\)$" -- check "$work/nul.xml"
+STDIN=$work/nul.xml t "check NUL stdin" 1 "" "^<stdin>:2:5: NUL byte" -- check -
+t "check pipe" 0 "*" "" -- check <(cat "$cfg")
+"$tool" check "$cfg" >/dev/full 2>"$work/.err"
+[ $? = 1 ] && grep -q "cannot write standard output" "$work/.err" || fail "check into a full disk"
 t "check of several files" 1 "$cfg: ok
 $work/frame.xml: ok" "bad.xml:2:" -- check "$cfg" "$work/bad.xml" "$work/frame.xml"
 
@@ -125,6 +133,43 @@ grep -q '^<log level="info" rotate="daily"/>$' "$work/novalue.xml" || fail "empt
 ln -s "$cfg" "$work/link.xml"
 t "set through link" 0 "" "" -- set "$work/link.xml" config.name linked
 [ -L "$work/link.xml" ] && [ "$("$tool" get "$cfg" config.name)" = linked ] || fail "set through a link"
+
+# VALUE is stored as given, and other values keep their text: the printer
+# would keep "&lt;" in a value as a reference.
+printf '<a x="&amp;lt;"><c>&amp;#65;</c><b/></a>' >"$work/amp.xml"
+t "set literal reference" 0 "" "" -- set "$work/amp.xml" a.b "&lt;&#1;"
+t "get literal reference" 0 "&lt;&#1;" "" -- get "$work/amp.xml" a.b
+t "other values kept" 0 "&lt;" "" -- get "$work/amp.xml" a --attr x
+t "print keeps values" 0 $'<a x="&amp;lt;">\n<c>&amp;#65;</c>\n<b>&amp;lt;&amp;#1;</b>\n</a>' "" -- print "$work/amp.xml"
+
+# Refused edits leave the file as it was.
+cp "$cfg" "$work/keep.xml"
+t "set bad attribute name" 1 "" "would not read back \(line 2, column [0-9]+: attribute without value\)$" -- set "$cfg" config.name --attr "a b" v
+t "set leading tab" 1 "" "would read back as 'x', not as set" -- set "$cfg" config.name $'\tx'
+t "set value beside children" 1 "" "^krvxml: $cfg: set 'config.limits': an element with children" -- set "$cfg" config.limits v
+printf '<?xml version="1.0" encoding="ISO-8859-1"?>\n<a>1</a>\n' >"$work/latin1.xml"
+t "set other encoding" 1 "" "declared as ISO-8859-1" -- set "$work/latin1.xml" a 2
+cmp -s "$cfg" "$work/keep.xml" || fail "a refused set changed the file"
+t "path too long" 2 "" "PATH must hold 1 to 511 bytes" -- get "$cfg" "$(printf 'a%.0s' {1..512})"
+STDIN=$cfg t "stdin named in errors" 1 "" "^krvxml: <stdin>: path 'config.nope'" -- get - config.nope
+
+# Outputs that are not files to replace: a pipe is written, and stays a pipe.
+mkfifo "$work/fifo"
+timeout 10 cat "$work/fifo" >"$work/fifo.out" &
+t "set into a pipe" 0 "" "" -- set "$cfg" config.name piped -o "$work/fifo"
+wait
+[ -p "$work/fifo" ] && grep -q '>piped</name>$' "$work/fifo.out" || fail "set into a pipe"
+# A link to a file not yet there: the file is made, the link stays.
+ln -s "$work/made.xml" "$work/dangling.xml"
+t "set through dangling link" 0 "" "" -- set "$cfg" config.name made -o "$work/dangling.xml"
+[ -L "$work/dangling.xml" ] && [ "$("$tool" get "$work/made.xml" config.name)" = made ] || fail "dangling link"
+long=$work/$(printf 'n%.0s' {1..250})
+t "set file of a long name" 0 "" "" -- set "$cfg" config.name long -o "$long"
+if [ "$(id -u)" = 0 ]; then
+  cp "$cfg" "$work/owned.xml" && chown nobody "$work/owned.xml"
+  t "set as root" 0 "" "" -- set "$work/owned.xml" config.name x
+  [ "$(stat -c %U "$work/owned.xml")" = nobody ] || fail "set lost the owner"
+fi
 
 # A write that fails at the rename leaves no temporary file behind.
 mkdir "$work/adir"

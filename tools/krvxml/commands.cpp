@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <strings.h>
 #include <string>
 
 #include "commands.h"
@@ -45,6 +46,12 @@ int UsageError(const char *command, const std::string &message)
 {
     std::fprintf(stderr, "krvxml %s: %s (see krvxml %s --help)\n", command, message.c_str(), command);
     return kExitUsage;
+}
+
+// PATH within what the lookup takes (a path of 512 bytes or more is refused).
+bool PathFits(const std::string &path)
+{
+    return !path.empty() && path.size() <= 511;
 }
 
 // The --type option, when given. Returns false for an unknown name.
@@ -121,10 +128,10 @@ std::string FormatTyped(const TypeInfo &type, const TypedStorage &v)
     }
 }
 
-bool Parse(const std::string &file, bool heap, Tree &tree)
+bool Parse(const std::string &file, bool heap, Tree &tree, std::string *encoding = nullptr)
 {
     ParseFailure failure;
-    if (ParseInput(file, heap, tree, failure) != KRV_XML_OK) {
+    if (ParseInput(file, heap, tree, failure, encoding) != KRV_XML_OK) {
         PrintParseFailure(stderr, "krvxml: ", file, failure);
         return false;
     }
@@ -135,7 +142,7 @@ bool Locate(const std::string &file, XmlNode *root, const std::string &path, Xml
 {
     uint32_t rc = KRV_XML_GetNodeByUrl(root, path.c_str(), node);
     if (rc != KRV_XML_OK) {
-        ReportFailure(file, "path '" + path + "'", rc);
+        ReportFailure(Shown(file), "path '" + path + "'", rc);
         return false;
     }
     return true;
@@ -159,6 +166,69 @@ uint32_t Print(XmlNode *top, int mode, bool withSiblings, std::string &text)
         }
     }
     return KRV_XML_OK;
+}
+
+// The value of `node`, or of its attribute prefix:name when `attr`; "" for
+// none. False when the attribute is missing.
+bool ReadValue(XmlNode *node, bool attr, const std::string &prefix, const std::string &name,
+               std::string &text)
+{
+    const char *value = nullptr;
+    uint32_t rc = attr ? KRV_XML_GetAttr(node, PrefixArg(prefix), name.c_str(), &value)
+                       : KRV_XML_GetNodeValue(node, nullptr, nullptr, nullptr, &value);
+    text = value != nullptr ? value : "";
+    return rc == KRV_XML_OK;
+}
+
+// The printer keeps an ampersand that begins a reference as it stands, so a
+// value that holds the text "&lt;" would come back as "<". Writing each
+// ampersand of such values as "&amp;" first makes the printed text read back
+// as the tree holds it. Covers top, its attributes and its descendants, and
+// top's siblings when `withSiblings`.
+uint32_t KeepAmpersands(XmlNode *top, bool withSiblings)
+{
+    auto escaped = [](const char *value, std::string &out) {
+        if (value == nullptr || std::strchr(value, '&') == nullptr) {
+            return false;
+        }
+        out.clear();
+        for (const char *c = value; *c != '\0'; ++c) {
+            out += *c == '&' ? "&amp;" : std::string(1, *c);
+        }
+        return true;
+    };
+    std::string text;
+    for (XmlNode *root = top; root != nullptr; root = withSiblings ? root->next : nullptr) {
+        // Pre-order within root's sub-tree, without recursion.
+        for (XmlNode *n = root; n != nullptr;) {
+            uint32_t rc = KRV_XML_OK;
+            if (escaped(n->value, text)) {
+                rc = KRV_XML_SetNode(n, nullptr, nullptr, text.c_str());
+            }
+            for (XmlNode *a = n->firstAttr; a != nullptr && rc == KRV_XML_OK; a = a->next) {
+                if (escaped(a->value, text)) {
+                    rc = KRV_XML_SetNode(a, nullptr, nullptr, text.c_str());
+                }
+            }
+            if (rc != KRV_XML_OK) {
+                return rc;
+            }
+            if (n->firstChild != nullptr) {
+                n = n->firstChild;
+                continue;
+            }
+            while (n != root && n->next == nullptr) {
+                n = n->parent;
+            }
+            n = n == root ? nullptr : n->next;
+        }
+    }
+    return KRV_XML_OK;
+}
+
+bool SameNoCase(const std::string &a, const char *b)
+{
+    return a.size() == std::strlen(b) && strncasecmp(a.c_str(), b, a.size()) == 0;
 }
 
 bool WriteStdout(const std::string &text)
@@ -189,10 +259,7 @@ int RunCheck(const Args &args)
             allOk = false;
         }
     }
-    if (std::fflush(stdout) != 0) {
-        return kExitFailed;
-    }
-    return allOk ? kExitOk : kExitFailed;
+    return allOk ? kExitOk : kExitFailed;  // main reports a failed write of standard output
 }
 
 int RunGet(const Args &args)
@@ -210,6 +277,9 @@ int RunGet(const Args &args)
     }
     const std::string &file = args.positional[0];
     const std::string &path = args.positional[1];
+    if (!PathFits(path)) {
+        return UsageError(args.command, "PATH must hold 1 to 511 bytes");
+    }
     Tree tree;
     XmlNode *node = nullptr;
     if (!Parse(file, args.Has("--heap"), tree) || !Locate(file, tree.get(), path, &node)) {
@@ -235,7 +305,7 @@ int RunGet(const Args &args)
         }
     }
     if (rc != KRV_XML_OK) {
-        ReportFailure(file, std::string("read ") + (type ? type->name : "value") + " of '" + subject + "'", rc);
+        ReportFailure(Shown(file), std::string("read ") + (type ? type->name : "value") + " of '" + subject + "'", rc);
         return kExitFailed;
     }
     return WriteStdout(text + "\n") ? kExitOk : kExitFailed;
@@ -256,6 +326,9 @@ int RunSet(const Args &args)
     }
     const std::string &file = args.positional[0];
     const std::string &path = args.positional[1];
+    if (!PathFits(path)) {
+        return UsageError(args.command, "PATH must hold 1 to 511 bytes");
+    }
     const std::string &value = args.positional[2];
     TypedStorage typed{};
     if (type != nullptr && !ParseTyped(*type, value, typed)) {
@@ -267,15 +340,29 @@ int RunSet(const Args &args)
     }
 
     bool heap = args.Has("--heap");
+    bool attr = args.Has("--attr");
+    std::string subject = path + (attr ? "@" + args.Get("--attr") : std::string());
     Tree tree;
     XmlNode *node = nullptr;
-    if (!Parse(file, heap, tree) || !Locate(file, tree.get(), path, &node)) {
+    std::string encoding;
+    if (!Parse(file, heap, tree, &encoding) || !Locate(file, tree.get(), path, &node)) {
+        return kExitFailed;
+    }
+    // The text is written back as UTF-8 without a declaration.
+    if (!encoding.empty() && !SameNoCase(encoding, "UTF-8") && !SameNoCase(encoding, "US-ASCII")) {
+        std::fprintf(stderr, "krvxml: %s: set: the text is declared as %s; set writes UTF-8 only\n",
+                     Shown(file).c_str(), encoding.c_str());
+        return kExitFailed;
+    }
+    if (!attr && node->firstChild != nullptr) {
+        std::fprintf(stderr, "krvxml: %s: set '%s': an element with children holds no value\n", Shown(file).c_str(),
+                     subject.c_str());
         return kExitFailed;
     }
 
     uint32_t rc;
     const char *p = PrefixArg(prefix);
-    if (args.Has("--attr")) {
+    if (attr) {
         if (type != nullptr) {
             rc = KRV_XML_SetAttrValueEx(node, p, name.c_str(), type->code, &typed);
         } else {
@@ -290,17 +377,44 @@ int RunSet(const Args &args)
         rc = KRV_XML_SetNode(node, nullptr, nullptr, value.c_str());
     }
     if (rc != KRV_XML_OK) {
-        std::string subject = path + (args.Has("--attr") ? "@" + args.Get("--attr") : std::string());
-        ReportFailure(file, "set '" + subject + "'", rc);
+        ReportFailure(Shown(file), "set '" + subject + "'", rc);
         return kExitFailed;
+    }
+    // What the new text must give back: VALUE, or the typed value's text.
+    std::string expected = value;
+    if (type != nullptr) {
+        ReadValue(node, attr, prefix, name, expected);
     }
 
     std::string text;
-    rc = Print(tree.get(), 0, heap, text);
+    rc = KeepAmpersands(tree.get(), heap);
+    if (rc == KRV_XML_OK) {
+        rc = Print(tree.get(), 0, heap, text);
+    }
     if (rc != KRV_XML_OK) {
-        ReportFailure(file, "print", rc);
+        ReportFailure(Shown(file), "print", rc);
         return kExitFailed;
     }
+    // Nothing is written that would not read back with the value as set: a
+    // name the parser refuses, a reference to a forbidden character, line
+    // breaks or tabs that begin a value.
+    Tree again;
+    ParseFailure failure;
+    XmlNode *same = nullptr;
+    std::string got;
+    if (ParseText(text, heap, again, failure) != KRV_XML_OK) {
+        std::fprintf(stderr, "krvxml: %s: set '%s': the new text would not read back (line %u, column %u: %s)\n",
+                     Shown(file).c_str(), subject.c_str(), static_cast<unsigned>(failure.line),
+                     static_cast<unsigned>(failure.column), failure.reason.c_str());
+        return kExitFailed;
+    }
+    if (KRV_XML_GetNodeByUrl(again.get(), path.c_str(), &same) != KRV_XML_OK ||
+        !ReadValue(same, attr, prefix, name, got) || got != expected) {
+        std::fprintf(stderr, "krvxml: %s: set '%s': the new text would read back as '%s', not as set\n",
+                     Shown(file).c_str(), subject.c_str(), got.c_str());
+        return kExitFailed;
+    }
+
     if (out == "-") {
         return WriteStdout(text) ? kExitOk : kExitFailed;
     }
@@ -328,6 +442,9 @@ int RunPrint(const Args &args)
         return kExitFailed;
     }
     bool wholeDocument = args.positional.size() == 1;
+    if (!wholeDocument && !PathFits(args.positional[1])) {
+        return UsageError("print", "PATH must hold 1 to 511 bytes");
+    }
     if (wholeDocument) {
         top = tree.get();
     } else if (!Locate(file, tree.get(), args.positional[1], &top)) {
@@ -335,9 +452,13 @@ int RunPrint(const Args &args)
     }
     int mode = args.Has("--head") ? 1 : args.Has("--tail") ? 2 : 0;
     std::string text;
-    uint32_t rc = Print(top, mode, heap && wholeDocument && mode == 0, text);
+    bool withSiblings = heap && wholeDocument && mode == 0;
+    uint32_t rc = KeepAmpersands(top, withSiblings);
+    if (rc == KRV_XML_OK) {
+        rc = Print(top, mode, withSiblings, text);
+    }
     if (rc != KRV_XML_OK) {
-        ReportFailure(file, "print", rc);
+        ReportFailure(Shown(file), "print", rc);
         return kExitFailed;
     }
     return WriteStdout(text) ? kExitOk : kExitFailed;

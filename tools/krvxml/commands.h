@@ -11,6 +11,7 @@ namespace krvtool {
 // Arguments of one command: options by name ("--attr" -> "p:id"; a flag maps
 // to "") and the positional arguments in order.
 struct Args {
+    const char *command = "";
     std::map<std::string, std::string> options;
     std::vector<std::string> positional;
     bool Has(const char *name) const { return options.count(name) != 0; }

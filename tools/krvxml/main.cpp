@@ -1,4 +1,5 @@
 // krvxml: check, query, edit and print XML files with the KRV XML library.
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -25,23 +26,37 @@ const Command kCommands[] = {
      "it was refused (FILE:LINE:COLUMN: reason (CODE)). Parses in a memory session;\n"
      "--heap uses the heap parser instead. Exit 1 when any file is refused.\n"},
     {"get", krvtool::RunGet, "--heap", "--attr --type",
-     "usage: krvxml get FILE PATH [--attr [PREFIX:]NAME] [--type TYPE]\n"
+     "usage: krvxml get [--heap] FILE PATH [--attr [PREFIX:]NAME] [--type TYPE]\n"
      "Prints the value of the element at PATH (dotted, first segment names the root,\n"
-     "e.g. config.server.2), or of its attribute NAME. With --type the value is read\n"
-     "as TYPE: bool, int8, uint8, int16, uint16, int32, uint32; a value that does not\n"
-     "read as TYPE fails. An element or attribute without a value prints an empty line.\n"},
+     "e.g. config.server.2; at most 511 bytes), or of its attribute NAME. With --type\n"
+     "the value is read as TYPE: bool, int8, uint8, int16, uint16, int32, uint32; a\n"
+     "value that does not read as TYPE fails. An element or attribute without a value\n"
+     "prints an empty line. --heap parses with the heap parser, which also keeps\n"
+     "further top-level elements (PATH starts at the first).\n"},
     {"set", krvtool::RunSet, "--heap", "--attr --type -o",
-     "usage: krvxml set FILE PATH [--attr [PREFIX:]NAME] [--type TYPE] VALUE [-o OUT]\n"
+     "usage: krvxml set [--heap] FILE PATH [--attr [PREFIX:]NAME] [--type TYPE] VALUE [-o OUT]\n"
      "Sets the value of the element at PATH, or of its attribute NAME (created when\n"
      "missing), and writes the document to OUT (\"-\": standard output) or back to\n"
-     "FILE (standard output when FILE is \"-\"). A file is replaced atomically: it\n"
-     "holds either the old or the new text, never a part.\n"
-     "With --type, VALUE must read as TYPE and is stored in its canonical form.\n"
-     "An empty VALUE removes an element's value.\n"},
+     "FILE (standard output when FILE is \"-\"). VALUE is stored as given: \"&lt;\"\n"
+     "stays those four characters. With --type, VALUE must read as TYPE (else exit\n"
+     "2) and is stored in its canonical form. An empty VALUE removes an element's\n"
+     "value. An element with children holds no value; set refuses it.\n"
+     "The document is written as print writes it: UTF-8 without the XML declaration,\n"
+     "comments, processing instructions or indentation; a FILE declared in another\n"
+     "encoding is refused. Nothing is written when the new text would not read back\n"
+     "with VALUE as given (a name the parser refuses, a VALUE that begins with a TAB\n"
+     "or a line break). A file is replaced atomically: it holds either the old or the\n"
+     "new text, never a part. Its permission bits are kept, and its owner and group\n"
+     "where the user may set them; other hard links to it keep the old text. A\n"
+     "device, pipe or /dev/stdout given as OUT is written in place.\n"},
     {"print", krvtool::RunPrint, "--heap --head --tail", "",
-     "usage: krvxml print FILE [--head | --tail] [PATH]\n"
-     "Prints the document, or the sub-tree at PATH. --head prints the start tags down\n"
-     "to the last element, left open; --tail prints the end tags that close it.\n"},
+     "usage: krvxml print [--heap] FILE [--head | --tail] [PATH]\n"
+     "Prints the document, or the sub-tree at PATH, one tag per line without\n"
+     "indentation. --head prints it without the end tags of elements that have\n"
+     "children, leaving an empty last element open; --tail prints the end tags\n"
+     "that close the last element and its ancestors. The two frame a well-formed\n"
+     "document when every element with children lies on the chain of last children\n"
+     "and the last element has no value.\n"},
     {"demo", krvtool::RunDemo, "", "",
      "usage: krvxml demo\n"
      "Runs the library on a bundled sample document: parse, lookup, typed read,\n"
@@ -68,10 +83,15 @@ bool InList(const char *list, const std::string &word)
 }
 
 // Options may stand anywhere. "-" alone and negative numbers are positional;
-// "--" ends the options.
-bool ReadArgs(const Command &cmd, int argc, char **argv, Args &args)
+// "--" ends the options. -h and --help where an option may stand ask for the
+// command's help, which wins over any error in the other arguments.
+enum class Read { Ok, Help, Error };
+
+Read ReadArgs(const Command &cmd, int argc, char **argv, Args &args)
 {
     bool optionsDone = false;
+    bool help = false;
+    std::string error;
     for (int i = 0; i < argc; ++i) {
         std::string a = argv[i];
         bool looksLikeOption = !optionsDone && a.size() > 1 && a[0] == '-' &&
@@ -80,20 +100,43 @@ bool ReadArgs(const Command &cmd, int argc, char **argv, Args &args)
             args.positional.push_back(a);
         } else if (a == "--") {
             optionsDone = true;
+        } else if (a == "--help" || a == "-h") {
+            help = true;
         } else if (InList(cmd.flags, a)) {
             args.options[a] = "";
         } else if (InList(cmd.valued, a)) {
             if (i + 1 >= argc) {
-                std::fprintf(stderr, "krvxml %s: option %s needs a value\n", cmd.name, a.c_str());
-                return false;
+                error = error.empty() ? "option " + a + " needs a value" : error;
+            } else {
+                args.options[a] = argv[++i];
             }
-            args.options[a] = argv[++i];
-        } else {
-            std::fprintf(stderr, "krvxml %s: unknown option %s\n", cmd.name, a.c_str());
-            return false;
+        } else if (error.empty()) {
+            error = "unknown option " + a;
         }
     }
-    return true;
+    if (help) {
+        return Read::Help;
+    }
+    if (!error.empty()) {
+        std::fprintf(stderr, "krvxml %s: %s\n", cmd.name, error.c_str());
+        return Read::Error;
+    }
+    return Read::Ok;
+}
+
+// Every command's output goes through stdio: a write that failed (a full
+// disk, a closed descriptor) turns a success into exit 1, with a message.
+int Finish(int rc)
+{
+    errno = 0;
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        if (rc == krvtool::kExitOk) {
+            std::fprintf(stderr, "krvxml: cannot write standard output%s%s\n", errno != 0 ? ": " : "",
+                         errno != 0 ? std::strerror(errno) : "");
+        }
+        return krvtool::kExitFailed;
+    }
+    return rc;
 }
 
 }  // namespace
@@ -106,8 +149,15 @@ int main(int argc, char **argv)
     }
     std::string name = argv[1];
     if (name == "--help" || name == "-h" || name == "help") {
+        // "krvxml help COMMAND" is "krvxml COMMAND --help".
+        for (const Command &cmd : kCommands) {
+            if (name == "help" && argc > 2 && argv[2] == std::string(cmd.name)) {
+                std::fputs(cmd.usage, stdout);
+                return Finish(krvtool::kExitOk);
+            }
+        }
         std::fputs(kMainUsage, stdout);
-        return krvtool::kExitOk;
+        return Finish(krvtool::kExitOk);
     }
     if (name == "--version" || name == "-V") {
         // The version of the library the tool runs with, which may be newer
@@ -118,27 +168,25 @@ int main(int argc, char **argv)
             return krvtool::kExitFailed;
         }
         std::printf("krvxml (%s)\n", version);
-        return krvtool::kExitOk;
+        return Finish(krvtool::kExitOk);
     }
     for (const Command &cmd : kCommands) {
         if (name != cmd.name) {
             continue;
         }
-        for (int i = 2; i < argc; ++i) {
-            if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
-                std::fputs(cmd.usage, stdout);
-                return krvtool::kExitOk;
-            }
-            if (std::strcmp(argv[i], "--") == 0) {
-                break;
-            }
-        }
         Args args;
-        if (!ReadArgs(cmd, argc - 2, argv + 2, args)) {
+        args.command = cmd.name;
+        switch (ReadArgs(cmd, argc - 2, argv + 2, args)) {
+        case Read::Help:
+            std::fputs(cmd.usage, stdout);
+            return Finish(krvtool::kExitOk);
+        case Read::Error:
             std::fputs(cmd.usage, stderr);
             return krvtool::kExitUsage;
+        case Read::Ok:
+            break;
         }
-        return cmd.run(args);
+        return Finish(cmd.run(args));
     }
     std::fprintf(stderr, "krvxml: unknown command '%s'\n", name.c_str());
     std::fputs(kMainUsage, stderr);

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -41,6 +42,11 @@ std::string ResultName(uint32_t code)
     return buf;
 }
 
+std::string Shown(const std::string &file)
+{
+    return file == "-" ? std::string("<stdin>") : file;
+}
+
 void ReportFailure(const std::string &subject, const std::string &operation, uint32_t code)
 {
     std::fprintf(stderr, "krvxml: %s: %s: %s\n", subject.c_str(), operation.c_str(),
@@ -59,46 +65,174 @@ bool ReadAll(std::FILE *stream, std::string &text)
     return std::ferror(stream) == 0;
 }
 
-}  // namespace
-
-uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure &failure)
+// Fills `failure` from a refused parse's report.
+void Reported(uint32_t rc, const KrvXmlParseInfo &info, ParseFailure &failure)
 {
-    failure = ParseFailure();
-    std::string text;
-    bool fromStdin = file == "-";
-    if (fromStdin) {
-        if (!ReadAll(stdin, text)) {
-            failure.code = KRV_XML_ERR_FILE_READ;
-            failure.reason = "cannot read standard input";
-            return failure.code;
-        }
-        if (text.empty()) {
-            // An empty file is refused as a syntax error; say the same for
-            // empty input rather than the string parser's argument error.
-            failure.code = KRV_XML_ERR_SYNTAX;
-            failure.reason = "empty input";
-            return failure.code;
-        }
+    failure.code = rc;
+    failure.line = info.line;
+    failure.column = info.column;
+    if (info.reason != nullptr) {
+        failure.reason = info.reason;
+    }
+}
+
+// Fills `failure` for a NUL byte at line, column: the library reads a text
+// as ending at its first NUL and would drop the rest unseen.
+uint32_t RefuseNul(uint32_t line, uint64_t column, ParseFailure &failure)
+{
+    failure.code = KRV_XML_ERR_SYNTAX;
+    failure.line = line;
+    failure.column = static_cast<uint32_t>(column);
+    failure.reason = "NUL byte in the text";
+    return failure.code;
+}
+
+// Moves (line, column) over n bytes that hold no NUL.
+void Advance(const char *p, size_t n, uint32_t &line, uint64_t &column)
+{
+    const char *lf = static_cast<const char *>(::memrchr(p, '\n', n));
+    if (lf == nullptr) {
+        column += n;
+        return;
+    }
+    line += static_cast<uint32_t>(std::count(p, lf + 1, '\n'));
+    column = static_cast<uint64_t>(p + n - lf);
+}
+
+// The encoding named by an XML declaration at the start of the n bytes at p,
+// or "" when there is none.
+std::string DeclaredEncoding(const char *p, size_t n)
+{
+    std::string head(p, n);
+    if (head.compare(0, 5, "<?xml") != 0 || head.size() < 6 || std::strchr(" \t\r\n", head[5]) == nullptr) {
+        return "";
+    }
+    size_t end = head.find("?>");
+    size_t at = head.find("encoding", 5);
+    if (end == std::string::npos || at == std::string::npos || at > end) {
+        return "";
+    }
+    at = head.find_first_not_of(" \t\r\n", at + 8);
+    if (at == std::string::npos || head[at] != '=') {
+        return "";
+    }
+    at = head.find_first_not_of(" \t\r\n", at + 1);
+    if (at == std::string::npos || (head[at] != '"' && head[at] != '\'')) {
+        return "";
+    }
+    size_t close = head.find(head[at], at + 1);
+    return close == std::string::npos || close > end ? "" : head.substr(at + 1, close - at - 1);
+}
+
+// Parses text already in memory (from standard input, a pipe or a device).
+uint32_t ParseBuffer(const std::string &text, bool heap, Tree &tree, ParseFailure &failure)
+{
+    if (text.empty()) {
+        // An empty file is refused as a syntax error; say the same for
+        // empty input rather than the string parser's argument error.
+        failure.code = KRV_XML_ERR_SYNTAX;
+        failure.reason = "empty input";
+        return failure.code;
+    }
+    size_t nul = text.find('\0');
+    if (nul != std::string::npos) {
+        uint32_t line = 1;
+        uint64_t column = 1;
+        Advance(text.data(), nul, line, column);
+        return RefuseNul(line, column, failure);
     }
     KrvXmlParseInfo info{};
-    uint32_t flags = heap ? 0u : KRV_XML_PARSE_SESSION;
-    uint32_t rc = fromStdin ? KRV_XML_ParseWithInfo(text.c_str(), flags, tree.out(), &info)
-                            : KRV_XML_ParseFileWithInfo(file.c_str(), flags, tree.out(), &info);
+    uint32_t rc = KRV_XML_ParseWithInfo(text.c_str(), heap ? 0u : KRV_XML_PARSE_SESSION, tree.out(), &info);
     if (rc != KRV_XML_OK) {
-        failure.code = rc;
-        failure.line = info.line;
-        failure.column = info.column;
-        if (info.reason != nullptr) {
-            failure.reason = info.reason;
-        }
+        Reported(rc, info, failure);
     }
     return rc;
+}
+
+// Looks for a NUL byte in the file at `path`, which the library has read up
+// to its first NUL. Fills `failure` when there is one.
+bool FileHasNul(const std::string &path, ParseFailure &failure)
+{
+    std::FILE *f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) {
+        return false;  // it was read a moment ago; the parse stands
+    }
+    uint32_t line = 1;
+    uint64_t column = 1;
+    char buf[65536];
+    size_t n;
+    bool found = false;
+    while (!found && (n = std::fread(buf, 1, sizeof buf, f)) > 0) {
+        const auto *nul = static_cast<const char *>(std::memchr(buf, 0, n));
+        Advance(buf, nul == nullptr ? n : static_cast<size_t>(nul - buf), line, column);
+        found = nul != nullptr;
+    }
+    std::fclose(f);
+    if (found) {
+        RefuseNul(line, column, failure);
+    }
+    return found;
+}
+
+}  // namespace
+
+uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure &failure,
+                    std::string *encoding)
+{
+    failure = ParseFailure();
+    // Standard input, pipes and devices are read here; the library's file
+    // reader wants a file whose size it can ask.
+    bool stream = file == "-";
+    struct stat st;
+    if (!stream && ::stat(file.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
+        stream = true;
+    }
+    if (stream) {
+        std::string text;
+        std::FILE *in = file == "-" ? stdin : std::fopen(file.c_str(), "rb");
+        bool read = in != nullptr && ReadAll(in, text);
+        if (in != nullptr && in != stdin) {
+            std::fclose(in);
+        }
+        if (!read) {
+            failure.code = in == nullptr ? KRV_XML_ERR_FILE_OPEN : KRV_XML_ERR_FILE_READ;
+            failure.reason = file == "-" ? "cannot read standard input" : "cannot read the file";
+            return failure.code;
+        }
+        if (encoding != nullptr) {
+            *encoding = DeclaredEncoding(text.data(), text.size());
+        }
+        return ParseBuffer(text, heap, tree, failure);
+    }
+    KrvXmlParseInfo info{};
+    uint32_t rc = KRV_XML_ParseFileWithInfo(file.c_str(), heap ? 0u : KRV_XML_PARSE_SESSION, tree.out(), &info);
+    if (rc != KRV_XML_OK) {
+        Reported(rc, info, failure);
+    } else if (FileHasNul(file, failure)) {
+        KRV_XML_FreeNode(tree.release());
+        rc = failure.code;
+    } else if (encoding != nullptr) {
+        char head[512];
+        std::FILE *f = std::fopen(file.c_str(), "rb");
+        size_t n = f == nullptr ? 0 : std::fread(head, 1, sizeof head, f);
+        if (f != nullptr) {
+            std::fclose(f);
+        }
+        *encoding = DeclaredEncoding(head, n);
+    }
+    return rc;
+}
+
+uint32_t ParseText(const std::string &text, bool heap, Tree &tree, ParseFailure &failure)
+{
+    failure = ParseFailure();
+    return ParseBuffer(text, heap, tree, failure);
 }
 
 void PrintParseFailure(std::FILE *stream, const char *lead, const std::string &file,
                        const ParseFailure &failure)
 {
-    std::string shown = file == "-" ? std::string("<stdin>") : file;
+    std::string shown = Shown(file);
     std::string name = ResultName(failure.code);
     if (failure.line != 0) {
         std::fprintf(stream, "%s%s:%u:%u: %s (%s)\n", lead, shown.c_str(), static_cast<unsigned>(failure.line),
@@ -137,19 +271,72 @@ bool WriteAll(int fd, const std::string &text)
     return true;
 }
 
+// The file that `path` names once symbolic links are followed, also when
+// the last link points at a file that does not exist yet. Gives up after 40
+// links, as the kernel does.
+std::string FollowLinks(std::string path)
+{
+    for (int hops = 0; hops < 40; ++hops) {
+        struct stat st;
+        if (::lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) {
+            return path;
+        }
+        std::string link(static_cast<size_t>(st.st_size > 0 ? st.st_size : PATH_MAX) + 1, '\0');
+        ssize_t n = ::readlink(path.c_str(), &link[0], link.size());
+        if (n < 0 || static_cast<size_t>(n) >= link.size()) {
+            return path;
+        }
+        link.resize(static_cast<size_t>(n));
+        size_t slash = path.rfind('/');
+        path = link[0] == '/' || slash == std::string::npos ? link : path.substr(0, slash + 1) + link;
+    }
+    return path;
+}
+
+// Writes straight into a device, pipe or descriptor name, which has no
+// directory entry worth replacing.
+bool WriteInPlace(const std::string &path, const std::string &text, std::string &error)
+{
+    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_NOCTTY);
+    if (fd < 0) {
+        error = ErrnoText("cannot open", path);
+        return false;
+    }
+    bool ok = WriteAll(fd, text);
+    if (!ok) {
+        error = ErrnoText("cannot write", path);
+    }
+    if (::close(fd) != 0 && ok) {
+        error = ErrnoText("cannot close", path);
+        ok = false;
+    }
+    return ok;
+}
+
+// Names of open descriptors: writing through them goes to the descriptor
+// (a redirection's file, pipe or terminal), not to a file to replace.
+bool NamesDescriptor(const std::string &path)
+{
+    return path == "/dev/stdout" || path == "/dev/stderr" || path.rfind("/dev/fd/", 0) == 0 ||
+           path.rfind("/proc/self/fd/", 0) == 0;
+}
+
 }  // namespace
 
 bool WriteFileAtomically(const std::string &path, const std::string &text, std::string &error)
 {
-    // Follow a symbolic link, so that the link stays and its target changes.
-    std::string target = path;
-    char resolved[PATH_MAX];
-    if (::realpath(path.c_str(), resolved) != nullptr) {
-        target = resolved;
+    if (NamesDescriptor(path)) {
+        return WriteInPlace(path, text, error);
+    }
+    // Follow symbolic links, so that a link stays and its target changes.
+    std::string target = FollowLinks(path);
+    struct stat st;
+    bool exists = ::stat(target.c_str(), &st) == 0;
+    if (exists && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
+        return WriteInPlace(target, text, error);
     }
     mode_t mode;
-    struct stat st;
-    if (::stat(target.c_str(), &st) == 0) {
+    if (exists) {
         mode = st.st_mode & 07777;
     } else {
         mode_t mask = ::umask(0);
@@ -160,7 +347,9 @@ bool WriteFileAtomically(const std::string &path, const std::string &text, std::
     size_t slash = target.rfind('/');
     std::string dir = slash == std::string::npos ? std::string(".") : target.substr(0, slash + 1);
     std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
-    std::string temp = (slash == std::string::npos ? std::string() : dir) + "." + base + ".krvxml-XXXXXX";
+    // The temporary name stays within NAME_MAX whatever the file's name.
+    std::string temp = (slash == std::string::npos ? std::string() : dir) + "." + base.substr(0, 200) +
+                       ".krvxml-XXXXXX";
 
     int fd = ::mkstemp(&temp[0]);
     if (fd < 0) {
@@ -171,12 +360,20 @@ bool WriteFileAtomically(const std::string &path, const std::string &text, std::
     if (!WriteAll(fd, text)) {
         error = ErrnoText("cannot write", temp);
         ok = false;
-    } else if (::fchmod(fd, mode) != 0) {
-        error = ErrnoText("cannot set the permissions of", temp);
-        ok = false;
-    } else if (::fsync(fd) != 0) {
-        error = ErrnoText("cannot flush", temp);
-        ok = false;
+    } else {
+        // Keep the owner and group where the user may; a change of owner
+        // clears set-id bits, so the mode is set after it.
+        if (exists && ::fchown(fd, st.st_uid, st.st_gid) != 0 &&
+            ::fchown(fd, static_cast<uid_t>(-1), st.st_gid) != 0) {
+            // Neither is ours to give: the file becomes the user's, as a new one would.
+        }
+        if (::fchmod(fd, mode) != 0) {
+            error = ErrnoText("cannot set the permissions of", temp);
+            ok = false;
+        } else if (::fsync(fd) != 0) {
+            error = ErrnoText("cannot flush", temp);
+            ok = false;
+        }
     }
     if (::close(fd) != 0 && ok) {
         error = ErrnoText("cannot close", temp);

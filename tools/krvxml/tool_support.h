@@ -20,6 +20,9 @@ constexpr int kExitUsage = 2;
 // code the tool does not know.
 std::string ResultName(uint32_t code);
 
+// How messages name FILE: "<stdin>" for "-".
+std::string Shown(const std::string &file);
+
 // Prints "krvxml: <subject>: <operation>: <result name>" to stderr.
 void ReportFailure(const std::string &subject, const std::string &operation, uint32_t code);
 
@@ -53,8 +56,16 @@ struct ParseFailure {
 };
 
 // Parses FILE ("-" reads standard input) into `tree`, in a memory session
-// unless `heap`. On failure fills `failure` and returns its code.
-uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure &failure);
+// unless `heap`. Pipes and devices are read as standard input is. A text
+// that holds a NUL byte is refused (the library would stop reading there).
+// On failure fills `failure` and returns its code. When `encoding` is given,
+// it receives the encoding that an XML declaration at the start names ("" for
+// none).
+uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure &failure,
+                    std::string *encoding = nullptr);
+
+// Parses text in memory as ParseInput parses a file.
+uint32_t ParseText(const std::string &text, bool heap, Tree &tree, ParseFailure &failure);
 
 // Prints a parse failure the way compilers do, after `lead`:
 // "FILE:LINE:COLUMN: reason (CODE)" when the position is known, else
@@ -64,9 +75,12 @@ void PrintParseFailure(std::FILE *stream, const char *lead, const std::string &f
 
 // Replaces the file at `path` with `text`: the text goes to a new file beside
 // it, which is flushed to disk and renamed over the old one, so a reader sees
-// either the old or the new content whole. The old file's permission bits
-// are kept. On failure returns false with a message in `error` and leaves
-// the old file as it was.
+// either the old or the new content whole. Symbolic links are followed; the
+// old file's permission bits are kept, and its owner and group where the
+// user may set them. Other names of a hard-linked file keep the old text.
+// Devices, pipes and descriptor names (/dev/stdout, /dev/fd/N) are written
+// in place instead. On failure returns false with a message in `error` and
+// leaves the old file as it was.
 bool WriteFileAtomically(const std::string &path, const std::string &text, std::string &error);
 
 }  // namespace krvtool
