@@ -150,6 +150,14 @@ t "set value beside children" 1 "" "^krvxml: $cfg: set 'config.limits': an eleme
 printf '<?xml version="1.0" encoding="ISO-8859-1"?>\n<a>1</a>\n' >"$work/latin1.xml"
 t "set other encoding" 1 "" "declared as ISO-8859-1" -- set "$work/latin1.xml" a 2
 cmp -s "$cfg" "$work/keep.xml" || fail "a refused set changed the file"
+# A UTF-8 byte order mark is read over, counted in positions, and kept.
+printf '\xef\xbb\xbf<a>1</a>\n' >"$work/bom.xml"
+printf '\xef\xbb\xbf<a>1</b>' >"$work/bombad.xml"
+t "check BOM" 0 "$work/bom.xml: ok" "" -- check "$work/bom.xml"
+t "check BOM position" 1 "" "^$work/bombad.xml:1:10: " -- check "$work/bombad.xml"
+t "set BOM" 0 "" "" -- set "$work/bom.xml" a 2
+[ "$(head -c 3 "$work/bom.xml" | od -An -tx1 | tr -d ' ')" = efbbbf ] && [ "$("$tool" get "$work/bom.xml" a)" = 2 ] ||
+  fail "set lost the byte order mark"
 t "path too long" 2 "" "PATH must hold 1 to 511 bytes" -- get "$cfg" "$(printf 'a%.0s' {1..512})"
 STDIN=$cfg t "stdin named in errors" 1 "" "^krvxml: <stdin>: path 'config.nope'" -- get - config.nope
 

@@ -128,10 +128,10 @@ std::string FormatTyped(const TypeInfo &type, const TypedStorage &v)
     }
 }
 
-bool Parse(const std::string &file, bool heap, Tree &tree, std::string *encoding = nullptr)
+bool Parse(const std::string &file, bool heap, Tree &tree, InputFacts *facts = nullptr)
 {
     ParseFailure failure;
-    if (ParseInput(file, heap, tree, failure, encoding) != KRV_XML_OK) {
+    if (ParseInput(file, heap, tree, failure, facts) != KRV_XML_OK) {
         PrintParseFailure(stderr, "krvxml: ", file, failure);
         return false;
     }
@@ -344,11 +344,12 @@ int RunSet(const Args &args)
     std::string subject = path + (attr ? "@" + args.Get("--attr") : std::string());
     Tree tree;
     XmlNode *node = nullptr;
-    std::string encoding;
-    if (!Parse(file, heap, tree, &encoding) || !Locate(file, tree.get(), path, &node)) {
+    InputFacts facts;
+    if (!Parse(file, heap, tree, &facts) || !Locate(file, tree.get(), path, &node)) {
         return kExitFailed;
     }
     // The text is written back as UTF-8 without a declaration.
+    const std::string &encoding = facts.encoding;
     if (!encoding.empty() && !SameNoCase(encoding, "UTF-8") && !SameNoCase(encoding, "US-ASCII")) {
         std::fprintf(stderr, "krvxml: %s: set: the text is declared as %s; set writes UTF-8 only\n",
                      Shown(file).c_str(), encoding.c_str());
@@ -415,6 +416,9 @@ int RunSet(const Args &args)
         return kExitFailed;
     }
 
+    if (facts.bom) {
+        text.insert(0, "\xEF\xBB\xBF");  // written back as it was read
+    }
     if (out == "-") {
         return WriteStdout(text) ? kExitOk : kExitFailed;
     }

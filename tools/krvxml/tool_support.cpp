@@ -65,6 +65,8 @@ bool ReadAll(std::FILE *stream, std::string &text)
     return std::ferror(stream) == 0;
 }
 
+const char kBom[] = "\xEF\xBB\xBF";
+
 // Fills `failure` from a refused parse's report.
 void Reported(uint32_t rc, const KrvXmlParseInfo &info, ParseFailure &failure)
 {
@@ -176,17 +178,28 @@ bool FileHasNul(const std::string &path, ParseFailure &failure)
 
 }  // namespace
 
-uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure &failure,
-                    std::string *encoding)
+uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure &failure, InputFacts *facts)
 {
     failure = ParseFailure();
+    InputFacts seen;
     // Standard input, pipes and devices are read here; the library's file
-    // reader wants a file whose size it can ask.
+    // reader wants a file whose size it can ask. So are files that begin
+    // with a UTF-8 byte order mark, which the parser would take for text.
     bool stream = file == "-";
     struct stat st;
     if (!stream && ::stat(file.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
         stream = true;
     }
+    char head[512];
+    size_t headBytes = 0;
+    if (!stream) {
+        if (std::FILE *f = std::fopen(file.c_str(), "rb")) {
+            headBytes = std::fread(head, 1, sizeof head, f);
+            std::fclose(f);
+        }
+        stream = headBytes >= 3 && std::memcmp(head, kBom, 3) == 0;
+    }
+    uint32_t rc;
     if (stream) {
         std::string text;
         std::FILE *in = file == "-" ? stdin : std::fopen(file.c_str(), "rb");
@@ -199,26 +212,28 @@ uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure
             failure.reason = file == "-" ? "cannot read standard input" : "cannot read the file";
             return failure.code;
         }
-        if (encoding != nullptr) {
-            *encoding = DeclaredEncoding(text.data(), text.size());
+        seen.bom = text.compare(0, 3, kBom) == 0;
+        if (seen.bom) {
+            text.erase(0, 3);
         }
-        return ParseBuffer(text, heap, tree, failure);
+        seen.encoding = DeclaredEncoding(text.data(), text.size());
+        rc = ParseBuffer(text, heap, tree, failure);
+        if (seen.bom && failure.line == 1) {
+            failure.column += 3;  // positions count the file's bytes
+        }
+    } else {
+        KrvXmlParseInfo info{};
+        rc = KRV_XML_ParseFileWithInfo(file.c_str(), heap ? 0u : KRV_XML_PARSE_SESSION, tree.out(), &info);
+        if (rc != KRV_XML_OK) {
+            Reported(rc, info, failure);
+        } else if (FileHasNul(file, failure)) {
+            KRV_XML_FreeNode(tree.release());
+            rc = failure.code;
+        }
+        seen.encoding = DeclaredEncoding(head, headBytes);
     }
-    KrvXmlParseInfo info{};
-    uint32_t rc = KRV_XML_ParseFileWithInfo(file.c_str(), heap ? 0u : KRV_XML_PARSE_SESSION, tree.out(), &info);
-    if (rc != KRV_XML_OK) {
-        Reported(rc, info, failure);
-    } else if (FileHasNul(file, failure)) {
-        KRV_XML_FreeNode(tree.release());
-        rc = failure.code;
-    } else if (encoding != nullptr) {
-        char head[512];
-        std::FILE *f = std::fopen(file.c_str(), "rb");
-        size_t n = f == nullptr ? 0 : std::fread(head, 1, sizeof head, f);
-        if (f != nullptr) {
-            std::fclose(f);
-        }
-        *encoding = DeclaredEncoding(head, n);
+    if (rc == KRV_XML_OK && facts != nullptr) {
+        *facts = seen;
     }
     return rc;
 }

@@ -55,14 +55,19 @@ struct ParseFailure {
     std::string reason;
 };
 
+// What the bytes around a document said about it.
+struct InputFacts {
+    std::string encoding;  // named by an XML declaration at the start; "" for none
+    bool bom = false;      // the text began with a UTF-8 byte order mark
+};
+
 // Parses FILE ("-" reads standard input) into `tree`, in a memory session
-// unless `heap`. Pipes and devices are read as standard input is. A text
-// that holds a NUL byte is refused (the library would stop reading there).
-// On failure fills `failure` and returns its code. When `encoding` is given,
-// it receives the encoding that an XML declaration at the start names ("" for
-// none).
+// unless `heap`. Pipes and devices are read as standard input is, and a
+// UTF-8 byte order mark is passed over. A text that holds a NUL byte is
+// refused (the library would stop reading there). On failure fills
+// `failure` and returns its code; on success fills `facts` when given.
 uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure &failure,
-                    std::string *encoding = nullptr);
+                    InputFacts *facts = nullptr);
 
 // Parses text in memory as ParseInput parses a file.
 uint32_t ParseText(const std::string &text, bool heap, Tree &tree, ParseFailure &failure);
