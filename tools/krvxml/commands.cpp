@@ -8,6 +8,7 @@
 #include <string>
 
 #include "commands.h"
+#include "faithful.h"
 #include "tool_support.h"
 
 namespace krvtool {
@@ -168,64 +169,6 @@ uint32_t Print(XmlNode *top, int mode, bool withSiblings, std::string &text)
     return KRV_XML_OK;
 }
 
-// The value of `node`, or of its attribute prefix:name when `attr`; "" for
-// none. False when the attribute is missing.
-bool ReadValue(XmlNode *node, bool attr, const std::string &prefix, const std::string &name,
-               std::string &text)
-{
-    const char *value = nullptr;
-    uint32_t rc = attr ? KRV_XML_GetAttr(node, PrefixArg(prefix), name.c_str(), &value)
-                       : KRV_XML_GetNodeValue(node, nullptr, nullptr, nullptr, &value);
-    text = value != nullptr ? value : "";
-    return rc == KRV_XML_OK;
-}
-
-// The printer keeps an ampersand that begins a reference as it stands, so a
-// value that holds the text "&lt;" would come back as "<". Writing each
-// ampersand of such values as "&amp;" first makes the printed text read back
-// as the tree holds it. Covers top, its attributes and its descendants, and
-// top's siblings when `withSiblings`.
-uint32_t KeepAmpersands(XmlNode *top, bool withSiblings)
-{
-    auto escaped = [](const char *value, std::string &out) {
-        if (value == nullptr || std::strchr(value, '&') == nullptr) {
-            return false;
-        }
-        out.clear();
-        for (const char *c = value; *c != '\0'; ++c) {
-            out += *c == '&' ? "&amp;" : std::string(1, *c);
-        }
-        return true;
-    };
-    std::string text;
-    for (XmlNode *root = top; root != nullptr; root = withSiblings ? root->next : nullptr) {
-        // Pre-order within root's sub-tree, without recursion.
-        for (XmlNode *n = root; n != nullptr;) {
-            uint32_t rc = KRV_XML_OK;
-            if (escaped(n->value, text)) {
-                rc = KRV_XML_SetNode(n, nullptr, nullptr, text.c_str());
-            }
-            for (XmlNode *a = n->firstAttr; a != nullptr && rc == KRV_XML_OK; a = a->next) {
-                if (escaped(a->value, text)) {
-                    rc = KRV_XML_SetNode(a, nullptr, nullptr, text.c_str());
-                }
-            }
-            if (rc != KRV_XML_OK) {
-                return rc;
-            }
-            if (n->firstChild != nullptr) {
-                n = n->firstChild;
-                continue;
-            }
-            while (n != root && n->next == nullptr) {
-                n = n->parent;
-            }
-            n = n == root ? nullptr : n->next;
-        }
-    }
-    return KRV_XML_OK;
-}
-
 bool SameNoCase(const std::string &a, const char *b)
 {
     return a.size() == std::strlen(b) && strncasecmp(a.c_str(), b, a.size()) == 0;
@@ -334,6 +277,12 @@ int RunSet(const Args &args)
     if (type != nullptr && !ParseTyped(*type, value, typed)) {
         return UsageError("set", "'" + value + "' is not a " + type->name + " value");
     }
+    if (!IsXmlText(value)) {
+        return UsageError("set", "VALUE is not UTF-8 text of characters that XML allows");
+    }
+    if (args.Has("--attr") && !IsXmlName(args.Get("--attr"))) {
+        return UsageError("set", "'" + args.Get("--attr") + "' is not an XML name");
+    }
     std::string out = args.Has("-o") ? args.Get("-o") : file;
     if (out.empty()) {
         return UsageError("set", "empty output file name");
@@ -381,14 +330,8 @@ int RunSet(const Args &args)
         ReportFailure(Shown(file), "set '" + subject + "'", rc);
         return kExitFailed;
     }
-    // What the new text must give back: VALUE, or the typed value's text.
-    std::string expected = value;
-    if (type != nullptr) {
-        ReadValue(node, attr, prefix, name, expected);
-    }
-
     std::string text;
-    rc = KeepAmpersands(tree.get(), heap);
+    rc = EscapeValues(tree.get(), heap);
     if (rc == KRV_XML_OK) {
         rc = Print(tree.get(), 0, heap, text);
     }
@@ -396,23 +339,19 @@ int RunSet(const Args &args)
         ReportFailure(Shown(file), "print", rc);
         return kExitFailed;
     }
-    // Nothing is written that would not read back with the value as set: a
-    // name the parser refuses, a reference to a forbidden character, line
-    // breaks or tabs that begin a value.
+    // Nothing is written that would not read back as the edited tree: a
+    // name the parser refuses, or anything the escapes above do not cover.
     Tree again;
     ParseFailure failure;
-    XmlNode *same = nullptr;
-    std::string got;
     if (ParseText(text, heap, again, failure) != KRV_XML_OK) {
         std::fprintf(stderr, "krvxml: %s: set '%s': the new text would not read back (line %u, column %u: %s)\n",
                      Shown(file).c_str(), subject.c_str(), static_cast<unsigned>(failure.line),
                      static_cast<unsigned>(failure.column), failure.reason.c_str());
         return kExitFailed;
     }
-    if (KRV_XML_GetNodeByUrl(again.get(), path.c_str(), &same) != KRV_XML_OK ||
-        !ReadValue(same, attr, prefix, name, got) || got != expected) {
-        std::fprintf(stderr, "krvxml: %s: set '%s': the new text would read back as '%s', not as set\n",
-                     Shown(file).c_str(), subject.c_str(), got.c_str());
+    if (const XmlNode *d = FirstDifference(tree.get(), again.get(), heap)) {
+        std::fprintf(stderr, "krvxml: %s: set '%s': the new text would read back otherwise, from element '%s' on\n",
+                     Shown(file).c_str(), subject.c_str(), d->name != nullptr ? d->name : "");
         return kExitFailed;
     }
 
@@ -457,7 +396,7 @@ int RunPrint(const Args &args)
     int mode = args.Has("--head") ? 1 : args.Has("--tail") ? 2 : 0;
     std::string text;
     bool withSiblings = heap && wholeDocument && mode == 0;
-    uint32_t rc = KeepAmpersands(top, withSiblings);
+    uint32_t rc = EscapeValues(top, withSiblings);
     if (rc == KRV_XML_OK) {
         rc = Print(top, mode, withSiblings, text);
     }

@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <string>
 
 #include "commands.h"
@@ -42,10 +43,10 @@ const Command kCommands[] = {
      "2) and is stored in its canonical form. An empty VALUE removes an element's\n"
      "value. An element with children holds no value; set refuses it.\n"
      "The document is written as print writes it: UTF-8 without the XML declaration,\n"
-     "comments, processing instructions or indentation; a FILE declared in another\n"
-     "encoding is refused. Nothing is written when the new text would not read back\n"
-     "with VALUE as given (a name the parser refuses, a VALUE that begins with a TAB\n"
-     "or a line break). A file is replaced atomically: it holds either the old or the\n"
+     "DOCTYPE, comments, processing instructions or indentation; a FILE declared in\n"
+     "another encoding is refused, a byte order mark kept. VALUE and NAME must be\n"
+     "XML text and an XML name (else exit 2). Nothing is written that would not read\n"
+     "back as the edited document. A file is replaced atomically: it holds either the old or the\n"
      "new text, never a part. Its permission bits are kept, and its owner and group\n"
      "where the user may set them; other hard links to it keep the old text. A\n"
      "device, pipe or /dev/stdout given as OUT is written in place.\n"},
@@ -56,7 +57,9 @@ const Command kCommands[] = {
      "children, leaving an empty last element open; --tail prints the end tags\n"
      "that close the last element and its ancestors. The two frame a well-formed\n"
      "document when every element with children lies on the chain of last children\n"
-     "and the last element has no value.\n"},
+     "and the last element has no value. With --heap, further top-level elements\n"
+     "print after the first, but --head and --tail frame the first alone.\n"
+     "Values are written so that they read back as they were read.\n"},
     {"demo", krvtool::RunDemo, "", "",
      "usage: krvxml demo\n"
      "Runs the library on a bundled sample document: parse, lookup, typed read,\n"
@@ -73,7 +76,8 @@ const char kMainUsage[] =
     "  demo                       show the library at work on a bundled document\n"
     "\n"
     "FILE \"-\" reads standard input. \"krvxml COMMAND --help\" describes a command;\n"
-    "\"krvxml --version\" prints the library's version.\n"
+    "\"krvxml --version\" prints the library's version. \"--\" ends the options, as\n"
+    "before a VALUE that begins with \"-\".\n"
     "Exit codes: 0 success, 1 the operation failed, 2 usage error.\n";
 
 bool InList(const char *list, const std::string &word)
@@ -150,11 +154,16 @@ int main(int argc, char **argv)
     std::string name = argv[1];
     if (name == "--help" || name == "-h" || name == "help") {
         // "krvxml help COMMAND" is "krvxml COMMAND --help".
-        for (const Command &cmd : kCommands) {
-            if (name == "help" && argc > 2 && argv[2] == std::string(cmd.name)) {
-                std::fputs(cmd.usage, stdout);
-                return Finish(krvtool::kExitOk);
+        if (argc > 2) {
+            for (const Command &cmd : kCommands) {
+                if (argv[2] == std::string(cmd.name)) {
+                    std::fputs(cmd.usage, stdout);
+                    return Finish(krvtool::kExitOk);
+                }
             }
+            std::fprintf(stderr, "krvxml: unknown command '%s'\n", argv[2]);
+            std::fputs(kMainUsage, stderr);
+            return krvtool::kExitUsage;
         }
         std::fputs(kMainUsage, stdout);
         return Finish(krvtool::kExitOk);
@@ -186,7 +195,12 @@ int main(int argc, char **argv)
         case Read::Ok:
             break;
         }
-        return Finish(cmd.run(args));
+        try {
+            return Finish(cmd.run(args));
+        } catch (const std::bad_alloc &) {
+            std::fputs("krvxml: out of memory\n", stderr);
+            return krvtool::kExitFailed;
+        }
     }
     std::fprintf(stderr, "krvxml: unknown command '%s'\n", name.c_str());
     std::fputs(kMainUsage, stderr);

@@ -2,6 +2,7 @@
 #include "tool_support.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -55,12 +56,17 @@ void ReportFailure(const std::string &subject, const std::string &operation, uin
 
 namespace {
 
+// Reads the stream to its end, or up to the first piece that holds a NUL
+// byte, which ends the input's use (so /dev/zero costs one piece).
 bool ReadAll(std::FILE *stream, std::string &text)
 {
     char buf[65536];
     size_t n;
     while ((n = std::fread(buf, 1, sizeof buf, stream)) > 0) {
         text.append(buf, n);
+        if (std::memchr(buf, 0, n) != nullptr) {
+            return true;
+        }
     }
     return std::ferror(stream) == 0;
 }
@@ -151,13 +157,13 @@ uint32_t ParseBuffer(const std::string &text, bool heap, Tree &tree, ParseFailur
     return rc;
 }
 
-// Looks for a NUL byte in the file at `path`, which the library has read up
-// to its first NUL. Fills `failure` when there is one.
+// Looks for a NUL byte in the file at `path`; the library would read it only
+// up to its first NUL. Fills `failure` when there is one.
 bool FileHasNul(const std::string &path, ParseFailure &failure)
 {
     std::FILE *f = std::fopen(path.c_str(), "rb");
     if (f == nullptr) {
-        return false;  // it was read a moment ago; the parse stands
+        return false;  // the library's own open reports why
     }
     uint32_t line = 1;
     uint64_t column = 1;
@@ -190,14 +196,15 @@ uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure
     if (!stream && ::stat(file.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
         stream = true;
     }
-    char head[512];
+    // The start of a file: room for any XML declaration seen in practice.
+    std::string head(65536, '\0');
     size_t headBytes = 0;
     if (!stream) {
         if (std::FILE *f = std::fopen(file.c_str(), "rb")) {
-            headBytes = std::fread(head, 1, sizeof head, f);
+            headBytes = std::fread(&head[0], 1, head.size(), f);
             std::fclose(f);
         }
-        stream = headBytes >= 3 && std::memcmp(head, kBom, 3) == 0;
+        stream = headBytes >= 3 && head.compare(0, 3, kBom) == 0;
     }
     uint32_t rc;
     if (stream) {
@@ -222,15 +229,16 @@ uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure
             failure.column += 3;  // positions count the file's bytes
         }
     } else {
+        // A NUL is looked for first, so that it is what a refusal names.
+        if (FileHasNul(file, failure)) {
+            return failure.code;
+        }
         KrvXmlParseInfo info{};
         rc = KRV_XML_ParseFileWithInfo(file.c_str(), heap ? 0u : KRV_XML_PARSE_SESSION, tree.out(), &info);
         if (rc != KRV_XML_OK) {
             Reported(rc, info, failure);
-        } else if (FileHasNul(file, failure)) {
-            KRV_XML_FreeNode(tree.release());
-            rc = failure.code;
         }
-        seen.encoding = DeclaredEncoding(head, headBytes);
+        seen.encoding = DeclaredEncoding(head.data(), headBytes);
     }
     if (rc == KRV_XML_OK && facts != nullptr) {
         *facts = seen;
@@ -286,27 +294,96 @@ bool WriteAll(int fd, const std::string &text)
     return true;
 }
 
-// The file that `path` names once symbolic links are followed, also when
-// the last link points at a file that does not exist yet. Gives up after 40
-// links, as the kernel does.
-std::string FollowLinks(std::string path)
+// Where `path` leads once symbolic links are followed.
+enum class Lead { File, Descriptor, Refused };
+
+// Follows the symbolic links of `path` into `target`, also when the last one
+// points at a file that does not exist yet. A link through /proc or /dev/fd
+// names an open descriptor. As the kernel does, gives up after 40 links and
+// does not follow a link in a sticky, world-writable directory (such as
+// /tmp) that neither the user nor the directory's owner made.
+Lead FollowLinks(std::string path, std::string &target, std::string &error)
 {
-    for (int hops = 0; hops < 40; ++hops) {
+    for (int hops = 0; hops <= 40; ++hops) {
         struct stat st;
         if (::lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) {
-            return path;
+            target = path;
+            return Lead::File;
+        }
+        size_t slash = path.rfind('/');
+        std::string dir = slash == std::string::npos ? std::string(".") : path.substr(0, slash + 1);
+        struct stat ds;
+        if (::stat(dir.c_str(), &ds) == 0 && (ds.st_mode & S_ISVTX) != 0 && (ds.st_mode & S_IWOTH) != 0 &&
+            st.st_uid != ds.st_uid && st.st_uid != ::geteuid()) {
+            errno = EACCES;
+            error = ErrnoText("will not follow the link", path);
+            return Lead::Refused;
         }
         std::string link(static_cast<size_t>(st.st_size > 0 ? st.st_size : PATH_MAX) + 1, '\0');
         ssize_t n = ::readlink(path.c_str(), &link[0], link.size());
         if (n < 0 || static_cast<size_t>(n) >= link.size()) {
-            return path;
+            error = ErrnoText("cannot read the link", path);
+            return Lead::Refused;
         }
         link.resize(static_cast<size_t>(n));
-        size_t slash = path.rfind('/');
         path = link[0] == '/' || slash == std::string::npos ? link : path.substr(0, slash + 1) + link;
+        if (path.rfind("/proc/", 0) == 0 || path.rfind("/dev/fd/", 0) == 0) {
+            return Lead::Descriptor;
+        }
     }
-    return path;
+    errno = ELOOP;
+    error = ErrnoText("cannot follow", target.empty() ? path : target);
+    return Lead::Refused;
 }
+
+// The temporary file of a write in progress, removed when a signal ends the
+// process: a program-wide slot, as signals are.
+char g_tempPath[PATH_MAX + 32];
+volatile sig_atomic_t g_tempLive = 0;
+
+extern "C" void RemoveTempAndStop(int sig)
+{
+    if (g_tempLive != 0) {
+        ::unlink(g_tempPath);
+    }
+    ::signal(sig, SIG_DFL);
+    ::raise(sig);
+}
+
+// Signals that end the process remove the temporary file first; a file size
+// limit fails the write (EFBIG) instead of killing the process.
+class TempGuard {
+public:
+    TempGuard()
+    {
+        struct sigaction sa {};
+        sa.sa_handler = RemoveTempAndStop;
+        sigemptyset(&sa.sa_mask);
+        for (size_t i = 0; i < kSignals; ++i) {
+            ::sigaction(kStop[i], &sa, &old_[i]);
+        }
+        struct sigaction ignore {};
+        ignore.sa_handler = SIG_IGN;
+        ::sigaction(SIGXFSZ, &ignore, &oldXfsz_);
+    }
+    void Live(bool live) { g_tempLive = live ? 1 : 0; }
+    ~TempGuard()
+    {
+        g_tempLive = 0;
+        for (size_t i = 0; i < kSignals; ++i) {
+            ::sigaction(kStop[i], &old_[i], nullptr);
+        }
+        ::sigaction(SIGXFSZ, &oldXfsz_, nullptr);
+    }
+    TempGuard(const TempGuard &) = delete;
+    TempGuard &operator=(const TempGuard &) = delete;
+
+private:
+    static constexpr size_t kSignals = 4;
+    static constexpr int kStop[kSignals] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+    struct sigaction old_[kSignals];
+    struct sigaction oldXfsz_;
+};
 
 // Writes straight into a device, pipe or descriptor name, which has no
 // directory entry worth replacing.
@@ -340,16 +417,23 @@ bool NamesDescriptor(const std::string &path)
 
 bool WriteFileAtomically(const std::string &path, const std::string &text, std::string &error)
 {
-    if (NamesDescriptor(path)) {
+    struct stat given;
+    if (NamesDescriptor(path) ||
+        (::stat(path.c_str(), &given) == 0 && !S_ISREG(given.st_mode) && !S_ISDIR(given.st_mode))) {
         return WriteInPlace(path, text, error);
     }
     // Follow symbolic links, so that a link stays and its target changes.
-    std::string target = FollowLinks(path);
+    std::string target;
+    switch (FollowLinks(path, target, error)) {
+    case Lead::Descriptor:
+        return WriteInPlace(path, text, error);
+    case Lead::Refused:
+        return false;
+    case Lead::File:
+        break;
+    }
     struct stat st;
     bool exists = ::stat(target.c_str(), &st) == 0;
-    if (exists && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
-        return WriteInPlace(target, text, error);
-    }
     mode_t mode;
     if (exists) {
         mode = st.st_mode & 07777;
@@ -366,7 +450,16 @@ bool WriteFileAtomically(const std::string &path, const std::string &text, std::
     std::string temp = (slash == std::string::npos ? std::string() : dir) + "." + base.substr(0, 200) +
                        ".krvxml-XXXXXX";
 
+    TempGuard guard;
+    sigset_t all, before;
+    sigfillset(&all);
+    ::sigprocmask(SIG_BLOCK, &all, &before);  // no window between creating and noting it
     int fd = ::mkstemp(&temp[0]);
+    if (fd >= 0 && temp.size() < sizeof g_tempPath) {
+        std::memcpy(g_tempPath, temp.c_str(), temp.size() + 1);
+        guard.Live(true);
+    }
+    ::sigprocmask(SIG_SETMASK, &before, nullptr);
     if (fd < 0) {
         error = ErrnoText("cannot create a temporary file for", target);
         return false;
@@ -402,6 +495,7 @@ bool WriteFileAtomically(const std::string &path, const std::string &text, std::
         ::unlink(temp.c_str());
         return false;
     }
+    guard.Live(false);
     // Make the rename itself durable; a failure here leaves a complete file.
     int dfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY);
     if (dfd >= 0) {

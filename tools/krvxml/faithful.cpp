@@ -1,0 +1,242 @@
+// Escapes that make printed text read back as the tree, the comparison that
+// proves it, and the XML character and name checks for set's arguments.
+#include "faithful.h"
+
+#include <cstring>
+
+namespace krvtool {
+
+namespace {
+
+bool IsBlank(char c)
+{
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+// The escaped form of value into out; false when nothing needs escaping.
+bool Escape(const char *value, bool attribute, std::string &out)
+{
+    if (value == nullptr) {
+        return false;
+    }
+    out.clear();
+    bool changed = false;
+    bool leading = !attribute;  // still in an element text's leading blanks
+    for (const char *c = value; *c != '\0'; ++c) {
+        leading = leading && IsBlank(*c);
+        const char *ref = nullptr;
+        if (*c == '&') {
+            ref = "&amp;";
+        } else if ((attribute || leading) && *c != ' ' && IsBlank(*c)) {
+            ref = *c == '\t' ? "&#9;" : *c == '\n' ? "&#10;" : "&#13;";
+        }
+        if (ref != nullptr) {
+            out += ref;
+            changed = true;
+        } else {
+            out += *c;
+        }
+    }
+    return changed;
+}
+
+// A value rewritten by Escape, as the parser will read it back.
+std::string Unescaped(const char *value)
+{
+    static const struct {
+        const char *ref;
+        char c;
+    } kRefs[] = {{"&amp;", '&'}, {"&#9;", '\t'}, {"&#10;", '\n'}, {"&#13;", '\r'}};
+    std::string out;
+    for (const char *c = value != nullptr ? value : ""; *c != '\0';) {
+        bool replaced = false;
+        for (const auto &r : kRefs) {
+            size_t n = std::strlen(r.ref);
+            if (std::strncmp(c, r.ref, n) == 0) {
+                out += r.c;
+                c += n;
+                replaced = true;
+                break;
+            }
+        }
+        if (!replaced) {
+            out += *c++;
+        }
+    }
+    return out;
+}
+
+std::string Str(const char *s)
+{
+    return s != nullptr ? s : "";
+}
+
+bool SameStrings(const XmlNode *a, const XmlNode *b)
+{
+    return Str(a->name) == Str(b->name) && Str(a->nsPrefix) == Str(b->nsPrefix) &&
+           Unescaped(a->value) == Str(b->value);
+}
+
+bool SameRecord(const XmlNode *a, const XmlNode *b)
+{
+    if (a->kind != b->kind || !SameStrings(a, b)) {
+        return false;
+    }
+    const XmlNode *x = a->firstAttr;
+    const XmlNode *y = b->firstAttr;
+    for (; x != nullptr && y != nullptr; x = x->next, y = y->next) {
+        if (!SameStrings(x, y)) {
+            return false;
+        }
+    }
+    return x == nullptr && y == nullptr;
+}
+
+// The first difference within the sub-trees of a and b, in pre-order,
+// without recursion; null when they are alike.
+const XmlNode *SubTreeDifference(const XmlNode *top, const XmlNode *other)
+{
+    const XmlNode *a = top;
+    const XmlNode *b = other;
+    for (;;) {
+        if (!SameRecord(a, b)) {
+            return a;
+        }
+        if (a->firstChild != nullptr || b->firstChild != nullptr) {
+            if (a->firstChild == nullptr || b->firstChild == nullptr) {
+                return a;
+            }
+            a = a->firstChild;
+            b = b->firstChild;
+            continue;
+        }
+        while (a != top && a->next == nullptr) {
+            if (b->next != nullptr) {
+                return a;
+            }
+            a = a->parent;
+            b = b->parent;
+        }
+        if (a == top) {
+            return nullptr;
+        }
+        if (b->next == nullptr) {
+            return a;
+        }
+        a = a->next;
+        b = b->next;
+    }
+}
+
+// The code point of the UTF-8 sequence at s (n bytes left), its length in
+// *len; -1 for a sequence that is not shortest-form UTF-8 or a surrogate.
+long DecodeUtf8(const unsigned char *s, size_t n, size_t *len)
+{
+    unsigned char c = s[0];
+    size_t need = c < 0x80 ? 1 : (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3 : (c & 0xF8) == 0xF0 ? 4 : 0;
+    if (need == 0 || need > n) {
+        return -1;
+    }
+    long cp = need == 1 ? c : need == 2 ? (c & 0x1F) : need == 3 ? (c & 0x0F) : (c & 0x07);
+    for (size_t i = 1; i < need; ++i) {
+        if ((s[i] & 0xC0) != 0x80) {
+            return -1;
+        }
+        cp = (cp << 6) | (s[i] & 0x3F);
+    }
+    static const long kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (cp < kLeast[need] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+        return -1;
+    }
+    *len = need;
+    return cp;
+}
+
+bool IsXmlChar(long cp)
+{
+    return cp == 0x9 || cp == 0xA || cp == 0xD || (cp >= 0x20 && cp <= 0xD7FF) ||
+           (cp >= 0xE000 && cp <= 0xFFFD) || (cp >= 0x10000 && cp <= 0x10FFFF);
+}
+
+}  // namespace
+
+uint32_t EscapeValues(XmlNode *top, bool withSiblings)
+{
+    std::string text;
+    for (XmlNode *root = top; root != nullptr; root = withSiblings ? root->next : nullptr) {
+        // Pre-order within root's sub-tree, without recursion.
+        for (XmlNode *n = root; n != nullptr;) {
+            uint32_t rc = KRV_XML_OK;
+            if (Escape(n->value, false, text)) {
+                rc = KRV_XML_SetNode(n, nullptr, nullptr, text.c_str());
+            }
+            for (XmlNode *a = n->firstAttr; a != nullptr && rc == KRV_XML_OK; a = a->next) {
+                if (Escape(a->value, true, text)) {
+                    rc = KRV_XML_SetNode(a, nullptr, nullptr, text.c_str());
+                }
+            }
+            if (rc != KRV_XML_OK) {
+                return rc;
+            }
+            if (n->firstChild != nullptr) {
+                n = n->firstChild;
+                continue;
+            }
+            while (n != root && n->next == nullptr) {
+                n = n->parent;
+            }
+            n = n == root ? nullptr : n->next;
+        }
+    }
+    return KRV_XML_OK;
+}
+
+const XmlNode *FirstDifference(const XmlNode *edited, const XmlNode *reread, bool withSiblings)
+{
+    const XmlNode *last = edited;
+    while (edited != nullptr || reread != nullptr) {
+        if (edited == nullptr || reread == nullptr) {
+            return edited != nullptr ? edited : last;
+        }
+        if (const XmlNode *d = SubTreeDifference(edited, reread)) {
+            return d;
+        }
+        if (!withSiblings) {
+            break;
+        }
+        last = edited;
+        edited = edited->next;
+        reread = reread->next;
+    }
+    return nullptr;
+}
+
+bool IsXmlText(const std::string &text)
+{
+    const auto *s = reinterpret_cast<const unsigned char *>(text.data());
+    for (size_t i = 0, len = 0; i < text.size(); i += len) {
+        long cp = DecodeUtf8(s + i, text.size() - i, &len);
+        if (cp < 0 || !IsXmlChar(cp)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool IsXmlName(const std::string &text)
+{
+    if (text.empty() || !IsXmlText(text)) {
+        return false;
+    }
+    for (size_t i = 0; i < text.size(); ++i) {
+        auto c = static_cast<unsigned char>(text[i]);
+        bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || c == ':' || c >= 0x80;
+        bool later = (c >= '0' && c <= '9') || c == '-' || c == '.';
+        if (!letter && !(later && i > 0)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace krvtool

@@ -1,0 +1,36 @@
+// What the tool adds so that a tree it prints reads back as it holds it, and
+// so that what set writes is XML other parsers read too.
+#ifndef KRVXML_TOOL_FAITHFUL_H
+#define KRVXML_TOOL_FAITHFUL_H
+
+#include <cstdint>
+#include <string>
+
+#include "krv_xml.h"
+
+namespace krvtool {
+
+// Rewrites the values of top's sub-tree (and of top's siblings when
+// `withSiblings`) so that the printer's text reads back as the tree held
+// them: every '&' becomes "&amp;" (the printer keeps an '&' that begins a
+// reference as it stands), TAB, LF and CR become character references in
+// attribute values and where they begin an element's text (the parser drops
+// them there). Returns KRV_XML_OK or the code of a failed KRV_XML_SetNode.
+uint32_t EscapeValues(XmlNode *top, bool withSiblings);
+
+// The first record of `edited` (rewritten by EscapeValues) whose name,
+// prefix, value or attributes differ from those of the record at the same
+// place in `reread`, or whose place does not exist there; null when the
+// trees are alike. A null value and "" count as alike.
+const XmlNode *FirstDifference(const XmlNode *edited, const XmlNode *reread, bool withSiblings);
+
+// Whether text is UTF-8 made only of characters that XML allows.
+bool IsXmlText(const std::string &text);
+
+// Whether text is an XML name (letters, digits, '_', '-', '.', ':' and
+// characters beyond ASCII, not starting with a digit, '-' or '.').
+bool IsXmlName(const std::string &text);
+
+}  // namespace krvtool
+
+#endif  // KRVXML_TOOL_FAITHFUL_H
