@@ -302,8 +302,9 @@ enum class Lead { File, Descriptor, Refused };
 // names an open descriptor. As the kernel does, gives up after 40 links and
 // does not follow a link in a sticky, world-writable directory (such as
 // /tmp) that neither the user nor the directory's owner made.
-Lead FollowLinks(std::string path, std::string &target, std::string &error)
+Lead FollowLinks(const std::string &given, std::string &target, std::string &error)
 {
+    std::string path = given;
     for (int hops = 0; hops <= 40; ++hops) {
         struct stat st;
         if (::lstat(path.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) {
@@ -332,7 +333,7 @@ Lead FollowLinks(std::string path, std::string &target, std::string &error)
         }
     }
     errno = ELOOP;
-    error = ErrnoText("cannot follow", target.empty() ? path : target);
+    error = ErrnoText("cannot follow", given);
     return Lead::Refused;
 }
 
