@@ -153,10 +153,21 @@ t "set leading tab" 0 "" "" -- set "$work/blank.xml" r.n $'\tlead'
 t "get leading tab" 0 $'\tlead' "" -- get "$work/blank.xml" r.n
 t "blanks as references" 0 $'<r>\n<pre>&#10;  x\n</pre>\n<n>&#9;lead</n>\n<a v="1&#10;2&#9;3"/>\n</r>' "" -- print "$work/blank.xml"
 
+# Names that only references could make do not print; an empty CDATA section
+# prints as the empty element it reads back as; CR is kept from other parsers.
+printf '<r><a&#32;b/></r>' >"$work/refname.xml"
+t "print a name with a blank" 1 "" "the name 'a b' cannot be written" -- print "$work/refname.xml"
+printf '<r><e><![CDATA[]]></e><c>x&#13;y</c></r>' >"$work/cr.xml"
+t "print empty CDATA and CR" 0 $'<r>\n<e/>\n<c>x&#13;y</c>\n</r>' "" -- print "$work/cr.xml"
+
 # Refused edits leave the file as it was.
 cp "$cfg" "$work/keep.xml"
 t "set bad attribute name" 2 "" "'a b' is not an XML name" -- set "$cfg" config.name --attr "a b" v
 t "set control character" 2 "" "VALUE is not UTF-8 text" -- set "$cfg" config.name $'a\x01'
+t "set name with a no-break space" 2 "" "is not an XML name" -- set "$cfg" config.name --attr $'a\u00a0b' v
+t "set name of an empty prefix" 2 "" "':x' is not an XML name" -- set "$cfg" config.name --attr :x v
+printf '\n<?xml version="1.0" encoding="ISO-8859-1"?><a/>' >"$work/latin1b.xml"
+t "set encoding after a blank" 1 "" "declared as ISO-8859-1" -- set "$work/latin1b.xml" a 2
 t "set bad UTF-8" 2 "" "VALUE is not UTF-8 text" -- set "$cfg" config.name $'\xc3'
 t "set value beside children" 1 "" "^krvxml: $cfg: set 'config.limits': an element with children" -- set "$cfg" config.limits v
 printf '<?xml version="1.0" encoding="ISO-8859-1"?>\n<a>1</a>\n' >"$work/latin1.xml"
@@ -192,6 +203,8 @@ cp "$work/big.xml" "$work/big.keep"
 (ulimit -f 1; "$tool" set "$work/big.xml" r.e v) 2>"$work/.err"
 [ $? = 1 ] && grep -q "File too large" "$work/.err" && cmp -s "$work/big.xml" "$work/big.keep" || fail "file size limit"
 no_temp_left "after the file size limit"
+(ulimit -f 1; "$tool" set "$work/big.xml" r.e v -o - >"$work/big.out") 2>"$work/.err"
+[ $? = 1 ] && grep -q "cannot write standard output: File too large" "$work/.err" || fail "file size limit on standard output"
 long=$work/$(printf 'n%.0s' {1..250})
 t "set file of a long name" 0 "" "" -- set "$cfg" config.name long -o "$long"
 if [ "$(id -u)" = 0 ]; then

@@ -169,6 +169,14 @@ uint32_t Print(XmlNode *top, int mode, bool withSiblings, std::string &text)
     return KRV_XML_OK;
 }
 
+int UnprintableName(const std::string &file, const XmlNode *n)
+{
+    std::fprintf(stderr, "krvxml: %s: the name '%s%s%s' cannot be written so that it reads back\n",
+                 Shown(file).c_str(), n->nsPrefix != nullptr ? n->nsPrefix : "", n->nsPrefix != nullptr ? ":" : "",
+                 n->name != nullptr ? n->name : "");
+    return kExitFailed;
+}
+
 bool SameNoCase(const std::string &a, const char *b)
 {
     return a.size() == std::strlen(b) && strncasecmp(a.c_str(), b, a.size()) == 0;
@@ -280,7 +288,7 @@ int RunSet(const Args &args)
     if (!IsXmlText(value)) {
         return UsageError("set", "VALUE is not UTF-8 text of characters that XML allows");
     }
-    if (args.Has("--attr") && !IsXmlName(args.Get("--attr"))) {
+    if (args.Has("--attr") && (!IsXmlName(args.Get("--attr")) || args.Get("--attr")[0] == ':')) {
         return UsageError("set", "'" + args.Get("--attr") + "' is not an XML name");
     }
     std::string out = args.Has("-o") ? args.Get("-o") : file;
@@ -331,7 +339,11 @@ int RunSet(const Args &args)
         return kExitFailed;
     }
     std::string text;
-    rc = EscapeValues(tree.get(), heap);
+    const XmlNode *badName = nullptr;
+    rc = EscapeValues(tree.get(), heap, &badName);
+    if (badName != nullptr) {
+        return UnprintableName(file, badName);
+    }
     if (rc == KRV_XML_OK) {
         rc = Print(tree.get(), 0, heap, text);
     }
@@ -396,7 +408,11 @@ int RunPrint(const Args &args)
     int mode = args.Has("--head") ? 1 : args.Has("--tail") ? 2 : 0;
     std::string text;
     bool withSiblings = heap && wholeDocument && mode == 0;
-    uint32_t rc = EscapeValues(top, withSiblings);
+    const XmlNode *badName = nullptr;
+    uint32_t rc = EscapeValues(top, withSiblings, &badName);
+    if (badName != nullptr) {
+        return UnprintableName(file, badName);
+    }
     if (rc == KRV_XML_OK) {
         rc = Print(top, mode, withSiblings, text);
     }

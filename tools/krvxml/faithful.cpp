@@ -27,7 +27,7 @@ bool Escape(const char *value, bool attribute, std::string &out)
         const char *ref = nullptr;
         if (*c == '&') {
             ref = "&amp;";
-        } else if ((attribute || leading) && *c != ' ' && IsBlank(*c)) {
+        } else if ((attribute || leading || *c == '\r') && *c != ' ' && IsBlank(*c)) {
             ref = *c == '\t' ? "&#9;" : *c == '\n' ? "&#10;" : "&#13;";
         }
         if (ref != nullptr) {
@@ -38,6 +38,13 @@ bool Escape(const char *value, bool attribute, std::string &out)
         }
     }
     return changed;
+}
+
+// Whether a name prints as it reads: a byte that ends a name in the text can
+// stand in a name only through a reference, which the printer cannot write.
+bool PrintableName(const char *name)
+{
+    return name == nullptr || std::strpbrk(name, " \t\r\n&<>\"'=/") == nullptr;
 }
 
 // A value rewritten by Escape, as the parser will read it back.
@@ -158,19 +165,45 @@ bool IsXmlChar(long cp)
            (cp >= 0xE000 && cp <= 0xFFFD) || (cp >= 0x10000 && cp <= 0x10FFFF);
 }
 
+// The characters that may begin an XML name, and those that may follow.
+bool IsNameStart(long c)
+{
+    return c == ':' || c == '_' || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= 0xC0 && c <= 0xD6) ||
+           (c >= 0xD8 && c <= 0xF6) || (c >= 0xF8 && c <= 0x2FF) || (c >= 0x370 && c <= 0x37D) ||
+           (c >= 0x37F && c <= 0x1FFF) || c == 0x200C || c == 0x200D || (c >= 0x2070 && c <= 0x218F) ||
+           (c >= 0x2C00 && c <= 0x2FEF) || (c >= 0x3001 && c <= 0xD7FF) || (c >= 0xF900 && c <= 0xFDCF) ||
+           (c >= 0xFDF0 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0xEFFFF);
+}
+
+bool IsNameChar(long c)
+{
+    return IsNameStart(c) || c == '-' || c == '.' || (c >= '0' && c <= '9') || c == 0xB7 ||
+           (c >= 0x300 && c <= 0x36F) || c == 0x203F || c == 0x2040;
+}
+
 }  // namespace
 
-uint32_t EscapeValues(XmlNode *top, bool withSiblings)
+uint32_t EscapeValues(XmlNode *top, bool withSiblings, const XmlNode **badName)
 {
     std::string text;
     for (XmlNode *root = top; root != nullptr; root = withSiblings ? root->next : nullptr) {
         // Pre-order within root's sub-tree, without recursion.
         for (XmlNode *n = root; n != nullptr;) {
+            if (!PrintableName(n->name) || !PrintableName(n->nsPrefix)) {
+                *badName = n;
+                return KRV_XML_ERR_INVALID_PARAM;
+            }
             uint32_t rc = KRV_XML_OK;
-            if (Escape(n->value, false, text)) {
+            if (n->value != nullptr && n->value[0] == '\0' && n->firstChild == nullptr) {
+                rc = KRV_XML_SetNode(n, nullptr, nullptr, "");  // prints as "<a/>", which reads back so
+            } else if (Escape(n->value, false, text)) {
                 rc = KRV_XML_SetNode(n, nullptr, nullptr, text.c_str());
             }
             for (XmlNode *a = n->firstAttr; a != nullptr && rc == KRV_XML_OK; a = a->next) {
+                if (!PrintableName(a->name) || !PrintableName(a->nsPrefix)) {
+                    *badName = a;
+                    return KRV_XML_ERR_INVALID_PARAM;
+                }
                 if (Escape(a->value, true, text)) {
                     rc = KRV_XML_SetNode(a, nullptr, nullptr, text.c_str());
                 }
@@ -225,18 +258,15 @@ bool IsXmlText(const std::string &text)
 
 bool IsXmlName(const std::string &text)
 {
-    if (text.empty() || !IsXmlText(text)) {
-        return false;
-    }
-    for (size_t i = 0; i < text.size(); ++i) {
-        auto c = static_cast<unsigned char>(text[i]);
-        bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || c == ':' || c >= 0x80;
-        bool later = (c >= '0' && c <= '9') || c == '-' || c == '.';
-        if (!letter && !(later && i > 0)) {
+    const auto *s = reinterpret_cast<const unsigned char *>(text.data());
+    size_t len = 0;
+    for (size_t i = 0; i < text.size(); i += len) {
+        long cp = DecodeUtf8(s + i, text.size() - i, &len);
+        if (cp < 0 || !(IsNameStart(cp) || (i > 0 && IsNameChar(cp)))) {
             return false;
         }
     }
-    return true;
+    return !text.empty();
 }
 
 }  // namespace krvtool

@@ -13,10 +13,15 @@ namespace krvtool {
 // Rewrites the values of top's sub-tree (and of top's siblings when
 // `withSiblings`) so that the printer's text reads back as the tree held
 // them: every '&' becomes "&amp;" (the printer keeps an '&' that begins a
-// reference as it stands), TAB, LF and CR become character references in
+// reference as it stands); TAB, LF and CR become character references in
 // attribute values and where they begin an element's text (the parser drops
-// them there). Returns KRV_XML_OK or the code of a failed KRV_XML_SetNode.
-uint32_t EscapeValues(XmlNode *top, bool withSiblings);
+// them there), and CR anywhere in a text (other parsers turn it into LF); an
+// empty value becomes none, which prints as the same empty element. A name
+// that holds a byte only a reference could have put there (a blank, '&',
+// '<', '>', a quote, '=' or '/') cannot be printed as it reads: *badName
+// then names its record and the result is KRV_XML_ERR_INVALID_PARAM.
+// Otherwise returns KRV_XML_OK or the code of a failed KRV_XML_SetNode.
+uint32_t EscapeValues(XmlNode *top, bool withSiblings, const XmlNode **badName);
 
 // The first record of `edited` (rewritten by EscapeValues) whose name,
 // prefix, value or attributes differ from those of the record at the same
@@ -27,8 +32,8 @@ const XmlNode *FirstDifference(const XmlNode *edited, const XmlNode *reread, boo
 // Whether text is UTF-8 made only of characters that XML allows.
 bool IsXmlText(const std::string &text);
 
-// Whether text is an XML name (letters, digits, '_', '-', '.', ':' and
-// characters beyond ASCII, not starting with a digit, '-' or '.').
+// Whether text is an XML name (XML 1.0 fifth edition: NameStartChar, then
+// NameChar).
 bool IsXmlName(const std::string &text);
 
 }  // namespace krvtool

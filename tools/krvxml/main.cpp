@@ -1,5 +1,6 @@
 // krvxml: check, query, edit and print XML files with the KRV XML library.
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -147,6 +148,9 @@ int Finish(int rc)
 
 int main(int argc, char **argv)
 {
+    // Past a file size limit a write fails (EFBIG) and is reported, instead
+    // of the signal ending the process with a part written.
+    std::signal(SIGXFSZ, SIG_IGN);
     if (argc < 2) {
         std::fputs(kMainUsage, stderr);
         return krvtool::kExitUsage;

@@ -111,25 +111,34 @@ void Advance(const char *p, size_t n, uint32_t &line, uint64_t &column)
 // or "" when there is none.
 std::string DeclaredEncoding(const char *p, size_t n)
 {
+    const char *kBlanks = " \t\r\n";
     std::string head(p, n);
-    if (head.compare(0, 5, "<?xml") != 0 || head.size() < 6 || std::strchr(" \t\r\n", head[5]) == nullptr) {
+    // Blanks before the declaration make it a processing instruction here and
+    // an error elsewhere; it still says what the bytes are.
+    size_t start = head.find_first_not_of(kBlanks);
+    if (start == std::string::npos || head.compare(start, 5, "<?xml") != 0 || head.size() < start + 6 ||
+        std::strchr(kBlanks, head[start + 5]) == nullptr || head[start + 5] == '\0') {
         return "";
     }
-    size_t end = head.find("?>");
-    size_t at = head.find("encoding", 5);
-    if (end == std::string::npos || at == std::string::npos || at > end) {
-        return "";
+    size_t end = head.find("?>", start);
+    for (size_t at = head.find("encoding", start + 5); at < end; at = head.find("encoding", at + 1)) {
+        if (std::strchr(kBlanks, head[at - 1]) == nullptr) {
+            continue;  // part of another word
+        }
+        size_t eq = head.find_first_not_of(kBlanks, at + 8);
+        if (eq == std::string::npos || head[eq] != '=') {
+            continue;
+        }
+        size_t quote = head.find_first_not_of(kBlanks, eq + 1);
+        if (quote == std::string::npos || (head[quote] != '"' && head[quote] != '\'')) {
+            continue;
+        }
+        size_t close = head.find(head[quote], quote + 1);
+        if (close < end) {
+            return head.substr(quote + 1, close - quote - 1);
+        }
     }
-    at = head.find_first_not_of(" \t\r\n", at + 8);
-    if (at == std::string::npos || head[at] != '=') {
-        return "";
-    }
-    at = head.find_first_not_of(" \t\r\n", at + 1);
-    if (at == std::string::npos || (head[at] != '"' && head[at] != '\'')) {
-        return "";
-    }
-    size_t close = head.find(head[at], at + 1);
-    return close == std::string::npos || close > end ? "" : head.substr(at + 1, close - at - 1);
+    return "";
 }
 
 // Parses text already in memory (from standard input, a pipe or a device).
@@ -351,8 +360,8 @@ extern "C" void RemoveTempAndStop(int sig)
     ::raise(sig);
 }
 
-// Signals that end the process remove the temporary file first; a file size
-// limit fails the write (EFBIG) instead of killing the process.
+// Signals that end the process remove the temporary file first. A signal
+// the caller had ignored (nohup, a background job) stays ignored.
 class TempGuard {
 public:
     TempGuard()
@@ -361,20 +370,19 @@ public:
         sa.sa_handler = RemoveTempAndStop;
         sigemptyset(&sa.sa_mask);
         for (size_t i = 0; i < kSignals; ++i) {
-            ::sigaction(kStop[i], &sa, &old_[i]);
+            installed_[i] = ::sigaction(kStop[i], nullptr, &old_[i]) == 0 && old_[i].sa_handler != SIG_IGN &&
+                            ::sigaction(kStop[i], &sa, nullptr) == 0;
         }
-        struct sigaction ignore {};
-        ignore.sa_handler = SIG_IGN;
-        ::sigaction(SIGXFSZ, &ignore, &oldXfsz_);
     }
     void Live(bool live) { g_tempLive = live ? 1 : 0; }
     ~TempGuard()
     {
         g_tempLive = 0;
         for (size_t i = 0; i < kSignals; ++i) {
-            ::sigaction(kStop[i], &old_[i], nullptr);
+            if (installed_[i]) {
+                ::sigaction(kStop[i], &old_[i], nullptr);
+            }
         }
-        ::sigaction(SIGXFSZ, &oldXfsz_, nullptr);
     }
     TempGuard(const TempGuard &) = delete;
     TempGuard &operator=(const TempGuard &) = delete;
@@ -383,7 +391,7 @@ private:
     static constexpr size_t kSignals = 4;
     static constexpr int kStop[kSignals] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
     struct sigaction old_[kSignals];
-    struct sigaction oldXfsz_;
+    bool installed_[kSignals];
 };
 
 // Writes straight into a device, pipe or descriptor name, which has no
