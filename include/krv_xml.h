@@ -158,7 +158,12 @@ KRV_XML_API uint32_t KRV_XML_SetNode(XmlNode *node, const char *prefix, const ch
 /* Takes an element or document out of its tree without releasing it; it
  * becomes a detached tree of the caller's, with its attributes and children.
  * A node of a session document stays in that session and must not be used
- * after the document is released.
+ * after the document is released. In either regime, names that moved into a
+ * document's name table (see the insertion functions and attribute editing)
+ * stay in that document's record: a node whose name, or whose attributes' or
+ * descendants' names, lie there must not be used after that document is
+ * released, even once it is linked into another tree (a name in a table
+ * never moves again).
  * Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (null, not linked, or an
  * attribute record: use KRV_XML_RemoveAttr). */
 KRV_XML_API uint32_t KRV_XML_RemoveNode(XmlNode *node);
@@ -295,7 +300,9 @@ KRV_XML_API XmlNode *KRV_XML_Iterator(XmlNode *node);
  * When the tree is headed by a document without siblings, the node's own name
  * (not those of its attributes or descendants) moves into the document's name
  * table: the first ten distinct names of at most 11 bytes take a slot each,
- * equal names share it, and the node's former name string is released.
+ * equal names share it, and the node's former name string is released. The
+ * slots lie inside the document record, so the name stays valid only while
+ * that document lives, also after the node is taken out (KRV_XML_RemoveNode).
  *
  * Every refusal is KRV_XML_ERR_INVALID_PARAM and changes nothing. */
 
@@ -510,9 +517,13 @@ typedef long (*KrvXmlFtellFn)(FILE *file);
  * tag and only in elements without child elements (mixed content is
  * refused); CDATA sections; the entities &amp; &lt; &gt; &apos; &quot;;
  * character references "&#65;" and "&#x41;" (lower-case x) to characters
- * allowed in XML, written out in UTF-8. Leading SPACE bytes of a text are
- * kept, leading TAB, LF and CR are not; trailing white space is kept. A
- * name "p:x" gets nsPrefix "p" and name "x". The text ends at its first NUL.
+ * allowed in XML, written out in UTF-8. Of the white space that begins a
+ * text, only the SPACE bytes after its last TAB, LF or CR are kept (" \tx"
+ * reads "x", "\t x" reads " x"); trailing white space is kept; content of
+ * white space alone is kept whole ("<a> \n</a>" reads " \n"). A text must be
+ * followed by its end tag, comments and instructions between them being
+ * stepped over ("<a>x<!--c-->y</a>" is refused). A name "p:x" gets nsPrefix
+ * "p" and name "x". The text ends at its first NUL.
  * Refused: unterminated comments, instructions, declarations and CDATA
  * sections anywhere (also after the root), "<!-->", a text that ends while
  * an element is open, an attribute repeated with the same prefix and name,

@@ -15,7 +15,9 @@
  * for, a session document) must not outlive the session's document: once the
  * session ends, nothing is left to release. Link such a tree into its
  * document (append_child and friends take the handle and release it on
- * success) rather than keeping it apart.
+ * success) rather than keeping it apart. Likewise, a node taken out of a
+ * document (remove) keeps its short names in that document's record, in
+ * either regime: do not use it after that document is released.
  */
 #ifndef KRV_XML_HPP
 #define KRV_XML_HPP
@@ -106,6 +108,25 @@ inline bool ends_session_of(const XmlNode *owned, const XmlNode *n) noexcept
 {
     return owned != nullptr && n != nullptr && owned->ownsSession != 0 && owned->mem != nullptr &&
            owned->mem == n->mem;
+}
+
+// True when releasing `owned` would take away what `n` keeps using once it
+// is out of its tree: the session it lives in, or the name table of the
+// document it belongs to (short names move into a document's record). The
+// walk up runs only when `owned` is a document.
+inline bool holds_names_of(const XmlNode *owned, const XmlNode *n) noexcept
+{
+    if (ends_session_of(owned, n)) {
+        return true;
+    }
+    if (owned == nullptr || n == nullptr || owned->kind != KRV_XML_NODE_DOCUMENT) {
+        return false;
+    }
+    const XmlNode *top = n;
+    while (top->parent != nullptr || top->prev != nullptr) {
+        top = top->parent != nullptr ? top->parent : top->prev;
+    }
+    return top == owned;
 }
 
 }  // namespace detail
@@ -299,7 +320,11 @@ public:
     inline result insert_after(document &sibling) const noexcept;
     inline result insert_before(document &sibling) const noexcept;
 
-    // Takes this node out of its tree; `out` owns it afterwards.
+    // Takes this node out of its tree; `out` owns it afterwards. Refused
+    // (invalid_param) when `out` holds the node's own document, whose release
+    // would take the node's session or short names along. A node taken out
+    // keeps names in its former document's table: keep that document alive
+    // while the node is used (see KRV_XML_RemoveNode).
     inline result remove(document &out) const noexcept;
 
     // Copies: with the sub-tree (clone) or the node and attributes alone.
@@ -523,7 +548,7 @@ inline result node::insert_before(document &sibling) const noexcept
 
 inline result node::remove(document &out) const noexcept
 {
-    if (detail::ends_session_of(out.get(), n_)) {
+    if (detail::holds_names_of(out.get(), n_)) {
         return errc::invalid_param;
     }
     result r = KRV_XML_RemoveNode(n_);

@@ -52,7 +52,8 @@ KRV_XML_API char *XML_Strdup(XmlNode *context, const char *text);
 
 /* A zeroed record of the shape for `kind` (12 document, 1 attribute, any
  * other value element), carved from `session` or from the heap when it is
- * null. `kind` is set, `mem` is the session, a document has ownsSession 1.
+ * null. `kind` is set to 12, 1 or, for any other value, 0 (element); `mem`
+ * is the session; a document has ownsSession 1.
  * Returns null on allocation failure. */
 KRV_XML_API XmlNode *XML_NewNode(XmlMemSession *session, int32_t kind);
 

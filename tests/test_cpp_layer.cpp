@@ -127,6 +127,19 @@ TEST(CppLayer, LinkingAndCopiesReleaseOnlyOnSuccess)
     std::string text;
     ASSERT_TRUE(doc.root().to_string(text));
     EXPECT_EQ(text, "<r>\n<a x=\"1\">\n<b/>\n</a>\n<a x=\"1\">\n<b/>\n</a>\n</r>\n");
+
+    // A heap document keeps the short names of the nodes linked into it, so
+    // taking one out into the handle of that document is refused as well;
+    // another document's handle may take it.
+    document heap, other, item(krvtest::Element("item"));
+    ASSERT_TRUE(document::create("doc", heap, regime::heap));
+    ASSERT_TRUE(document::create("other", other, regime::heap));
+    ASSERT_TRUE(heap.root().append_child(item));
+    EXPECT_EQ(heap.root().first_child().remove(heap), errc::invalid_param);
+    ASSERT_TRUE(heap.root().to_string(text));
+    EXPECT_EQ(text, "<doc>\n<item/>\n</doc>\n");
+    ASSERT_TRUE(heap.root().first_child().remove(other));
+    EXPECT_EQ(other.root().name(), "item");
 }
 
 // Views read through to the record; null views are safe; ranges walk in
