@@ -157,6 +157,13 @@ t "blanks as references" 0 $'<r>\n<pre>&#10;  x\n</pre>\n<n>&#9;lead</n>\n<a v="
 # prints as the empty element it reads back as; CR is kept from other parsers.
 printf '<r><a&#32;b/></r>' >"$work/refname.xml"
 t "print a name with a blank" 1 "" "the name 'a b' cannot be written" -- print "$work/refname.xml"
+for name in 'a--' 'a]]'; do  # its end tag would read as "-->" or "]]>"
+  printf '<r><%s >v</%s ></r>' "$name" "$name" >"$work/cut.xml"
+  t "print element $name" 1 "" "the name '$name' cannot be written" -- print "$work/cut.xml"
+done
+printf '<?xml version="1.0" encoding="ISO-8859-1"?>\n<a>caf\xe9</a>\n' >"$work/latin1p.xml"
+t "print other encoding" 1 "" "declared as ISO-8859-1" -- print "$work/latin1p.xml"
+t "print usage before reading" 2 "" "PATH must hold 1 to 511 bytes" -- print "$work/none.xml" ""
 printf '<r><e><![CDATA[]]></e><c>x&#13;y</c></r>' >"$work/cr.xml"
 t "print empty CDATA and CR" 0 $'<r>\n<e/>\n<c>x&#13;y</c>\n</r>' "" -- print "$work/cr.xml"
 
@@ -190,6 +197,14 @@ timeout 10 cat "$work/fifo" >"$work/fifo.out" &
 t "set into a pipe" 0 "" "" -- set "$cfg" config.name piped -o "$work/fifo"
 wait
 [ -p "$work/fifo" ] && grep -q '>piped</name>$' "$work/fifo.out" || fail "set into a pipe"
+# Input that is no file to replace goes to standard output; a descriptor
+# given as OUT is written at its offset, as standard output would be.
+cp "$cfg" "$work/fd.xml" && cp "$cfg" "$work/fd.keep"
+STDIN=$work/fd.xml t "set /dev/stdin" 0 "*" "" -- set /dev/stdin config.name fromstdin
+grep -q '>fromstdin</name>$' "$work/.out" && cmp -s "$work/fd.xml" "$work/fd.keep" || fail "set /dev/stdin"
+{ echo head; "$tool" set "$cfg" config.name x -o /dev/stdout; echo tail; } >"$work/a.out"
+{ echo head; "$tool" set "$cfg" config.name x -o -; echo tail; } >"$work/b.out"
+cmp -s "$work/a.out" "$work/b.out" || fail "-o /dev/stdout into a redirected file"
 # A link to a file not yet there: the file is made, the link stays.
 ln -s "$work/made.xml" "$work/dangling.xml"
 t "set through dangling link" 0 "" "" -- set "$cfg" config.name made -o "$work/dangling.xml"

@@ -182,6 +182,19 @@ bool SameNoCase(const std::string &a, const char *b)
     return a.size() == std::strlen(b) && strncasecmp(a.c_str(), b, a.size()) == 0;
 }
 
+// The tool writes UTF-8 without a declaration, which a text declared in
+// another encoding would not read back as.
+bool WritableEncoding(const std::string &file, const char *command, const InputFacts &facts)
+{
+    const std::string &encoding = facts.encoding;
+    if (encoding.empty() || SameNoCase(encoding, "UTF-8") || SameNoCase(encoding, "US-ASCII")) {
+        return true;
+    }
+    std::fprintf(stderr, "krvxml: %s: %s: the text is declared as %s; %s writes UTF-8 only\n", Shown(file).c_str(),
+                 command, encoding.c_str(), command);
+    return false;
+}
+
 bool WriteStdout(const std::string &text)
 {
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
@@ -291,7 +304,9 @@ int RunSet(const Args &args)
     if (args.Has("--attr") && (!IsXmlName(args.Get("--attr")) || args.Get("--attr")[0] == ':')) {
         return UsageError("set", "'" + args.Get("--attr") + "' is not an XML name");
     }
-    std::string out = args.Has("-o") ? args.Get("-o") : file;
+    // Standard input, a pipe or a descriptor name cannot take the new text
+    // back in place of the old: without -o it goes to standard output.
+    std::string out = args.Has("-o") ? args.Get("-o") : IsStream(file) ? "-" : file;
     if (out.empty()) {
         return UsageError("set", "empty output file name");
     }
@@ -305,11 +320,7 @@ int RunSet(const Args &args)
     if (!Parse(file, heap, tree, &facts) || !Locate(file, tree.get(), path, &node)) {
         return kExitFailed;
     }
-    // The text is written back as UTF-8 without a declaration.
-    const std::string &encoding = facts.encoding;
-    if (!encoding.empty() && !SameNoCase(encoding, "UTF-8") && !SameNoCase(encoding, "US-ASCII")) {
-        std::fprintf(stderr, "krvxml: %s: set: the text is declared as %s; set writes UTF-8 only\n",
-                     Shown(file).c_str(), encoding.c_str());
+    if (!WritableEncoding(file, "set", facts)) {
         return kExitFailed;
     }
     if (!attr && node->firstChild != nullptr) {
@@ -391,14 +402,15 @@ int RunPrint(const Args &args)
     }
     const std::string &file = args.positional[0];
     bool heap = args.Has("--heap");
-    Tree tree;
-    XmlNode *top = nullptr;
-    if (!Parse(file, heap, tree)) {
-        return kExitFailed;
-    }
     bool wholeDocument = args.positional.size() == 1;
     if (!wholeDocument && !PathFits(args.positional[1])) {
         return UsageError("print", "PATH must hold 1 to 511 bytes");
+    }
+    Tree tree;
+    XmlNode *top = nullptr;
+    InputFacts facts;
+    if (!Parse(file, heap, tree, &facts) || !WritableEncoding(file, "print", facts)) {
+        return kExitFailed;
     }
     if (wholeDocument) {
         top = tree.get();

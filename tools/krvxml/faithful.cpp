@@ -47,6 +47,17 @@ bool PrintableName(const char *name)
     return name == nullptr || std::strpbrk(name, " \t\r\n&<>\"'=/") == nullptr;
 }
 
+// An element's name is printed right before '>' in its end tag, and a word
+// of the text ends at "-->" and "]]>": a name that ends in "--" or "]]" would
+// read back cut short.
+bool PrintableElementName(const XmlNode *n)
+{
+    const char *name = n->name;
+    size_t len = name != nullptr ? std::strlen(name) : 0;
+    bool cut = len >= 2 && name[len - 1] == name[len - 2] && (name[len - 1] == '-' || name[len - 1] == ']');
+    return !cut && PrintableName(n->name) && PrintableName(n->nsPrefix);
+}
+
 // A value rewritten by Escape, as the parser will read it back.
 std::string Unescaped(const char *value)
 {
@@ -189,7 +200,7 @@ uint32_t EscapeValues(XmlNode *top, bool withSiblings, const XmlNode **badName)
     for (XmlNode *root = top; root != nullptr; root = withSiblings ? root->next : nullptr) {
         // Pre-order within root's sub-tree, without recursion.
         for (XmlNode *n = root; n != nullptr;) {
-            if (!PrintableName(n->name) || !PrintableName(n->nsPrefix)) {
+            if (!PrintableElementName(n)) {
                 *badName = n;
                 return KRV_XML_ERR_INVALID_PARAM;
             }

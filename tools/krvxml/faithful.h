@@ -18,8 +18,10 @@ namespace krvtool {
 // them there), and CR anywhere in a text (other parsers turn it into LF); an
 // empty value becomes none, which prints as the same empty element. A name
 // that holds a byte only a reference could have put there (a blank, '&',
-// '<', '>', a quote, '=' or '/') cannot be printed as it reads: *badName
-// then names its record and the result is KRV_XML_ERR_INVALID_PARAM.
+// '<', '>', a quote, '=' or '/'), or an element name that ends in "--" or
+// "]]" (its end tag would read as "-->" or "]]>"), cannot be printed as it
+// reads: *badName then names its record and the result is
+// KRV_XML_ERR_INVALID_PARAM.
 // Otherwise returns KRV_XML_OK or the code of a failed KRV_XML_SetNode.
 uint32_t EscapeValues(XmlNode *top, bool withSiblings, const XmlNode **badName);
 

@@ -39,7 +39,8 @@ const Command kCommands[] = {
      "usage: krvxml set [--heap] FILE PATH [--attr [PREFIX:]NAME] [--type TYPE] VALUE [-o OUT]\n"
      "Sets the value of the element at PATH, or of its attribute NAME (created when\n"
      "missing), and writes the document to OUT (\"-\": standard output) or back to\n"
-     "FILE (standard output when FILE is \"-\"). VALUE is stored as given: \"&lt;\"\n"
+     "FILE (standard output when FILE is \"-\", a pipe, a device or a descriptor\n"
+     "name such as /dev/stdin or /dev/fd/N). VALUE is stored as given: \"&lt;\"\n"
      "stays those four characters. With --type, VALUE must read as TYPE (else exit\n"
      "2) and is stored in its canonical form. An empty VALUE removes an element's\n"
      "value. An element with children holds no value; set refuses it.\n"
@@ -50,7 +51,8 @@ const Command kCommands[] = {
      "back as the edited document. A file is replaced atomically: it holds either the old or the\n"
      "new text, never a part. Its permission bits are kept, and its owner and group\n"
      "where the user may set them; other hard links to it keep the old text. A\n"
-     "device, pipe or /dev/stdout given as OUT is written in place.\n"},
+     "device or pipe given as OUT is written in place, and /dev/stdout or /dev/fd/N\n"
+     "through the open descriptor, at its current offset.\n"},
     {"print", krvtool::RunPrint, "--heap --head --tail", "",
      "usage: krvxml print [--heap] FILE [--head | --tail] [PATH]\n"
      "Prints the document, or the sub-tree at PATH, one tag per line without\n"
@@ -60,7 +62,10 @@ const Command kCommands[] = {
      "document when every element with children lies on the chain of last children\n"
      "and the last element has no value. With --heap, further top-level elements\n"
      "print after the first, but --head and --tail frame the first alone.\n"
-     "Values are written so that they read back as they were read.\n"},
+     "Values are written so that they read back as they were read. The text is\n"
+     "UTF-8 without the XML declaration: a FILE declared in another encoding is\n"
+     "refused, as is an element name that would not read back (one ending in \"--\"\n"
+     "or \"]]\", or holding a blank, '&', '<', '>', a quote, '=' or '/').\n"},
     {"demo", krvtool::RunDemo, "", "",
      "usage: krvxml demo\n"
      "Runs the library on a bundled sample document: parse, lookup, typed read,\n"

@@ -338,6 +338,7 @@ Lead FollowLinks(const std::string &given, std::string &target, std::string &err
         link.resize(static_cast<size_t>(n));
         path = link[0] == '/' || slash == std::string::npos ? link : path.substr(0, slash + 1) + link;
         if (path.rfind("/proc/", 0) == 0 || path.rfind("/dev/fd/", 0) == 0) {
+            target = path;
             return Lead::Descriptor;
         }
     }
@@ -414,34 +415,62 @@ bool WriteInPlace(const std::string &path, const std::string &text, std::string 
     return ok;
 }
 
-// Names of open descriptors: writing through them goes to the descriptor
-// (a redirection's file, pipe or terminal), not to a file to replace.
-bool NamesDescriptor(const std::string &path)
+// The descriptor of this process that a name such as /dev/stdout, /dev/fd/N
+// or /proc/self/fd/N stands for; -1 for any other name.
+int DescriptorOf(const std::string &path)
 {
-    return path == "/dev/stdout" || path == "/dev/stderr" || path.rfind("/dev/fd/", 0) == 0 ||
-           path.rfind("/proc/self/fd/", 0) == 0;
+    static const char *const kStd[] = {"/dev/stdin", "/dev/stdout", "/dev/stderr"};
+    for (int fd = 0; fd < 3; ++fd) {
+        if (path == kStd[fd]) {
+            return fd;
+        }
+    }
+    const std::string leads[] = {"/dev/fd/", "/proc/self/fd/", "/proc/thread-self/fd/",
+                                 "/proc/" + std::to_string(::getpid()) + "/fd/"};
+    for (const std::string &lead : leads) {
+        size_t digits = path.size() - lead.size();
+        if (path.size() > lead.size() && digits <= 9 && path.compare(0, lead.size(), lead) == 0 &&
+            path.find_first_not_of("0123456789", lead.size()) == std::string::npos) {
+            return std::stoi(path.substr(lead.size()));
+        }
+    }
+    return -1;
 }
 
 }  // namespace
 
+bool IsStream(const std::string &file)
+{
+    std::string target, error;
+    struct stat st;
+    return file == "-" || DescriptorOf(file) >= 0 || FollowLinks(file, target, error) == Lead::Descriptor ||
+           (::stat(file.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode));
+}
+
 bool WriteFileAtomically(const std::string &path, const std::string &text, std::string &error)
 {
-    struct stat given;
-    if (NamesDescriptor(path) ||
-        (::stat(path.c_str(), &given) == 0 && !S_ISREG(given.st_mode) && !S_ISDIR(given.st_mode))) {
-        return WriteInPlace(path, text, error);
-    }
     // Follow symbolic links, so that a link stays and its target changes.
-    std::string target;
-    switch (FollowLinks(path, target, error)) {
-    case Lead::Descriptor:
-        return WriteInPlace(path, text, error);
-    case Lead::Refused:
+    std::string target = path;
+    Lead lead = DescriptorOf(path) >= 0 ? Lead::Descriptor : FollowLinks(path, target, error);
+    if (lead == Lead::Refused) {
         return false;
-    case Lead::File:
-        break;
+    }
+    // A descriptor of this process is written through itself, at the offset
+    // it shares with the shell's redirection; reopened, it would start a new
+    // one and overwrite what others wrote.
+    int descriptor = lead == Lead::Descriptor ? DescriptorOf(target) : -1;
+    if (descriptor >= 0) {
+        if (!WriteAll(descriptor, text)) {
+            error = ErrnoText("cannot write", path);
+            return false;
+        }
+        return true;
     }
     struct stat st;
+    if (lead == Lead::Descriptor ||
+        (::stat(target.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode))) {
+        return WriteInPlace(path, text, error);
+    }
     bool exists = ::stat(target.c_str(), &st) == 0;
     mode_t mode;
     if (exists) {

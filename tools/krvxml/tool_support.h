@@ -83,10 +83,15 @@ void PrintParseFailure(std::FILE *stream, const char *lead, const std::string &f
 // either the old or the new content whole. Symbolic links are followed; the
 // old file's permission bits are kept, and its owner and group where the
 // user may set them. Other names of a hard-linked file keep the old text.
-// Devices, pipes and descriptor names (/dev/stdout, /dev/fd/N) are written
-// in place instead. On failure returns false with a message in `error` and
-// leaves the old file as it was.
+// Devices and pipes are written in place instead, and descriptor names of
+// this process (/dev/stdout, /dev/fd/N) through the descriptor itself. On
+// failure returns false with a message in `error` and leaves the old file as
+// it was.
 bool WriteFileAtomically(const std::string &path, const std::string &text, std::string &error);
+
+// Whether FILE names no regular file to replace: "-", a descriptor name (or
+// a link to one), a device or a pipe.
+bool IsStream(const std::string &file);
 
 }  // namespace krvtool
 
