@@ -202,9 +202,23 @@ wait
 cp "$cfg" "$work/fd.xml" && cp "$cfg" "$work/fd.keep"
 STDIN=$work/fd.xml t "set /dev/stdin" 0 "*" "" -- set /dev/stdin config.name fromstdin
 grep -q '>fromstdin</name>$' "$work/.out" && cmp -s "$work/fd.xml" "$work/fd.keep" || fail "set /dev/stdin"
-{ echo head; "$tool" set "$cfg" config.name x -o /dev/stdout; echo tail; } >"$work/a.out"
 { echo head; "$tool" set "$cfg" config.name x -o -; echo tail; } >"$work/b.out"
-cmp -s "$work/a.out" "$work/b.out" || fail "-o /dev/stdout into a redirected file"
+for name in /dev/stdout /dev/fd//1 /proc/self/fd/./1; do  # however the name is spelled
+  { echo head; "$tool" set "$cfg" config.name x -o "$name"; echo tail; } >"$work/a.out"
+  cmp -s "$work/a.out" "$work/b.out" || fail "-o $name into a redirected file"
+done
+"$tool" set /dev/fd//0 config.name x <"$work/fd.xml" >/dev/null && cmp -s "$work/fd.xml" "$work/fd.keep" ||
+  fail "set /dev/fd//0"
+# A descriptor name is read from where the descriptor stands, as "-" is.
+{ printf 'not xml!!!'; cat "$examples/config.xml"; } >"$work/after.xml"
+{ dd bs=10 count=1 2>/dev/null >/dev/null; "$tool" get /dev/stdin config.name; } <"$work/after.xml" >"$work/.out"
+[ "$(cat "$work/.out")" = inventory ] || fail "read /dev/stdin from its offset"
+# Another process's descriptor link, longer than the size lstat gives it.
+long=$work/$(printf 'L%.0s' {1..80}).xml
+exec 7>"$long"
+t "set through /proc/PID/fd" 0 "" "" -- set "$cfg" config.name viaproc -o "/proc/$$/fd/7"
+exec 7>&-
+grep -q '>viaproc</name>$' "$long" || fail "set through /proc/PID/fd"
 # A link to a file not yet there: the file is made, the link stays.
 ln -s "$work/made.xml" "$work/dangling.xml"
 t "set through dangling link" 0 "" "" -- set "$cfg" config.name made -o "$work/dangling.xml"
@@ -249,6 +263,7 @@ for mode in "" --heap; do
   t "print path $mode" 0 "$limits" "" -- print $mode "$examples/config.xml" config.limits
   t "print head $mode" 0 $'<a>\n<b>1</b>\n<c>' "" -- print $mode "$work/frame.xml" --head
   t "print tail $mode" 0 $'</c>\n</a>' "" -- print $mode --tail "$work/frame.xml" a
+  t "print tail of a leaf $mode" 0 '</c>' "" -- print $mode --tail "$work/frame.xml" a.c
 done
 STDIN=$examples/config.xml t "print stdin" 0 "$whole" "" -- print -
 # The heap parser keeps further top-level elements; print and set keep them too.

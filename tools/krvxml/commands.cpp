@@ -165,6 +165,12 @@ uint32_t Print(XmlNode *top, int mode, bool withSiblings, std::string &text)
             text += out;
             KRV_XML_FreeMem(out);
         }
+        // The library's tail closes children only; the head of an empty
+        // element without a value leaves the element itself open.
+        if (mode == 2 && n->firstChild == nullptr && n->value == nullptr) {
+            text += "</" + (n->nsPrefix != nullptr ? std::string(n->nsPrefix) + ":" : std::string()) +
+                    (n->name != nullptr ? n->name : "") + ">\n";
+        }
     }
     return KRV_XML_OK;
 }

@@ -191,6 +191,17 @@ bool FileHasNul(const std::string &path, ParseFailure &failure)
     return found;
 }
 
+// A stream of its own on a copy of descriptor `fd`, which stays open.
+std::FILE *OpenDuplicate(int fd)
+{
+    int copy = ::dup(fd);
+    std::FILE *in = copy >= 0 ? ::fdopen(copy, "rb") : nullptr;
+    if (in == nullptr && copy >= 0) {
+        ::close(copy);
+    }
+    return in;
+}
+
 }  // namespace
 
 uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure &failure, InputFacts *facts)
@@ -200,7 +211,10 @@ uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure
     // Standard input, pipes and devices are read here; the library's file
     // reader wants a file whose size it can ask. So are files that begin
     // with a UTF-8 byte order mark, which the parser would take for text.
-    bool stream = file == "-";
+    // A descriptor name is read through the descriptor, from where it stands
+    // as "-" is; opened by name, it would start again at the file's start.
+    int descriptor = file == "-" ? 0 : OwnDescriptor(file);
+    bool stream = descriptor >= 0;
     struct stat st;
     if (!stream && ::stat(file.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
         stream = true;
@@ -218,7 +232,9 @@ uint32_t ParseInput(const std::string &file, bool heap, Tree &tree, ParseFailure
     uint32_t rc;
     if (stream) {
         std::string text;
-        std::FILE *in = file == "-" ? stdin : std::fopen(file.c_str(), "rb");
+        std::FILE *in = file == "-"         ? stdin
+                        : descriptor >= 0 ? OpenDuplicate(descriptor)
+                                          : std::fopen(file.c_str(), "rb");
         bool read = in != nullptr && ReadAll(in, text);
         if (in != nullptr && in != stdin) {
             std::fclose(in);
@@ -306,6 +322,31 @@ bool WriteAll(int fd, const std::string &text)
 // Where `path` leads once symbolic links are followed.
 enum class Lead { File, Descriptor, Refused };
 
+// The descriptor of this process that `path` names as an entry of its
+// descriptor directory (/proc/self/fd, which /dev/fd leads to), however the
+// directory is spelled; -1 for any other name. /dev/stdout and its kin are
+// links to such entries.
+int DescriptorOf(const std::string &path)
+{
+    size_t slash = path.rfind('/');
+    std::string dir = slash == std::string::npos ? std::string(".") : path.substr(0, slash + 1);
+    std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+    if (base.empty() || base.size() > 9 || base.find_first_not_of("0123456789") != std::string::npos) {
+        return -1;
+    }
+    struct stat in;
+    if (::stat(dir.c_str(), &in) != 0) {
+        return -1;
+    }
+    for (const char *own : {"/proc/self/fd", "/proc/thread-self/fd"}) {
+        struct stat fds;
+        if (::stat(own, &fds) == 0 && fds.st_dev == in.st_dev && fds.st_ino == in.st_ino) {
+            return std::stoi(base);
+        }
+    }
+    return -1;
+}
+
 // Follows the symbolic links of `path` into `target`, also when the last one
 // points at a file that does not exist yet. A link through /proc or /dev/fd
 // names an open descriptor. As the kernel does, gives up after 40 links and
@@ -320,6 +361,10 @@ Lead FollowLinks(const std::string &given, std::string &target, std::string &err
             target = path;
             return Lead::File;
         }
+        if (DescriptorOf(path) >= 0) {
+            target = path;  // its link names the file behind it, not a file to replace
+            return Lead::Descriptor;
+        }
         size_t slash = path.rfind('/');
         std::string dir = slash == std::string::npos ? std::string(".") : path.substr(0, slash + 1);
         struct stat ds;
@@ -329,9 +374,13 @@ Lead FollowLinks(const std::string &given, std::string &target, std::string &err
             error = ErrnoText("will not follow the link", path);
             return Lead::Refused;
         }
-        std::string link(static_cast<size_t>(st.st_size > 0 ? st.st_size : PATH_MAX) + 1, '\0');
+        // The size lstat gives is not the target's length for links of /proc.
+        std::string link(PATH_MAX + 1, '\0');
         ssize_t n = ::readlink(path.c_str(), &link[0], link.size());
         if (n < 0 || static_cast<size_t>(n) >= link.size()) {
+            if (n >= 0) {
+                errno = ENAMETOOLONG;
+            }
             error = ErrnoText("cannot read the link", path);
             return Lead::Refused;
         }
@@ -415,29 +464,17 @@ bool WriteInPlace(const std::string &path, const std::string &text, std::string 
     return ok;
 }
 
-// The descriptor of this process that a name such as /dev/stdout, /dev/fd/N
-// or /proc/self/fd/N stands for; -1 for any other name.
-int DescriptorOf(const std::string &path)
-{
-    static const char *const kStd[] = {"/dev/stdin", "/dev/stdout", "/dev/stderr"};
-    for (int fd = 0; fd < 3; ++fd) {
-        if (path == kStd[fd]) {
-            return fd;
-        }
-    }
-    const std::string leads[] = {"/dev/fd/", "/proc/self/fd/", "/proc/thread-self/fd/",
-                                 "/proc/" + std::to_string(::getpid()) + "/fd/"};
-    for (const std::string &lead : leads) {
-        size_t digits = path.size() - lead.size();
-        if (path.size() > lead.size() && digits <= 9 && path.compare(0, lead.size(), lead) == 0 &&
-            path.find_first_not_of("0123456789", lead.size()) == std::string::npos) {
-            return std::stoi(path.substr(lead.size()));
-        }
-    }
-    return -1;
-}
-
 }  // namespace
+
+int OwnDescriptor(const std::string &file)
+{
+    std::string target, error;
+    int fd = DescriptorOf(file);
+    if (fd < 0 && FollowLinks(file, target, error) == Lead::Descriptor) {
+        fd = DescriptorOf(target);
+    }
+    return fd;
+}
 
 bool IsStream(const std::string &file)
 {

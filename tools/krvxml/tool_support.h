@@ -89,6 +89,10 @@ void PrintParseFailure(std::FILE *stream, const char *lead, const std::string &f
 // it was.
 bool WriteFileAtomically(const std::string &path, const std::string &text, std::string &error);
 
+// The descriptor of this process that FILE names (/dev/stdin, /dev/fd/N,
+// /proc/self/fd/N, however spelled, or a link to one); -1 for other names.
+int OwnDescriptor(const std::string &file);
+
 // Whether FILE names no regular file to replace: "-", a descriptor name (or
 // a link to one), a device or a pipe.
 bool IsStream(const std::string &file);
