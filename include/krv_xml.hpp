@@ -7,10 +7,14 @@
  *     released or reset handle owns nothing, so no tree is freed twice.
  *   - krv::xml::node is a non-owning view of one element or document, with
  *     std::string_view accessors and ranges over children and attributes.
- *   - krv::xml::result carries the C result code; nothing throws.
+ *   - krv::xml::result carries the C result code. Nothing throws, except
+ *     std::bad_alloc from the *_to_string functions, which fill a
+ *     std::string.
  *
  * Lifetimes follow the C interface: a view and the string_views it hands out
- * are valid while the node exists and is unchanged. A document handle that
+ * are valid while the node exists and is unchanged; linking a node into a
+ * document counts as a change of its name, which may move into the
+ * document's name table. A document handle that
  * owns a tree carved from a memory session (a clone of, or an element made
  * for, a session document) must not outlive the session's document: once the
  * session ends, nothing is left to release. Link such a tree into its
@@ -22,6 +26,7 @@
 #ifndef KRV_XML_HPP
 #define KRV_XML_HPP
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -58,6 +63,7 @@ public:
     constexpr result() noexcept = default;
     constexpr result(std::uint32_t code) noexcept : code_(code) {}  // NOLINT: implicit by design
     constexpr result(errc e) noexcept : code_(static_cast<std::uint32_t>(e)) {}
+    result(bool) = delete;  // a flag is no result code
     constexpr bool ok() const noexcept { return code_ == KRV_XML_OK; }
     constexpr explicit operator bool() const noexcept { return ok(); }
     constexpr std::uint32_t code() const noexcept { return code_; }
@@ -110,16 +116,24 @@ inline bool ends_session_of(const XmlNode *owned, const XmlNode *n) noexcept
            owned->mem == n->mem;
 }
 
+// True when a copy of `n` would live in the session that releasing `owned`
+// ends: a copy of a session's element is carved from that session, while a
+// copy of the session's document gets a session of its own.
+inline bool copy_ends_with(const XmlNode *owned, const XmlNode *n) noexcept
+{
+    return ends_session_of(owned, n) && n->ownsSession == 0;
+}
+
 // True when releasing `owned` would take away what `n` keeps using once it
-// is out of its tree: the session it lives in, or the name table of the
-// document it belongs to (short names move into a document's record). The
-// walk up runs only when `owned` is a document.
+// is out of its tree: the session it lives in, or the tree it is in, whose
+// documents keep short names in their records. The walk up runs only when
+// `owned` holds more than its own record.
 inline bool holds_names_of(const XmlNode *owned, const XmlNode *n) noexcept
 {
     if (ends_session_of(owned, n)) {
         return true;
     }
-    if (owned == nullptr || n == nullptr || owned->kind != KRV_XML_NODE_DOCUMENT) {
+    if (owned == nullptr || n == nullptr || (owned->firstChild == nullptr && owned->next == nullptr)) {
         return false;
     }
     const XmlNode *top = n;
@@ -160,6 +174,7 @@ class node;
 // link, which ends with them. An iterator reads the next link when it
 // reaches a record, so the loop body may remove or release the record it is
 // at (remove, remove_attr); a record linked after it meanwhile is not seen.
+// The body must not remove or release any other record of the chain.
 template <class View>
 class sibling_range {
 public:
@@ -373,7 +388,10 @@ private:
 enum class regime { session, heap };
 
 // Owns one tree root (a document, or a detached element with its sub-tree)
-// and releases it with KRV_XML_FreeNode. Move-only.
+// and releases it with KRV_XML_FreeNode. Move-only. Assigning or resetting
+// releases the tree held before: the tree taken over must not live in that
+// tree's session or have been part of that tree (remove and clone refuse
+// such a handle; a move or reset cannot, and asserts it in debug builds).
 class document {
 public:
     constexpr document() noexcept = default;
@@ -406,6 +424,8 @@ public:
     // already owned keeps it.
     void reset(XmlNode *root = nullptr) noexcept
     {
+        assert((root == root_ || !detail::ends_session_of(root_, root)) &&
+               "the new tree would die with the old one's session");
         XmlNode *old = root_;
         root_ = root;
         if (old != root) {
@@ -560,7 +580,7 @@ inline result node::remove(document &out) const noexcept
 
 inline result node::clone(document &out) const noexcept
 {
-    if (detail::ends_session_of(out.get(), n_)) {
+    if (detail::copy_ends_with(out.get(), n_)) {
         return errc::invalid_param;
     }
     XmlNode *copy = nullptr;
@@ -573,7 +593,7 @@ inline result node::clone(document &out) const noexcept
 
 inline result node::clone_self(document &out) const noexcept
 {
-    if (detail::ends_session_of(out.get(), n_)) {
+    if (detail::copy_ends_with(out.get(), n_)) {
         return errc::invalid_param;
     }
     XmlNode *copy = nullptr;

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <new>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -140,7 +141,24 @@ TEST(CppLayer, LinkingAndCopiesReleaseOnlyOnSuccess)
     EXPECT_EQ(text, "<doc>\n<item/>\n</doc>\n");
     ASSERT_TRUE(heap.root().first_child().remove(other));
     EXPECT_EQ(other.root().name(), "item");
+    // A tree topped by an element may hold such a document deeper down.
+    document frag(krvtest::Element("frag")), inner, leaf(krvtest::Element("leaf"));
+    ASSERT_TRUE(document::create("inner", inner, regime::heap));
+    ASSERT_TRUE(inner.root().append_child(leaf));
+    ASSERT_TRUE(frag.root().append_child(inner));
+    EXPECT_EQ(frag.root().first_child().first_child().remove(frag), errc::invalid_param);
+
+    // A copy of a session document has a session of its own, so the
+    // document's own handle may take it.
+    ASSERT_TRUE(doc.root().clone(doc));
+    ASSERT_TRUE(doc.root().to_string(text));
+    EXPECT_EQ(text, "<r>\n<a x=\"1\">\n<b/>\n</a>\n<a x=\"1\">\n<b/>\n</a>\n</r>\n");
+    ASSERT_TRUE(doc.root().clone_self(doc));
+    ASSERT_TRUE(doc.root().to_string(text));
+    EXPECT_EQ(text, "<r/>\n");
 }
+
+static_assert(!std::is_convertible_v<bool, result>, "a flag is no result code");
 
 // Views read through to the record; null views are safe; ranges walk in
 // list order; typed accessors use each type's width.
