@@ -95,6 +95,9 @@ STDIN=$cfg t "get stdin" 0 "64" "" -- get - config.limits.connections
 before=$(cat "$cfg")
 t "set bad typed value" 2 "" "'70000' is not a uint16 value" -- set "$cfg" config.server --attr port --type uint16 70000
 t "set bad bool" 2 "" "not a bool value" -- set "$cfg" config.server --attr secure --type bool yes
+for tv in "uint8 +5" "uint16 -0" "bool +1" "bool -0"; do  # what get --type would refuse
+  t "set --type $tv" 2 "" "is not a ${tv% *} value" -- set "$cfg" config.server --attr port --type $tv
+done
 t "set missing path" 1 "" "KRV_XML_ERR_NOT_FOUND" -- set "$cfg" config.nothing value
 t "set missing output dir" 1 "" "^krvxml: $work/no/x.xml: write: " -- set "$cfg" config.name x -o "$work/no/x.xml"
 [ "$(cat "$cfg")" = "$before" ] || fail "refused set changed the file"
@@ -157,6 +160,14 @@ t "blanks as references" 0 $'<r>\n<pre>&#10;  x\n</pre>\n<n>&#9;lead</n>\n<a v="
 # prints as the empty element it reads back as; CR is kept from other parsers.
 printf '<r><a&#32;b/></r>' >"$work/refname.xml"
 t "print a name with a blank" 1 "" "the name 'a b' cannot be written" -- print "$work/refname.xml"
+# A colon that would divide a name otherwise, a prefix without a name, and
+# element names that read as an instruction or comment; control bytes are
+# named as references, so the message stays one line.
+for doc in '<r a&#58;b="1"/>|a:b' '<r><q&#58;/></r>|q:' '<r><&#63;b/></r>|[?]b' '<r><&#33;--b/></r>|!--b' \
+  '<r a&#10;b="1"/>|a&#10;b'; do
+  printf '%s' "${doc%|*}" >"$work/name.xml"
+  t "print name ${doc#*|}" 1 "" "the name '${doc#*|}' cannot be written" -- print "$work/name.xml"
+done
 for name in 'a--' 'a]]'; do  # its end tag would read as "-->" or "]]>"
   printf '<r><%s >v</%s ></r>' "$name" "$name" >"$work/cut.xml"
   t "print element $name" 1 "" "the name '$name' cannot be written" -- print "$work/cut.xml"

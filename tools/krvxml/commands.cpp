@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <strings.h>
 #include <string>
 
@@ -18,18 +19,12 @@ namespace {
 struct TypeInfo {
     const char *name;
     uint32_t code;
-    int64_t min;
-    int64_t max;
 };
 
 const TypeInfo kTypes[] = {
-    {"bool", KRV_XML_VALUE_BOOL, 0, 1},
-    {"int8", KRV_XML_VALUE_INT8, INT8_MIN, INT8_MAX},
-    {"uint8", KRV_XML_VALUE_UINT8, 0, UINT8_MAX},
-    {"int16", KRV_XML_VALUE_INT16, INT16_MIN, INT16_MAX},
-    {"uint16", KRV_XML_VALUE_UINT16, 0, UINT16_MAX},
-    {"int32", KRV_XML_VALUE_INT32, INT32_MIN, INT32_MAX},
-    {"uint32", KRV_XML_VALUE_UINT32, 0, UINT32_MAX},
+    {"bool", KRV_XML_VALUE_BOOL},   {"int8", KRV_XML_VALUE_INT8},   {"uint8", KRV_XML_VALUE_UINT8},
+    {"int16", KRV_XML_VALUE_INT16}, {"uint16", KRV_XML_VALUE_UINT16}, {"int32", KRV_XML_VALUE_INT32},
+    {"uint32", KRV_XML_VALUE_UINT32},
 };
 
 // Room for any typed value, at the width the library reads and writes.
@@ -85,35 +80,18 @@ const char *PrefixArg(const std::string &prefix)
     return prefix.empty() ? nullptr : prefix.c_str();
 }
 
-// Reads VALUE as the type: whole decimal text within the type's range; for
-// bool also "true" and "false".
+// Reads VALUE as the type exactly as the library reads a stored value, so
+// that what set accepts, get reads back.
 bool ParseTyped(const TypeInfo &type, const std::string &text, TypedStorage &out)
 {
-    int64_t v;
-    if (type.code == KRV_XML_VALUE_BOOL && (text == "true" || text == "false")) {
-        v = text == "true" ? 1 : 0;
-    } else {
-        if (text.empty() || (text[0] != '-' && text[0] != '+' && (text[0] < '0' || text[0] > '9'))) {
-            return false;
-        }
-        char *end = nullptr;
-        errno = 0;
-        long long parsed = std::strtoll(text.c_str(), &end, 10);
-        if (errno != 0 || *end != '\0' || parsed < type.min || parsed > type.max) {
-            return false;
-        }
-        v = parsed;
+    XmlNode *probe = nullptr;
+    uint32_t rc = KRV_XML_CreateNode(KRV_XML_NODE_ELEMENT, nullptr, "v", text.c_str(), &probe);
+    if (rc == KRV_XML_ERR_NO_MEMORY) {
+        throw std::bad_alloc();
     }
-    switch (type.code) {
-    case KRV_XML_VALUE_BOOL: out.b = static_cast<uint32_t>(v); break;
-    case KRV_XML_VALUE_INT8: out.i8 = static_cast<int8_t>(v); break;
-    case KRV_XML_VALUE_UINT8: out.u8 = static_cast<uint8_t>(v); break;
-    case KRV_XML_VALUE_INT16: out.i16 = static_cast<int16_t>(v); break;
-    case KRV_XML_VALUE_UINT16: out.u16 = static_cast<uint16_t>(v); break;
-    case KRV_XML_VALUE_INT32: out.i32 = static_cast<int32_t>(v); break;
-    default: out.u32 = static_cast<uint32_t>(v); break;
-    }
-    return true;
+    bool read = rc == KRV_XML_OK && KRV_XML_GetNodeValueEx(probe, type.code, &out) == KRV_XML_OK;
+    KRV_XML_FreeNode(probe);
+    return read;
 }
 
 std::string FormatTyped(const TypeInfo &type, const TypedStorage &v)
@@ -177,9 +155,15 @@ uint32_t Print(XmlNode *top, int mode, bool withSiblings, std::string &text)
 
 int UnprintableName(const std::string &file, const XmlNode *n)
 {
-    std::fprintf(stderr, "krvxml: %s: the name '%s%s%s' cannot be written so that it reads back\n",
-                 Shown(file).c_str(), n->nsPrefix != nullptr ? n->nsPrefix : "", n->nsPrefix != nullptr ? ":" : "",
-                 n->name != nullptr ? n->name : "");
+    // Control bytes are shown as references, so that the message stays one line.
+    std::string shown;
+    std::string name = std::string(n->nsPrefix != nullptr ? n->nsPrefix : "") + (n->nsPrefix != nullptr ? ":" : "") +
+                       (n->name != nullptr ? n->name : "");
+    for (unsigned char c : name) {
+        shown += c < 0x20 || c == 0x7F ? "&#" + std::to_string(c) + ";" : std::string(1, static_cast<char>(c));
+    }
+    std::fprintf(stderr, "krvxml: %s: the name '%s' cannot be written so that it reads back\n", Shown(file).c_str(),
+                 shown.c_str());
     return kExitFailed;
 }
 
@@ -436,6 +420,14 @@ int RunPrint(const Args &args)
     }
     if (rc != KRV_XML_OK) {
         ReportFailure(Shown(file), "print", rc);
+        return kExitFailed;
+    }
+    // A whole text is read back before it is shown, as set does before it writes.
+    Tree again;
+    ParseFailure failure;
+    if (mode == 0 && (ParseText(text, heap, again, failure) != KRV_XML_OK ||
+                      FirstDifference(top, again.get(), withSiblings) != nullptr)) {
+        std::fprintf(stderr, "krvxml: %s: print: the text would not read back as the document\n", Shown(file).c_str());
         return kExitFailed;
     }
     return WriteStdout(text) ? kExitOk : kExitFailed;

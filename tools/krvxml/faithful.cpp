@@ -47,15 +47,27 @@ bool PrintableName(const char *name)
     return name == nullptr || std::strpbrk(name, " \t\r\n&<>\"'=/") == nullptr;
 }
 
-// An element's name is printed right before '>' in its end tag, and a word
-// of the text ends at "-->" and "]]>": a name that ends in "--" or "]]" would
-// read back cut short.
+// Whether a record's [prefix:]name prints as it reads. The text "p:x" reads
+// as prefix "p" and name "x", so a colon in either part, or a prefix without
+// a name, would read back divided otherwise.
+bool PrintableNames(const XmlNode *n)
+{
+    const char *name = n->name != nullptr ? n->name : "";
+    const char *prefix = n->nsPrefix;
+    return PrintableName(n->name) && PrintableName(prefix) && std::strchr(name, ':') == nullptr &&
+           (prefix == nullptr || (prefix[0] != '\0' && std::strchr(prefix, ':') == nullptr && name[0] != '\0'));
+}
+
+// An element's name also must not begin as an instruction or declaration
+// does ("<?", "<!"), nor end in "--" or "]]": its end tag would hold "-->" or
+// "]]>", where a word of the text ends.
 bool PrintableElementName(const XmlNode *n)
 {
-    const char *name = n->name;
-    size_t len = name != nullptr ? std::strlen(name) : 0;
+    const char *name = n->name != nullptr ? n->name : "";
+    const char *first = n->nsPrefix != nullptr ? n->nsPrefix : name;
+    size_t len = std::strlen(name);
     bool cut = len >= 2 && name[len - 1] == name[len - 2] && (name[len - 1] == '-' || name[len - 1] == ']');
-    return !cut && PrintableName(n->name) && PrintableName(n->nsPrefix);
+    return !cut && first[0] != '?' && first[0] != '!' && PrintableNames(n);
 }
 
 // A value rewritten by Escape, as the parser will read it back.
@@ -95,9 +107,10 @@ bool SameStrings(const XmlNode *a, const XmlNode *b)
            Unescaped(a->value) == Str(b->value);
 }
 
-bool SameRecord(const XmlNode *a, const XmlNode *b)
+bool SameRecord(const XmlNode *a, const XmlNode *b, bool top)
 {
-    if (a->kind != b->kind || !SameStrings(a, b)) {
+    // A sub-tree printed alone reads back headed by a document record.
+    if ((!top && a->kind != b->kind) || !SameStrings(a, b)) {
         return false;
     }
     const XmlNode *x = a->firstAttr;
@@ -117,7 +130,7 @@ const XmlNode *SubTreeDifference(const XmlNode *top, const XmlNode *other)
     const XmlNode *a = top;
     const XmlNode *b = other;
     for (;;) {
-        if (!SameRecord(a, b)) {
+        if (!SameRecord(a, b, a == top)) {
             return a;
         }
         if (a->firstChild != nullptr || b->firstChild != nullptr) {
@@ -211,7 +224,7 @@ uint32_t EscapeValues(XmlNode *top, bool withSiblings, const XmlNode **badName)
                 rc = KRV_XML_SetNode(n, nullptr, nullptr, text.c_str());
             }
             for (XmlNode *a = n->firstAttr; a != nullptr && rc == KRV_XML_OK; a = a->next) {
-                if (!PrintableName(a->name) || !PrintableName(a->nsPrefix)) {
+                if (!PrintableNames(a)) {
                     *badName = a;
                     return KRV_XML_ERR_INVALID_PARAM;
                 }

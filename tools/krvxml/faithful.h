@@ -18,9 +18,10 @@ namespace krvtool {
 // them there), and CR anywhere in a text (other parsers turn it into LF); an
 // empty value becomes none, which prints as the same empty element. A name
 // that holds a byte only a reference could have put there (a blank, '&',
-// '<', '>', a quote, '=' or '/'), or an element name that ends in "--" or
-// "]]" (its end tag would read as "-->" or "]]>"), cannot be printed as it
-// reads: *badName then names its record and the result is
+// '<', '>', a quote, '=' or '/'), a colon that would divide it otherwise, a
+// prefix without a name, or an element name that begins with '?' or '!' or
+// ends in "--" or "]]" (its tags would read as something else) cannot be
+// printed as it reads: *badName then names its record and the result is
 // KRV_XML_ERR_INVALID_PARAM.
 // Otherwise returns KRV_XML_OK or the code of a failed KRV_XML_SetNode.
 uint32_t EscapeValues(XmlNode *top, bool withSiblings, const XmlNode **badName);
@@ -28,7 +29,9 @@ uint32_t EscapeValues(XmlNode *top, bool withSiblings, const XmlNode **badName);
 // The first record of `edited` (rewritten by EscapeValues) whose name,
 // prefix, value or attributes differ from those of the record at the same
 // place in `reread`, or whose place does not exist there; null when the
-// trees are alike. A null value and "" count as alike.
+// trees are alike. A null value and "" count as alike; the kinds of the two
+// top records are not compared, as a sub-tree printed alone reads back
+// headed by a document record.
 const XmlNode *FirstDifference(const XmlNode *edited, const XmlNode *reread, bool withSiblings);
 
 // Whether text is UTF-8 made only of characters that XML allows.

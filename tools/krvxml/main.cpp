@@ -64,8 +64,10 @@ const Command kCommands[] = {
      "print after the first, but --head and --tail frame the first alone.\n"
      "Values are written so that they read back as they were read. The text is\n"
      "UTF-8 without the XML declaration: a FILE declared in another encoding is\n"
-     "refused, as is an element name that would not read back (one ending in \"--\"\n"
-     "or \"]]\", or holding a blank, '&', '<', '>', a quote, '=' or '/').\n"},
+     "refused, as is a name that would not read back (one holding a blank, '&',\n"
+     "'<', '>', a quote, '=', '/' or a colon that a reference made, or an element\n"
+     "name beginning with '?' or '!' or ending in \"--\" or \"]]\"). The whole text\n"
+     "is read back and compared before it is printed.\n"},
     {"demo", krvtool::RunDemo, "", "",
      "usage: krvxml demo\n"
      "Runs the library on a bundled sample document: parse, lookup, typed read,\n"
