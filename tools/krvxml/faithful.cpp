@@ -75,36 +75,42 @@ std::string Unescaped(const char *value)
 {
     static const struct {
         const char *ref;
+        size_t len;
         char c;
-    } kRefs[] = {{"&amp;", '&'}, {"&#9;", '\t'}, {"&#10;", '\n'}, {"&#13;", '\r'}};
+    } kRefs[] = {{"&amp;", 5, '&'}, {"&#9;", 4, '\t'}, {"&#10;", 5, '\n'}, {"&#13;", 5, '\r'}};
     std::string out;
-    for (const char *c = value != nullptr ? value : ""; *c != '\0';) {
-        bool replaced = false;
+    const char *c = value;
+    for (const char *amp; (amp = std::strchr(c, '&')) != nullptr;) {
+        out.append(c, static_cast<size_t>(amp - c));
+        c = amp + 1;
+        out += '&';
         for (const auto &r : kRefs) {
-            size_t n = std::strlen(r.ref);
-            if (std::strncmp(c, r.ref, n) == 0) {
-                out += r.c;
-                c += n;
-                replaced = true;
+            if (std::strncmp(amp, r.ref, r.len) == 0) {
+                out.back() = r.c;
+                c = amp + r.len;
                 break;
             }
         }
-        if (!replaced) {
-            out += *c++;
-        }
     }
-    return out;
+    return out.append(c);
 }
 
-std::string Str(const char *s)
+// Strings alike, a null one counting as "".
+bool Same(const char *a, const char *b)
 {
-    return s != nullptr ? s : "";
+    return std::strcmp(a != nullptr ? a : "", b != nullptr ? b : "") == 0;
 }
 
 bool SameStrings(const XmlNode *a, const XmlNode *b)
 {
-    return Str(a->name) == Str(b->name) && Str(a->nsPrefix) == Str(b->nsPrefix) &&
-           Unescaped(a->value) == Str(b->value);
+    if (!Same(a->name, b->name) || !Same(a->nsPrefix, b->nsPrefix)) {
+        return false;
+    }
+    // After Escape, an '&' in a value begins a reference that Escape wrote.
+    if (a->value == nullptr || std::strchr(a->value, '&') == nullptr) {
+        return Same(a->value, b->value);
+    }
+    return Unescaped(a->value) == (b->value != nullptr ? b->value : "");
 }
 
 bool SameRecord(const XmlNode *a, const XmlNode *b, bool top)
