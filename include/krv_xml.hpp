@@ -63,7 +63,9 @@ public:
     constexpr result() noexcept = default;
     constexpr result(std::uint32_t code) noexcept : code_(code) {}  // NOLINT: implicit by design
     constexpr result(errc e) noexcept : code_(static_cast<std::uint32_t>(e)) {}
-    result(bool) = delete;  // a flag is no result code
+    // A flag is no result code; other integers convert as before.
+    template <class T, std::enable_if_t<std::is_same_v<T, bool>, int> = 0>
+    result(T) = delete;
     constexpr bool ok() const noexcept { return code_ == KRV_XML_OK; }
     constexpr explicit operator bool() const noexcept { return ok(); }
     constexpr std::uint32_t code() const noexcept { return code_; }
@@ -336,8 +338,9 @@ public:
     inline result insert_before(document &sibling) const noexcept;
 
     // Takes this node out of its tree; `out` owns it afterwards. Refused
-    // (invalid_param) when `out` holds the node's own document, whose release
-    // would take the node's session or short names along. A node taken out
+    // (invalid_param) when `out` holds the tree the node is in, or its
+    // session's document, whose release would take the node's session or
+    // short names along. A node taken out
     // keeps names in its former document's table: keep that document alive
     // while the node is used (see KRV_XML_RemoveNode).
     inline result remove(document &out) const noexcept;

@@ -3,6 +3,7 @@
 // adapters that hand trees over to the C interface.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <new>
 #include <string>
@@ -159,6 +160,8 @@ TEST(CppLayer, LinkingAndCopiesReleaseOnlyOnSuccess)
 }
 
 static_assert(!std::is_convertible_v<bool, result>, "a flag is no result code");
+static_assert(std::is_convertible_v<int, result> && std::is_convertible_v<std::uint32_t, result>,
+              "integer codes convert without ambiguity");
 
 // Views read through to the record; null views are safe; ranges walk in
 // list order; typed accessors use each type's width.
