@@ -126,23 +126,49 @@ inline bool copy_ends_with(const XmlNode *owned, const XmlNode *n) noexcept
     return ends_session_of(owned, n) && n->ownsSession == 0;
 }
 
+// The record after `n` in document order across `n`'s tree and the top-level
+// records that follow its top; null at the end.
+inline const XmlNode *next_in_order(const XmlNode *n) noexcept
+{
+    if (n->firstChild != nullptr) {
+        return n->firstChild;
+    }
+    for (; n != nullptr; n = n->parent) {
+        if (n->next != nullptr) {
+            return n->next;
+        }
+    }
+    return nullptr;
+}
+
 // True when releasing `owned` would take away what `n` keeps using once it
 // is out of its tree: the session it lives in, or the tree it is in, whose
-// documents keep short names in their records. The walk up runs only when
-// `owned` holds more than its own record.
+// documents keep short names in their records. Whether `n` lies in the tree
+// is found by walking up from `n` and through `owned`'s tree by turns, so
+// the cost is that of the shorter walk.
 inline bool holds_names_of(const XmlNode *owned, const XmlNode *n) noexcept
 {
     if (ends_session_of(owned, n)) {
         return true;
     }
-    if (owned == nullptr || n == nullptr || (owned->firstChild == nullptr && owned->next == nullptr)) {
+    if (owned == nullptr || n == nullptr || owned->kind == KRV_XML_NODE_ATTRIBUTE) {
         return false;
     }
-    const XmlNode *top = n;
-    while (top->parent != nullptr || top->prev != nullptr) {
-        top = top->parent != nullptr ? top->parent : top->prev;
+    const XmlNode *up = n;
+    const XmlNode *down = owned;
+    for (;;) {
+        if (up == owned || down == n) {
+            return true;
+        }
+        if (up->parent == nullptr && up->prev == nullptr) {
+            return false;  // the top of n's tree, which is not owned
+        }
+        up = up->parent != nullptr ? up->parent : up->prev;
+        down = next_in_order(down);
+        if (down == nullptr) {
+            return false;  // all of owned's tree, without n
+        }
     }
-    return top == owned;
 }
 
 }  // namespace detail
@@ -338,9 +364,10 @@ public:
     inline result insert_before(document &sibling) const noexcept;
 
     // Takes this node out of its tree; `out` owns it afterwards. Refused
-    // (invalid_param) when `out` holds the tree the node is in, or its
-    // session's document, whose release would take the node's session or
-    // short names along. A node taken out
+    // (invalid_param) for the head of a tree (a root with records after it,
+    // which its handle owns), and when `out` holds the tree the node is in,
+    // or its session's document, whose release would take the node's
+    // session or short names along. A node taken out
     // keeps names in its former document's table: keep that document alive
     // while the node is used (see KRV_XML_RemoveNode).
     inline result remove(document &out) const noexcept;
@@ -394,7 +421,8 @@ enum class regime { session, heap };
 // and releases it with KRV_XML_FreeNode. Move-only. Assigning or resetting
 // releases the tree held before: the tree taken over must not live in that
 // tree's session or have been part of that tree (remove and clone refuse
-// such a handle; a move or reset cannot, and asserts it in debug builds).
+// such a handle; a move or reset cannot: debug builds assert the session
+// case).
 class document {
 public:
     constexpr document() noexcept = default;
@@ -571,7 +599,13 @@ inline result node::insert_before(document &sibling) const noexcept
 
 inline result node::remove(document &out) const noexcept
 {
-    if (detail::holds_names_of(out.get(), n_)) {
+    if (n_ == nullptr || n_->kind == KRV_XML_NODE_ATTRIBUTE) {
+        return KRV_XML_RemoveNode(n_);  // refused by the C call
+    }
+    // A record without parent or predecessor heads its tree, which a handle
+    // owns already (with the records that follow it, which it would leave
+    // behind); so does out, whose release would take n's names along.
+    if ((n_->parent == nullptr && n_->prev == nullptr) || detail::holds_names_of(out.get(), n_)) {
         return errc::invalid_param;
     }
     result r = KRV_XML_RemoveNode(n_);

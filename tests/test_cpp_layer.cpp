@@ -149,6 +149,15 @@ TEST(CppLayer, LinkingAndCopiesReleaseOnlyOnSuccess)
     ASSERT_TRUE(frag.root().append_child(inner));
     EXPECT_EQ(frag.root().first_child().first_child().remove(frag), errc::invalid_param);
 
+    // The head of a heap document's top-level records stays with its handle.
+    document multi, taken;
+    ASSERT_TRUE(document::parse("<a/><b/>", multi, regime::heap));
+    EXPECT_EQ(multi.root().remove(taken), errc::invalid_param);
+    EXPECT_TRUE(!taken && multi.get()->next != nullptr);
+    if (taken.get() == multi.get()) {
+        taken.release();  // the old code handed the root to both handles
+    }
+
     // A copy of a session document has a session of its own, so the
     // document's own handle may take it.
     ASSERT_TRUE(doc.root().clone(doc));
