@@ -163,6 +163,8 @@ t "print a name with a blank" 1 "" "the name 'a b' cannot be written" -- print "
 # A colon that would divide a name otherwise, a prefix without a name, and
 # element names that read as an instruction or comment; control bytes are
 # named as references, so the message stays one line.
+printf '<r p:q:r="1"><p:a:b>x</p:a:b></r>' >"$work/colons.xml"  # divided at the first colon only
+t "print names of two colons" 0 $'<r p:q:r="1">\n<p:a:b>x</p:a:b>\n</r>' "" -- print "$work/colons.xml"
 for doc in '<r a&#58;b="1"/>|a:b' '<r><q&#58;/></r>|q:' '<r><&#63;b/></r>|[?]b' '<r><&#33;--b/></r>|!--b' \
   '<r a&#10;b="1"/>|a&#10;b'; do
   printf '%s' "${doc%|*}" >"$work/name.xml"

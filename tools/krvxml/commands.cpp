@@ -425,9 +425,14 @@ int RunPrint(const Args &args)
     // A whole text is read back before it is shown, as set does before it writes.
     Tree again;
     ParseFailure failure;
-    if (mode == 0 && (ParseText(text, heap, again, failure) != KRV_XML_OK ||
-                      FirstDifference(top, again.get(), withSiblings) != nullptr)) {
-        std::fprintf(stderr, "krvxml: %s: print: the text would not read back as the document\n", Shown(file).c_str());
+    if (mode == 0 && ParseText(text, heap, again, failure) != KRV_XML_OK) {
+        std::fprintf(stderr, "krvxml: %s: print: the text would not read back (line %u, column %u: %s)\n",
+                     Shown(file).c_str(), static_cast<unsigned>(failure.line), static_cast<unsigned>(failure.column),
+                     failure.reason.c_str());
+        return kExitFailed;
+    }
+    if (mode == 0 && FirstDifference(top, again.get(), withSiblings) != nullptr) {
+        std::fprintf(stderr, "krvxml: %s: print: the text would read back otherwise\n", Shown(file).c_str());
         return kExitFailed;
     }
     return WriteStdout(text) ? kExitOk : kExitFailed;

@@ -47,15 +47,21 @@ bool PrintableName(const char *name)
     return name == nullptr || std::strpbrk(name, " \t\r\n&<>\"'=/") == nullptr;
 }
 
-// Whether a record's [prefix:]name prints as it reads. The text "p:x" reads
-// as prefix "p" and name "x", so a colon in either part, or a prefix without
-// a name, would read back divided otherwise.
+// Whether a record's [prefix:]name prints as it reads. The text "p:x:y"
+// reads as prefix "p" and name "x:y": a colon divides a name only at its
+// first one, so a colon in the prefix, or in a name without a prefix, or a
+// prefix without a name, would read back divided otherwise.
 bool PrintableNames(const XmlNode *n)
 {
     const char *name = n->name != nullptr ? n->name : "";
     const char *prefix = n->nsPrefix;
-    return PrintableName(n->name) && PrintableName(prefix) && std::strchr(name, ':') == nullptr &&
-           (prefix == nullptr || (prefix[0] != '\0' && std::strchr(prefix, ':') == nullptr && name[0] != '\0'));
+    if (!PrintableName(n->name) || !PrintableName(prefix)) {
+        return false;
+    }
+    if (prefix == nullptr) {
+        return std::strchr(name, ':') == nullptr;
+    }
+    return prefix[0] != '\0' && std::strchr(prefix, ':') == nullptr && name[0] != '\0';
 }
 
 // An element's name also must not begin as an instruction or declaration
