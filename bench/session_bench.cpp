@@ -21,6 +21,10 @@
 // anew, top down. The time per element should not grow with N in either
 // regime.
 //
+// RemoveIntoReusedHandle/regime/N: the side tree of each level of an N-deep
+// chain taken out through the C++ layer into one handle. The time per
+// removal should not grow with N.
+//
 // Parse, Print, Clone, Free at 1 MB and 100 MB of the same synthetic
 // document, heap and session regimes: the time per byte should be flat.
 // The documents come from bench/make_corpus (KRVBENCH_CORPUS overrides the
@@ -39,6 +43,7 @@
 #include <vector>
 
 #include "krv_xml.h"
+#include "krv_xml.hpp"
 #include "krv_xml_component.h"
 
 namespace {
@@ -145,6 +150,54 @@ void EditInOrder(benchmark::State &state, bool session)
 }
 BENCHMARK_CAPTURE(EditInOrder, session, true)->Arg(1000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(EditInOrder, heap, false)->Arg(1000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+
+// The side tree of every level of an N-deep chain taken out through the C++
+// layer into one reused handle, which releases the one taken before. The
+// check that the handle does not hold the node's own tree walks up from the
+// node and through the handle's tree by turns, so it costs the shorter walk.
+void RemoveIntoReusedHandle(benchmark::State &state, krv::xml::regime r)
+{
+    const int64_t n = state.range(0);
+    std::string text;
+    for (int64_t i = 0; i < n; ++i) {
+        text += "<l><s><c/></s>";
+    }
+    for (int64_t i = 0; i < n; ++i) {
+        text += "</l>";
+    }
+    for (auto _ : state) {
+        state.PauseTiming();
+        krv::xml::document doc, out;
+        bool ok = static_cast<bool>(krv::xml::document::parse(text.c_str(), doc, r));
+        std::vector<krv::xml::node> sides;
+        for (krv::xml::node l = doc.root(); ok && l; l = l.last_child()) {
+            if (krv::xml::node s = l.first_child(); s && s.name() == "s") {
+                sides.push_back(s);
+            }
+        }
+        state.ResumeTiming();
+        for (krv::xml::node s : sides) {
+            ok = ok && s.remove(out);
+        }
+        state.PauseTiming();
+        out.reset();
+        doc.reset();
+        state.ResumeTiming();
+        if (!ok || static_cast<int64_t>(sides.size()) != n) {
+            state.SkipWithError("taking the side trees out failed");
+            return;
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * n);
+}
+BENCHMARK_CAPTURE(RemoveIntoReusedHandle, session, krv::xml::regime::session)
+    ->Arg(1000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(RemoveIntoReusedHandle, heap, krv::xml::regime::heap)
+    ->Arg(1000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond);
 
 #endif  // KRVBENCH_HAVE_KRV
 
