@@ -173,6 +173,9 @@ done
 for name in 'a--' 'a]]'; do  # its end tag would read as "-->" or "]]>"
   printf '<r><%s >v</%s ></r>' "$name" "$name" >"$work/cut.xml"
   t "print element $name" 1 "" "the name '$name' cannot be written" -- print "$work/cut.xml"
+  printf '<r><%s/></r>' "$name" >"$work/cut.xml"  # an empty tag reads back whole, left open it does not
+  t "print empty element $name" 0 $'<r>\n<'"$name"$'/>\n</r>' "" -- print "$work/cut.xml"
+  t "print head of empty element $name" 1 "" "the name '$name' cannot be written" -- print --head "$work/cut.xml"
 done
 printf '<?xml version="1.0" encoding="ISO-8859-1"?>\n<a>caf\xe9</a>\n' >"$work/latin1p.xml"
 t "print other encoding" 1 "" "declared as ISO-8859-1" -- print "$work/latin1p.xml"

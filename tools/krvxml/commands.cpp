@@ -341,7 +341,7 @@ int RunSet(const Args &args)
     }
     std::string text;
     const XmlNode *badName = nullptr;
-    rc = EscapeValues(tree.get(), heap, &badName);
+    rc = EscapeValues(tree.get(), heap, false, &badName);
     if (badName != nullptr) {
         return UnprintableName(file, badName);
     }
@@ -411,7 +411,7 @@ int RunPrint(const Args &args)
     std::string text;
     bool withSiblings = heap && wholeDocument && mode == 0;
     const XmlNode *badName = nullptr;
-    uint32_t rc = EscapeValues(top, withSiblings, &badName);
+    uint32_t rc = EscapeValues(top, withSiblings, mode != 0, &badName);
     if (badName != nullptr) {
         return UnprintableName(file, badName);
     }

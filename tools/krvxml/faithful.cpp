@@ -65,15 +65,17 @@ bool PrintableNames(const XmlNode *n)
 }
 
 // An element's name also must not begin as an instruction or declaration
-// does ("<?", "<!"), nor end in "--" or "]]": its end tag would hold "-->" or
-// "]]>", where a word of the text ends.
-bool PrintableElementName(const XmlNode *n)
+// does ("<?", "<!"). Where the element prints an end tag, or a start tag
+// left open, its name must not end in "--" or "]]" either: "-->" or "]]>"
+// would follow, where a word of the text ends. An empty element ("<a--/>")
+// reads back whole.
+bool PrintableElementName(const XmlNode *n, bool withEndTag)
 {
     const char *name = n->name != nullptr ? n->name : "";
     const char *first = n->nsPrefix != nullptr ? n->nsPrefix : name;
     size_t len = std::strlen(name);
     bool cut = len >= 2 && name[len - 1] == name[len - 2] && (name[len - 1] == '-' || name[len - 1] == ']');
-    return !cut && first[0] != '?' && first[0] != '!' && PrintableNames(n);
+    return !(cut && withEndTag) && first[0] != '?' && first[0] != '!' && PrintableNames(n);
 }
 
 // A value rewritten by Escape, as the parser will read it back.
@@ -219,13 +221,14 @@ bool IsNameChar(long c)
 
 }  // namespace
 
-uint32_t EscapeValues(XmlNode *top, bool withSiblings, const XmlNode **badName)
+uint32_t EscapeValues(XmlNode *top, bool withSiblings, bool framed, const XmlNode **badName)
 {
     std::string text;
     for (XmlNode *root = top; root != nullptr; root = withSiblings ? root->next : nullptr) {
         // Pre-order within root's sub-tree, without recursion.
         for (XmlNode *n = root; n != nullptr;) {
-            if (!PrintableElementName(n)) {
+            bool empty = n->firstChild == nullptr && (n->value == nullptr || n->value[0] == '\0');
+            if (!PrintableElementName(n, framed || !empty)) {
                 *badName = n;
                 return KRV_XML_ERR_INVALID_PARAM;
             }

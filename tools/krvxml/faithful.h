@@ -20,11 +20,13 @@ namespace krvtool {
 // that holds a byte only a reference could have put there (a blank, '&',
 // '<', '>', a quote, '=' or '/'), a colon that would divide it otherwise, a
 // prefix without a name, or an element name that begins with '?' or '!' or
-// ends in "--" or "]]" (its tags would read as something else) cannot be
-// printed as it reads: *badName then names its record and the result is
+// ends in "--" or "]]" where the element prints more than an empty tag (its
+// tags would read as something else; `framed`: any element may be printed
+// open or closed alone, as --head and --tail do) cannot be printed as it
+// reads: *badName then names its record and the result is
 // KRV_XML_ERR_INVALID_PARAM.
 // Otherwise returns KRV_XML_OK or the code of a failed KRV_XML_SetNode.
-uint32_t EscapeValues(XmlNode *top, bool withSiblings, const XmlNode **badName);
+uint32_t EscapeValues(XmlNode *top, bool withSiblings, bool framed, const XmlNode **badName);
 
 // The first record of `edited` (rewritten by EscapeValues) whose name,
 // prefix, value or attributes differ from those of the record at the same

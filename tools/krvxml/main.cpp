@@ -66,8 +66,9 @@ const Command kCommands[] = {
      "UTF-8 without the XML declaration: a FILE declared in another encoding is\n"
      "refused, as is a name that would not read back (one holding a blank, '&',\n"
      "'<', '>', a quote, '=', '/' or a colon that a reference made, or an element\n"
-     "name beginning with '?' or '!' or ending in \"--\" or \"]]\"). The whole text\n"
-     "is read back and compared before it is printed.\n"},
+     "name beginning with '?' or '!', or ending in \"--\" or \"]]\" on an element that\n"
+     "prints more than an empty tag). The whole text is read back and compared\n"
+     "before it is printed.\n"},
     {"demo", krvtool::RunDemo, "", "",
      "usage: krvxml demo\n"
      "Runs the library on a bundled sample document: parse, lookup, typed read,\n"
