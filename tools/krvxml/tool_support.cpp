@@ -504,11 +504,10 @@ bool WriteFileAtomically(const std::string &path, const std::string &text, std::
         return true;
     }
     struct stat st;
-    if (lead == Lead::Descriptor ||
-        (::stat(target.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode))) {
+    bool exists = ::stat(target.c_str(), &st) == 0;
+    if (lead == Lead::Descriptor || (exists && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode))) {
         return WriteInPlace(path, text, error);
     }
-    bool exists = ::stat(target.c_str(), &st) == 0;
     mode_t mode;
     if (exists) {
         mode = st.st_mode & 07777;
