@@ -208,7 +208,13 @@ class sibling_range {
 public:
     class iterator {
     public:
-        using iterator_category = std::forward_iterator_tag;
+        // Dereferencing makes a view (a prvalue), which a C++17 forward
+        // iterator may not do; the walk is multi-pass all the same, which
+        // C++20 ranges see through iterator_concept.
+        using iterator_category = std::input_iterator_tag;
+#if __cplusplus >= 202002L
+        using iterator_concept = std::forward_iterator_tag;
+#endif
         using value_type = View;
         using difference_type = std::ptrdiff_t;
         using pointer = void;

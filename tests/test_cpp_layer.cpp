@@ -14,6 +14,7 @@
 #include "krv_xml.hpp"
 #include "test_support.h"
 
+using krv::xml::attribute;
 using krv::xml::document;
 using krv::xml::errc;
 using krv::xml::node;
@@ -171,6 +172,15 @@ TEST(CppLayer, LinkingAndCopiesReleaseOnlyOnSuccess)
 static_assert(!std::is_convertible_v<bool, result>, "a flag is no result code");
 static_assert(std::is_convertible_v<int, result> && std::is_convertible_v<std::uint32_t, result>,
               "integer codes convert without ambiguity");
+
+// A C++17 forward iterator must dereference to a reference; ours makes views.
+template <class It>
+constexpr bool honestCategory =
+    !std::is_base_of_v<std::forward_iterator_tag, typename std::iterator_traits<It>::iterator_category> ||
+    std::is_reference_v<typename std::iterator_traits<It>::reference>;
+static_assert(honestCategory<krv::xml::sibling_range<node>::iterator> &&
+                  honestCategory<krv::xml::sibling_range<attribute>::iterator>,
+              "iterator category matches what dereferencing gives");
 
 // Views read through to the record; null views are safe; ranges walk in
 // list order; typed accessors use each type's width.
