@@ -80,6 +80,7 @@ $work/frame.xml: ok" "bad.xml:2:" -- check "$cfg" "$work/bad.xml" "$work/frame.x
 t "get value" 0 "inventory" "" -- get "$cfg" config.name
 t "get attribute" 0 "beta.example.net" "" -- get "$cfg" config.server.2 --attr host
 t "get typed attribute" 0 "8443" "" -- get "$cfg" config.server.2 --attr port --type uint16
+t "get name of an empty prefix" 2 "" "':host' names no attribute" -- get "$cfg" config.server.2 --attr :host
 t "get typed bool" 0 "true" "" -- get "$cfg" config.server.2 --attr secure --type bool
 t "get typed value" 0 "30" "" -- get "$cfg" config.limits.timeout --type int8
 t "get out of range" 1 "" "^krvxml: $cfg: read int8 of 'config.server@port': KRV_XML_ERR_INVALID_PARAM$" \
@@ -188,7 +189,7 @@ cp "$cfg" "$work/keep.xml"
 t "set bad attribute name" 2 "" "'a b' is not an XML name" -- set "$cfg" config.name --attr "a b" v
 t "set control character" 2 "" "VALUE is not UTF-8 text" -- set "$cfg" config.name $'a\x01'
 t "set name with a no-break space" 2 "" "is not an XML name" -- set "$cfg" config.name --attr $'a\u00a0b' v
-t "set name of an empty prefix" 2 "" "':x' is not an XML name" -- set "$cfg" config.name --attr :x v
+t "set name of an empty prefix" 2 "" "':x' names no attribute" -- set "$cfg" config.name --attr :x v
 printf '\n<?xml version="1.0" encoding="ISO-8859-1"?><a/>' >"$work/latin1b.xml"
 t "set encoding after a blank" 1 "" "declared as ISO-8859-1" -- set "$work/latin1b.xml" a 2
 t "set bad UTF-8" 2 "" "VALUE is not UTF-8 text" -- set "$cfg" config.name $'\xc3'

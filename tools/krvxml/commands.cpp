@@ -67,12 +67,14 @@ bool ReadTypeOption(const Args &args, const TypeInfo **type)
 }
 
 // "[PREFIX:]NAME" into its parts; an empty prefix counts as none.
+// Splits [PREFIX:]NAME at its first colon. A colon without a prefix before
+// it names no attribute: the lookup would quietly read the unprefixed one.
 bool SplitAttrName(const std::string &text, std::string &prefix, std::string &name)
 {
     size_t colon = text.find(':');
     prefix = colon == std::string::npos ? std::string() : text.substr(0, colon);
     name = colon == std::string::npos ? text : text.substr(colon + 1);
-    return !name.empty();
+    return !name.empty() && colon != 0;
 }
 
 const char *PrefixArg(const std::string &prefix)
@@ -227,7 +229,7 @@ int RunGet(const Args &args)
         return UsageError("get", "unknown type '" + args.Get("--type") + "'");
     }
     if (args.Has("--attr") && !SplitAttrName(args.Get("--attr"), prefix, name)) {
-        return UsageError("get", "empty attribute name");
+        return UsageError("get", "'" + args.Get("--attr") + "' names no attribute: PREFIX and NAME must not be empty");
     }
     const std::string &file = args.positional[0];
     const std::string &path = args.positional[1];
@@ -276,7 +278,7 @@ int RunSet(const Args &args)
         return UsageError("set", "unknown type '" + args.Get("--type") + "'");
     }
     if (args.Has("--attr") && !SplitAttrName(args.Get("--attr"), prefix, name)) {
-        return UsageError("set", "empty attribute name");
+        return UsageError("set", "'" + args.Get("--attr") + "' names no attribute: PREFIX and NAME must not be empty");
     }
     const std::string &file = args.positional[0];
     const std::string &path = args.positional[1];
@@ -291,7 +293,7 @@ int RunSet(const Args &args)
     if (!IsXmlText(value)) {
         return UsageError("set", "VALUE is not UTF-8 text of characters that XML allows");
     }
-    if (args.Has("--attr") && (!IsXmlName(args.Get("--attr")) || args.Get("--attr")[0] == ':')) {
+    if (args.Has("--attr") && !IsXmlName(args.Get("--attr"))) {
         return UsageError("set", "'" + args.Get("--attr") + "' is not an XML name");
     }
     // Standard input, a pipe or a descriptor name cannot take the new text
