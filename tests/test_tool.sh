@@ -288,6 +288,8 @@ printf '<a/><b>1</b>' >"$work/two.xml"
 t "print two roots --heap" 0 $'<a/>\n<b>1</b>' "" -- print --heap "$work/two.xml"
 t "print two roots" 1 "" "^krvxml: $work/two.xml:1:[0-9]+: .*KRV_XML_ERR_SYNTAX" -- print "$work/two.xml"
 t "set keeps two roots --heap" 0 $'<a>v</a>\n<b>1</b>' "" -- set --heap "$work/two.xml" a v -o -
+t "set new attribute beside two roots --heap" 1 "" "no attribute can be added in a document of several top-level elements" \
+  -- set --heap "$work/two.xml" a --attr n v -o -
 t "print missing path" 1 "" "KRV_XML_ERR_NOT_FOUND" -- print "$examples/config.xml" config.nothing
 "$tool" print "$examples/config.xml" | "$tool" print - >"$work/again.out" && [ "$(cat "$work/again.out")" = "$whole" ] ||
   fail "printed text does not print the same again"

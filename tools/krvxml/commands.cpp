@@ -337,6 +337,14 @@ int RunSet(const Args &args)
     } else {
         rc = KRV_XML_SetNode(node, nullptr, nullptr, value.c_str());
     }
+    if (rc == KRV_XML_ERR_INVALID_PARAM && attr && tree.get()->next != nullptr) {
+        // The library adds no attribute in a tree whose top has siblings.
+        std::fprintf(stderr,
+                     "krvxml: %s: set '%s': no attribute can be added in a document of several top-level elements "
+                     "(KRV_XML_ERR_INVALID_PARAM)\n",
+                     Shown(file).c_str(), subject.c_str());
+        return kExitFailed;
+    }
     if (rc != KRV_XML_OK) {
         ReportFailure(Shown(file), "set '" + subject + "'", rc);
         return kExitFailed;
