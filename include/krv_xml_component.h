@@ -84,7 +84,11 @@ KRV_XML_API void XML_FreeSingleAttrNode(XmlNode *attr);
 /* Appends attr (a detached attribute record) to the element's attribute list
  * and sets its parent. Results: KRV_XML_OK; KRV_XML_ERR_INVALID_PARAM (either
  * null, or the element is an attribute record); KRV_XML_ERR_ALREADY_EXISTS
- * (an attribute with the same prefix and name is there; nothing changed). */
+ * (an attribute with the same prefix and name is there; nothing changed).
+ * The memory regimes are not compared: from then on attr and its strings are
+ * routed by the element's tree, so attr must come from where that tree lives
+ * (its session, or the heap). A heap attribute in a session tree is never
+ * freed; a session attribute in a heap tree would be handed to free(). */
 KRV_XML_API uint32_t XML_AddAttrNode(XmlNode *attr, XmlNode *element);
 
 /* ===== File forwarders ================================================== */

@@ -197,6 +197,15 @@ TEST(Routing, AllocationsFollowTheTree)
     EXPECT_EQ(xmlSessionOf(attr), nullptr) << "an attribute without owner";
     ASSERT_EQ(XML_AddAttrNode(attr, child), KRV_XML_OK);
     EXPECT_EQ(xmlSessionOf(attr), doc->mem);
+    // An attribute answers by its owner's tree, whatever memory it came from.
+    XmlNode *heapAttr = XML_NewNode(nullptr, KRV_XML_NODE_ATTRIBUTE);
+    ASSERT_EQ(XML_SetNode(nullptr, heapAttr, nullptr, "h", nullptr), KRV_XML_OK);
+    ASSERT_EQ(XML_AddAttrNode(heapAttr, child), KRV_XML_OK);
+    EXPECT_EQ(xmlSessionOf(heapAttr), doc->mem);
+    EXPECT_EQ(blockOf(doc->mem, XML_Strdup(heapAttr, "carved")), 0);
+    attr->next = nullptr;  // unlinked by hand, to be freed from the heap
+    heapAttr->parent = nullptr;
+    XML_FreeSingleNode(heapAttr);
     EXPECT_EQ(xmlSessionOf(nullptr), nullptr);
     XmlNode *heapRoot = Element("h");
     EXPECT_EQ(xmlSessionOf(heapRoot), nullptr);

@@ -377,11 +377,19 @@ int32_t xmlSessionSlabRoom(const XmlMemSession *session)
 
 XmlMemSession *xmlSessionOf(XmlNode *context)
 {
-    // Every record of a tree carries the `mem` of the tree's top record, so a
-    // heap record answers for itself; a session record's tree is found with
+    // Every element of a tree carries the `mem` of the tree's top record, so a
+    // heap element answers for itself; a session record's tree is found with
     // the session's help and is session-owned while its top has no sibling.
-    if (context == nullptr || context->mem == nullptr) {
+    // An attribute answers by its owner: XML_AddAttrNode links one into any
+    // element's list, whatever memory either came from.
+    if (context == nullptr) {
         return nullptr;
+    }
+    if (context->mem == nullptr) {
+        if (!xmlIsAttr(context) || context->parent == nullptr || context->parent->mem == nullptr) {
+            return nullptr;
+        }
+        context = context->parent;
     }
     // A copy routes every string by its detached top record: no call for that.
     XmlNode *top = context->parent == nullptr && !xmlIsAttr(context) ? context : xmlTopOf(context);
