@@ -21,6 +21,11 @@
 // anew, top down. The time per element should not grow with N in either
 // regime.
 //
+// AddUpward/regime/N: an attribute added to each element of an N-deep
+// chain, from the deepest up. A session remembers the parent of the element
+// just edited, so its time per element should not grow with N; a heap tree
+// walks to its top for every attribute, as on insertion.
+//
 // RemoveIntoReusedHandle/regime/N: the side tree of each level of an N-deep
 // chain taken out through the C++ layer into one handle. The time per
 // removal should not grow with N.
@@ -150,6 +155,45 @@ void EditInOrder(benchmark::State &state, bool session)
 }
 BENCHMARK_CAPTURE(EditInOrder, session, true)->Arg(1000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(EditInOrder, heap, false)->Arg(1000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+
+// New attributes added from the leaf of an N-deep chain up to its top, as an
+// edit that works its way up from a found node does.
+void AddUpward(benchmark::State &state, bool session)
+{
+    const int64_t n = state.range(0);
+    std::string text;
+    for (int64_t i = 0; i < n; ++i) {
+        text += "<e>";
+    }
+    for (int64_t i = 0; i < n; ++i) {
+        text += "</e>";
+    }
+    std::vector<XmlNode *> chain;
+    chain.reserve(static_cast<size_t>(n));
+    for (auto _ : state) {
+        state.PauseTiming();
+        XmlNode *doc = nullptr;
+        uint32_t rc = session ? KRV_XML_ParseEx(text.c_str(), &doc) : KRV_XML_Parse(text.c_str(), &doc);
+        chain.clear();
+        for (XmlNode *e = doc; e != nullptr; e = e->firstChild) {
+            chain.push_back(e);
+        }
+        state.ResumeTiming();
+        for (auto e = chain.rbegin(); e != chain.rend() && rc == KRV_XML_OK; ++e) {
+            rc = KRV_XML_AddAttr(*e, nullptr, "a", "1");
+        }
+        state.PauseTiming();
+        KRV_XML_FreeNode(doc);
+        state.ResumeTiming();
+        if (rc != KRV_XML_OK) {
+            state.SkipWithError("editing the chain failed");
+            return;
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * n);
+}
+BENCHMARK_CAPTURE(AddUpward, session, true)->Arg(1000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(AddUpward, heap, false)->Arg(1000)->Arg(30000)->Unit(benchmark::kMillisecond);
 
 // The side tree of every level of an N-deep chain taken out through the C++
 // layer into one reused handle, which releases the one taken before. The

@@ -294,8 +294,9 @@ TEST(Tree, NamesMoveIntoTheDocumentTable)
 // Random insertions and removals among a few records, each checked against a
 // walk to the top made here: an insertion is refused exactly when it would
 // make a cycle, and interns the node's name exactly when the tree it joins is
-// headed by the document. Session trees remember tops between calls, and a
-// fact kept past the change that ended it shows up as a wrong answer here.
+// headed by the document; a lookup from any record finds its top. Session
+// trees remember tops between calls, and a fact kept past the change that
+// ended it shows up as a wrong answer here.
 TEST(Tree, InsertionsAgreeWithAWalkToTheTop)
 {
     auto topOf = [](XmlNode *n) {
@@ -325,6 +326,8 @@ TEST(Tree, InsertionsAgreeWithAWalkToTheTop)
         };
         int joined = 0, cycles = 0;
         for (int step = 0; step < 4000; ++step) {
+            XmlNode *probe = pool[next(static_cast<uint32_t>(pool.size()))];  // lookups note facts too
+            ASSERT_EQ(xmlTopOf(probe), topOf(probe)) << "step " << step;
             XmlNode *node = pool[1 + next(static_cast<uint32_t>(pool.size() - 1))];
             if (next(3) == 0) {
                 if (node->parent != nullptr) {

@@ -65,13 +65,15 @@ uint8_t *blockData(XmlMemSession *block)
     return reinterpret_cast<uint8_t *>(block) + kBlockHeader;
 }
 
-// Two records of a session whose top records are known (see xmlTopOf).
-// Linking a tree under another moves the facts about it along; unlinking any
-// record of the session forgets both. They lie past the first block's data,
-// so that the header of every block stays as small as it was.
+// Records of a session whose top records are known (see xmlTopOf): the last
+// two looked up, and the parent of the last, where a walk up the tree looks
+// next. Linking a tree under another moves the facts about it along;
+// unlinking any record of the session forgets them all. They lie past the
+// first block's data, so that the header of every block stays as small as
+// it was.
 struct TopFacts {
-    XmlNode *node[2];
-    XmlNode *top[2];
+    XmlNode *node[3];
+    XmlNode *top[3];
 };
 
 size_t firstBlockBytes(int32_t capacity)
@@ -420,6 +422,10 @@ XmlNode *xmlTopOf(XmlNode *node)
             top = facts->top[1];
             break;
         }
+        if (top == facts->node[2]) {
+            top = facts->top[2];
+            break;
+        }
         top = top->parent;
     }
     // An attribute's top is noted for its owner element, which a walk from
@@ -427,6 +433,13 @@ XmlNode *xmlTopOf(XmlNode *node)
     XmlNode *noted = xmlIsAttr(node) ? node->parent : node;
     if (top != nullptr && noted != nullptr && noted != top) {
         xmlNoteTop(noted, top);
+        // Lookups that climb the tree (edits from the leaves up) ask for the
+        // parent next.
+        if (noted->parent != nullptr && noted->mem == session) {
+            TopFacts *known = factsOf(session);
+            known->node[2] = noted->parent;
+            known->top[2] = top;
+        }
     }
     return top;
 }
@@ -918,8 +931,9 @@ void xmlUnlink(XmlNode *node)
     if (node->mem != nullptr) {
         // The sub-tree now has a top record of its own.
         TopFacts *facts = factsOf(node->mem);
-        facts->node[0] = nullptr;
-        facts->node[1] = nullptr;
+        for (XmlNode *&known : facts->node) {
+            known = nullptr;
+        }
     }
 }
 
