@@ -66,7 +66,6 @@ bool ReadTypeOption(const Args &args, const TypeInfo **type)
     return false;
 }
 
-// "[PREFIX:]NAME" into its parts; an empty prefix counts as none.
 // Splits [PREFIX:]NAME at its first colon. A colon without a prefix before
 // it names no attribute: the lookup would quietly read the unprefixed one.
 bool SplitAttrName(const std::string &text, std::string &prefix, std::string &name)
