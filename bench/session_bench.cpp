@@ -26,6 +26,12 @@
 // just edited, so its time per element should not grow with N; a heap tree
 // walks to its top for every attribute, as on insertion.
 //
+// EditComb/regime/N: an attribute added to each element of a comb, in
+// document order: an N-deep spine whose every element has a leaf after its
+// spine child. In a session whose records all lie in its document no walk
+// is needed, so the time per element should not grow with N; heap trees
+// walk to the top for every attribute.
+//
 // RemoveIntoReusedHandle/regime/N: the side tree of each level of an N-deep
 // chain taken out through the C++ layer into one handle. The time per
 // removal should not grow with N.
@@ -192,6 +198,45 @@ void AddUpward(benchmark::State &state, bool session)
     }
     state.SetItemsProcessed(state.iterations() * n);
 }
+// Attributes added in document order to a comb, where the record looked up
+// before is a leaf far below the next one's parent.
+void EditComb(benchmark::State &state, bool session)
+{
+    const int64_t n = state.range(0);
+    std::string text;
+    for (int64_t i = 0; i < n; ++i) {
+        text += "<s>";
+    }
+    for (int64_t i = 0; i < n; ++i) {
+        text += "<l/></s>";
+    }
+    std::vector<XmlNode *> order;
+    order.reserve(static_cast<size_t>(2 * n));
+    for (auto _ : state) {
+        state.PauseTiming();
+        XmlNode *doc = nullptr;
+        uint32_t rc = session ? KRV_XML_ParseEx(text.c_str(), &doc) : KRV_XML_Parse(text.c_str(), &doc);
+        order.clear();
+        for (XmlNode *e = doc; e != nullptr; e = KRV_XML_Iterator(e)) {
+            order.push_back(e);
+        }
+        state.ResumeTiming();
+        for (size_t i = 0; i < order.size() && rc == KRV_XML_OK; ++i) {
+            rc = KRV_XML_AddAttr(order[i], nullptr, "a", "1");
+        }
+        state.PauseTiming();
+        KRV_XML_FreeNode(doc);
+        state.ResumeTiming();
+        if (rc != KRV_XML_OK) {
+            state.SkipWithError("editing the comb failed");
+            return;
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(order.size()));
+}
+BENCHMARK_CAPTURE(EditComb, session, true)->Arg(1000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(EditComb, heap, false)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
+
 BENCHMARK_CAPTURE(AddUpward, session, true)->Arg(1000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(AddUpward, heap, false)->Arg(1000)->Arg(30000)->Unit(benchmark::kMillisecond);
 

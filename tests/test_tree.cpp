@@ -291,16 +291,16 @@ TEST(Tree, NamesMoveIntoTheDocumentTable)
     }
 }
 
-// Random insertions and removals among a few records, each checked against a
-// walk to the top made here: an insertion is refused exactly when it would
-// make a cycle, and interns the node's name exactly when the tree it joins is
-// headed by the document; a lookup from any record finds its top. Session
-// trees remember tops between calls, and a fact kept past the change that
-// ended it shows up as a wrong answer here.
-TEST(Tree, InsertionsAgreeWithAWalkToTheTop)
+// Random edits of a pool of records, each checked against a walk to the top
+// made here: an insertion is refused exactly when it would make a cycle, and
+// interns the node's name exactly when the tree it joins is headed by the
+// document; a lookup from any record or attribute finds its top. Session
+// trees remember tops between calls and count the trees outside the
+// document; a fact or a count gone wrong shows up as a wrong answer here.
+TEST(Tree, EditsAgreeWithAWalkToTheTop)
 {
     auto topOf = [](XmlNode *n) {
-        while (n->parent != nullptr) {
+        while (n != nullptr && (n->kind == KRV_XML_NODE_ATTRIBUTE || n->parent != nullptr)) {
             n = n->parent;
         }
         return n;
@@ -316,6 +316,7 @@ TEST(Tree, InsertionsAgreeWithAWalkToTheTop)
         ASSERT_EQ(KRV_XML_AppendChildNode(doc, keep), KRV_XML_OK);
         ASSERT_EQ(keep->name, doc->nameTable[0]);
         std::vector<XmlNode *> pool = {doc, keep};
+        std::vector<XmlNode *> attrs;
         for (int i = 0; i < 10; ++i) {
             pool.push_back(Element("e", doc->mem));
         }
@@ -324,18 +325,67 @@ TEST(Tree, InsertionsAgreeWithAWalkToTheTop)
             seed = seed * 1103515245u + 12345u;
             return (seed >> 16) % bound;
         };
-        int joined = 0, cycles = 0;
-        for (int step = 0; step < 4000; ++step) {
-            XmlNode *probe = pool[next(static_cast<uint32_t>(pool.size()))];  // lookups note facts too
+        auto any = [&next](const std::vector<XmlNode *> &v) { return v[next(static_cast<uint32_t>(v.size()))]; };
+        int joined = 0, cycles = 0, freed = 0, copied = 0;
+        for (int step = 0; step < 6000; ++step) {
+            XmlNode *probe = any(pool);  // lookups note facts too
             ASSERT_EQ(xmlTopOf(probe), topOf(probe)) << "step " << step;
+            if (!attrs.empty()) {
+                probe = any(attrs);
+                ASSERT_EQ(xmlTopOf(probe), topOf(probe)) << "attribute, step " << step;
+            }
             XmlNode *node = pool[1 + next(static_cast<uint32_t>(pool.size() - 1))];
-            if (next(3) == 0) {
+            switch (next(8)) {
+            case 0:
                 if (node->parent != nullptr) {
                     ASSERT_EQ(KRV_XML_RemoveNode(node), KRV_XML_OK);
                 }
                 continue;
+            case 1: {  // a copy, or a new record, joins the pool
+                XmlNode *made = nullptr;
+                if (pool.size() < 40) {
+                    ASSERT_EQ(next(2) == 0 ? KRV_XML_CloneNode(node, &made)
+                                           : KRV_XML_CreateNodeEx(doc->mem, KRV_XML_NODE_ELEMENT, nullptr, "e", nullptr, &made),
+                              KRV_XML_OK);
+                    pool.push_back(made);
+                    copied++;
+                }
+                continue;
             }
-            XmlNode *ref = pool[next(static_cast<uint32_t>(pool.size()))];
+            case 2: {  // released with its tree below it, which leaves the pool
+                if (pool.size() < 8) {
+                    continue;
+                }
+                auto below = [&](XmlNode *m) {
+                    for (XmlNode *up = m; up != nullptr; up = up->parent) {
+                        if (up == node) {
+                            return true;
+                        }
+                    }
+                    return false;
+                };
+                auto gone = [&](XmlNode *m) { return below(m->kind == KRV_XML_NODE_ATTRIBUTE ? m->parent : m); };
+                attrs.erase(std::remove_if(attrs.begin(), attrs.end(), gone), attrs.end());
+                pool.erase(std::remove_if(pool.begin(), pool.end(), below), pool.end());
+                KRV_XML_FreeNode(node);
+                freed++;
+                continue;
+            }
+            case 3: {  // an attribute record, linked to an element or left alone
+                XmlNode *attr = XML_NewNode(doc->mem, KRV_XML_NODE_ATTRIBUTE);
+                ASSERT_NE(attr, nullptr);
+                std::string name = "a" + std::to_string(step);
+                ASSERT_EQ(XML_SetNode(doc, attr, nullptr, name.c_str(), nullptr), KRV_XML_OK);  // from where the tree lives
+                if (next(2) == 0) {
+                    ASSERT_EQ(XML_AddAttrNode(attr, node), KRV_XML_OK);
+                }
+                attrs.push_back(attr);
+                continue;
+            }
+            default:
+                break;
+            }
+            XmlNode *ref = any(pool);
             uint32_t how = next(4);
             if (node->parent != nullptr || (how >= 2 && ref->parent == nullptr)) {
                 continue;  // linked nodes and siblings of a top record are other tests' cases
@@ -353,14 +403,117 @@ TEST(Tree, InsertionsAgreeWithAWalkToTheTop)
             cycles += cycle ? 1 : 0;
         }
         EXPECT_EQ(krvfuzz::CheckLinks(doc), "");
-        EXPECT_GT(joined, 500);
-        EXPECT_GT(cycles, 50);
+        EXPECT_GT(joined, 300);
+        EXPECT_GT(cycles, 30);
+        EXPECT_GT(freed, 100);
+        EXPECT_GT(copied, 100);
+        for (XmlNode *a : attrs) {  // ownerless ones alone; the rest go with their trees
+            if (a->parent == nullptr) {
+                if (!session) {
+                    XML_FreeSingleNode(a);
+                } else {
+                    KRV_XML_FreeNode(a);
+                }
+            }
+        }
         std::vector<XmlNode *> tops;  // found before any release: a heap release frees descendants
         std::copy_if(pool.begin(), pool.end(), std::back_inserter(tops),
                      [](XmlNode *n) { return n->parent == nullptr; });
         for (auto n = tops.rbegin(); n != tops.rend(); ++n) {  // the session's document last
             KRV_XML_FreeNode(*n);
         }
+    }
+}
+
+// A session without trees outside its document answers every lookup with
+// the document. Each way of making, linking, taking out or releasing a tree
+// must keep that count: in each case below a tree outside the document is
+// left, and every record of every tree must still find its own top; linking
+// a tree under its own descendant must still be refused, and a name must
+// still not move into a document that the tree has left.
+TEST(Tree, TreesOutsideTheSessionDocumentAreCounted)
+{
+    auto topOf = [](XmlNode *n) {
+        while (n != nullptr && (n->kind == KRV_XML_NODE_ATTRIBUTE || n->parent != nullptr)) {
+            n = n->parent;
+        }
+        return n;
+    };
+    auto checkTops = [&topOf](XmlNode *root) {
+        for (XmlNode *n = root; n != nullptr; n = KRV_XML_Iterator(n)) {
+            if (n != root && topOf(n) != root) {
+                break;  // the iterator left root's tree
+            }
+            EXPECT_EQ(xmlTopOf(n), root) << Str(n->name);
+            for (XmlNode *a = n->firstAttr; a != nullptr; a = a->next) {
+                EXPECT_EQ(xmlTopOf(a), root) << Str(a->name);
+            }
+        }
+    };
+    struct Case {
+        const char *what;
+        // Leaves a tree of the document's session outside it, with a child.
+        XmlNode *(*loose)(XmlNode *doc, XmlNode *a);
+    };
+    const Case cases[] = {
+        {"taken out", [](XmlNode *, XmlNode *a) {
+             EXPECT_EQ(KRV_XML_RemoveNode(a), KRV_XML_OK);
+             return a;
+         }},
+        {"copied", [](XmlNode *, XmlNode *a) {
+             XmlNode *copy = nullptr;
+             EXPECT_EQ(KRV_XML_CloneNode(a, &copy), KRV_XML_OK);
+             return copy;
+         }},
+        {"made and filled", [](XmlNode *doc, XmlNode *) {
+             XmlNode *top = Element("t", doc->mem);
+             EXPECT_EQ(KRV_XML_AppendChildNode(top, Element("u", doc->mem)), KRV_XML_OK);
+             return top;
+         }},
+        {"made by the component layer", [](XmlNode *doc, XmlNode *) {
+             XmlNode *top = XML_NewNode(doc->mem, KRV_XML_NODE_ELEMENT);
+             EXPECT_EQ(KRV_XML_AppendChildNode(top, Element("u", doc->mem)), KRV_XML_OK);
+             return top;
+         }},
+        {"beside an attribute linked into the document", [](XmlNode *doc, XmlNode *a) {
+             XmlNode *copy = nullptr;
+             EXPECT_EQ(KRV_XML_CloneNode(a, &copy), KRV_XML_OK);
+             XmlNode *attr = XML_NewNode(doc->mem, KRV_XML_NODE_ATTRIBUTE);
+             EXPECT_EQ(XML_SetNode(doc, attr, nullptr, "late", nullptr), KRV_XML_OK);
+             EXPECT_EQ(XML_AddAttrNode(attr, a), KRV_XML_OK);
+             return copy;
+         }},
+        {"beside attributes added in the document", [](XmlNode *, XmlNode *a) {
+             XmlNode *copy = nullptr;
+             EXPECT_EQ(KRV_XML_CloneNode(a, &copy), KRV_XML_OK);
+             int32_t v = 5;
+             EXPECT_EQ(KRV_XML_SetAttrValueEx(a, nullptr, "typed", KRV_XML_VALUE_INT32, &v), KRV_XML_OK);
+             EXPECT_EQ(KRV_XML_AddAttr(a, nullptr, "plain", "p"), KRV_XML_OK);
+             return copy;
+         }},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        krvtest::LeakGuard guard;
+        XmlNode *doc = nullptr;
+        ASSERT_EQ(KRV_XML_ParseEx("<r><a k=\"1\"><b><c/></b></a><d/></r>", &doc), KRV_XML_OK);
+        XmlNode *a = doc->firstChild;
+        checkTops(doc);
+        XmlNode *loose = c.loose(doc, a);
+        ASSERT_NE(loose, nullptr);
+        checkTops(doc);
+        checkTops(loose);
+        XmlNode *deepest = loose;
+        while (deepest->firstChild != nullptr) {
+            deepest = deepest->firstChild;
+        }
+        ASSERT_EQ(KRV_XML_AppendChildNode(deepest, loose), KRV_XML_ERR_INVALID_PARAM) << "a cycle";
+        ASSERT_EQ(KRV_XML_AddAttr(deepest, nullptr, "n", "v"), KRV_XML_OK);
+        EXPECT_EQ(deepest->firstAttr->nameOwned, 1) << "interned into a document it is not in";
+        checkTops(loose);
+        ASSERT_EQ(KRV_XML_AppendChildNode(doc->lastChild, loose), KRV_XML_OK);
+        checkTops(doc);
+        KRV_XML_FreeNode(doc);
     }
 }
 

@@ -191,6 +191,30 @@ void xmlNoteTop(XmlNode *node, XmlNode *top);
 // linked into the tree of top: what the session knows stays true.
 void xmlNoteLinked(XmlNode *node, XmlNode *top);
 
+// A session also counts its loose trees: trees of its records, handed to the
+// caller, that lie outside the tree of the document owning the session. While
+// there are none, every record's top is that document and no walk is needed.
+// The exported functions that make, link, take out or release records keep
+// the count; internal steps that build inside one call do not.
+//
+// Makes document, which owns its session, the session's owner, with no loose
+// tree: called once the document's whole tree is built.
+void xmlNoteOwner(XmlNode *document);
+// A loose tree of the session was made (+1) or ended (-1): linked into
+// another tree, or released. Nothing for a null session.
+void xmlNoteLoose(XmlMemSession *session, int change);
+// The top of the tree that `node` (detached, childless, from the same memory
+// as `at`) joins when linked at `at`, when the session knows it without a
+// walk: node is then the session's one loose tree. Null otherwise.
+XmlNode *xmlKnownTopForLeaf(const XmlNode *at, const XmlNode *node);
+
+// A record of the kind's shape, zeroed, carved from session or the heap;
+// null when memory ran out. XML_NewNode, less the count of loose trees.
+XmlNode *xmlNewRecord(XmlMemSession *session, int32_t kind);
+
+// XML_AddAttrNode, less the count of loose trees.
+uint32_t xmlAddAttrNode(XmlNode *attr, XmlNode *element);
+
 // The release rule: hands ptr to the heap unless `session` is non-null.
 inline void xmlReleaseTo(XmlMemSession *session, void *ptr)
 {

@@ -74,6 +74,8 @@ uint8_t *blockData(XmlMemSession *block)
 struct TopFacts {
     XmlNode *node[3];
     XmlNode *top[3];
+    XmlNode *owner;  // the document owning the session, once built; else null
+    int64_t loose;   // loose trees of the session (see xmlNoteOwner)
 };
 
 size_t firstBlockBytes(int32_t capacity)
@@ -411,8 +413,14 @@ XmlNode *xmlTopOf(XmlNode *node)
         }
         return top;
     }
-    // A session record: the walk ends early at a record whose top is known.
+    // A session record: without loose trees the top of a linked record is
+    // the owner (a record without parent answers for itself, an ownerless
+    // attribute with null, as the walk would); otherwise the walk ends early
+    // at a record whose top is known.
     const TopFacts *facts = factsOf(session);
+    if (facts->owner != nullptr && facts->loose == 0 && node->parent != nullptr) {
+        top = facts->owner;
+    }
     while (top != nullptr && (xmlIsAttr(top) || top->parent != nullptr)) {
         if (top == facts->node[0]) {
             top = facts->top[0];
@@ -474,6 +482,35 @@ void xmlNoteLinked(XmlNode *node, XmlNode *top)
         }
     }
     xmlNoteTop(node, top);
+}
+
+void xmlNoteOwner(XmlNode *document)
+{
+    TopFacts *facts = factsOf(document->mem);
+    facts->owner = document;
+    facts->loose = 0;
+}
+
+void xmlNoteLoose(XmlMemSession *session, int change)
+{
+    if (session == nullptr) {
+        return;
+    }
+    TopFacts *facts = factsOf(session);
+    facts->loose += change;
+    if (facts->loose < 0) {
+        facts->owner = nullptr;  // a tree was linked that was never counted: walk from now on
+    }
+}
+
+XmlNode *xmlKnownTopForLeaf(const XmlNode *at, const XmlNode *node)
+{
+    if (node->mem == nullptr || at->mem != node->mem || node->firstChild != nullptr || at == node) {
+        return nullptr;
+    }
+    // node, a loose tree of its own, is the only one: `at` lies in the owner's.
+    const TopFacts *facts = factsOf(node->mem);
+    return facts->loose == 1 ? facts->owner : nullptr;
 }
 
 XmlNode *xmlFindRoot(XmlNode *node)
@@ -560,6 +597,15 @@ char *XML_Strdup(XmlNode *context, const char *text)
 // ===== Node records ========================================================
 
 XmlNode *XML_NewNode(XmlMemSession *session, int32_t kind)
+{
+    XmlNode *node = xmlNewRecord(session, kind);
+    if (node != nullptr) {
+        xmlNoteLoose(session, 1);
+    }
+    return node;
+}
+
+XmlNode *xmlNewRecord(XmlMemSession *session, int32_t kind)
 {
     size_t size = xmlRecordSize(kind);
     void *raw = session != nullptr ? xmlSessionTake(session, static_cast<int32_t>(size))
@@ -829,7 +875,7 @@ uint32_t KRV_XML_CreateNode(int32_t kind, const char *prefix, const char *name, 
     if ((kind != KRV_XML_NODE_ELEMENT && kind != KRV_XML_NODE_DOCUMENT) || out == nullptr) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    XmlNode *node = XML_NewNode(nullptr, kind);
+    XmlNode *node = xmlNewRecord(nullptr, kind);
     if (node == nullptr) {
         return KRV_XML_ERR_NO_MEMORY;
     }
@@ -855,7 +901,7 @@ uint32_t KRV_XML_CreateNodeEx(XmlMemSession *session, int32_t kind, const char *
             return KRV_XML_ERR_NO_MEMORY;
         }
     }
-    XmlNode *node = XML_NewNode(use, kind);
+    XmlNode *node = xmlNewRecord(use, kind);
     if (node == nullptr) {
         if (kind == KRV_XML_NODE_DOCUMENT) {
             XML_MemSessionEnd(use);
@@ -866,6 +912,11 @@ uint32_t KRV_XML_CreateNodeEx(XmlMemSession *session, int32_t kind, const char *
     if (rc != KRV_XML_OK) {
         XML_FreeNode(node);
         return rc;
+    }
+    if (kind == KRV_XML_NODE_DOCUMENT) {
+        xmlNoteOwner(node);
+    } else {
+        xmlNoteLoose(use, 1);
     }
     *out = node;
     return KRV_XML_OK;
@@ -946,6 +997,7 @@ uint32_t KRV_XML_RemoveNode(XmlNode *node)
         return KRV_XML_ERR_INVALID_PARAM;
     }
     xmlUnlink(node);
+    xmlNoteLoose(node->mem, 1);
     return KRV_XML_OK;
 }
 
@@ -957,6 +1009,7 @@ void KRV_XML_FreeNode(XmlNode *node)
     if (xmlIsAttr(node)) {
         XmlNode *owner = node->parent;
         if (owner == nullptr) {
+            xmlNoteLoose(node->mem, -1);
             XML_FreeSingleAttrNode(node);  // an ownerless session record stays put
             return;
         }
@@ -981,6 +1034,8 @@ void KRV_XML_FreeNode(XmlNode *node)
                           node->parent == nullptr && node->prev == nullptr;
     if (!headsFollowers && (node->parent != nullptr || node->prev != nullptr || node->next != nullptr)) {
         xmlUnlink(node);
+    } else if (node->ownsSession == 0) {
+        xmlNoteLoose(node->mem, -1);  // a loose tree of its session ends
     }
     XML_FreeNode(node);
 }

@@ -2434,7 +2434,7 @@ void fillInfo(KrvXmlParseInfo *info, const char *input, const char *at, uint32_t
 uint32_t Parser_parseDocument(XmlNode **out, XmlParser *p)
 {
     XmlMemSession *session = p->session;
-    XmlNode *doc = XML_NewNode(session, KRV_XML_NODE_DOCUMENT);
+    XmlNode *doc = xmlNewRecord(session, KRV_XML_NODE_DOCUMENT);
     uint32_t rc = KRV_XML_OK;
     if (doc == nullptr) {
         note(p, p->pos, "out of memory");
@@ -2452,6 +2452,9 @@ uint32_t Parser_parseDocument(XmlNode **out, XmlParser *p)
         if (ok) {
             if (session == nullptr && doc->next != nullptr) {
                 xmlParsedFollowers(doc) = 1;
+            }
+            if (session != nullptr) {
+                xmlNoteOwner(doc);
             }
             *out = doc;
         } else {

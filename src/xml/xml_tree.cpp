@@ -50,6 +50,16 @@ XmlNode *xmlGetAttr(XmlNode *element, const char *prefix, const char *name)
 
 uint32_t XML_AddAttrNode(XmlNode *attr, XmlNode *element)
 {
+    bool loose = attr != nullptr && attr->parent == nullptr;
+    uint32_t rc = xmlAddAttrNode(attr, element);
+    if (rc == KRV_XML_OK && loose) {
+        xmlNoteLoose(attr->mem, -1);
+    }
+    return rc;
+}
+
+uint32_t xmlAddAttrNode(XmlNode *attr, XmlNode *element)
+{
     if (attr == nullptr || element == nullptr || xmlIsAttr(element)) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
@@ -284,6 +294,7 @@ bool isSessionDocument(const XmlNode *node)
 uint32_t finishInsert(XmlNode *top, XmlNode *node)
 {
     xmlNoteLinked(node, top);  // the next insertion below node need not walk
+    xmlNoteLoose(node->mem, -1);
     if (!hasSibling(top) && top->ownsSession == 1 && node->nameOwned == 1) {
         XML_InternName(top, node);
     }
@@ -301,7 +312,10 @@ uint32_t insertChild(XmlNode *parent, XmlNode *node, ChildPlace place)
     if ((parent->kind != kKindElement && parent->kind != kKindDocument) || !isDetached(node)) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    XmlNode *top = xmlTopOf(parent);  // never null: parent is not an attribute
+    XmlNode *top = xmlKnownTopForLeaf(parent, node);
+    if (top == nullptr) {
+        top = xmlTopOf(parent);  // never null: parent is not an attribute
+    }
     if (top == node || node->mem != top->mem) {
         return KRV_XML_ERR_INVALID_PARAM;  // a cycle, or mixed memory regimes
     }
@@ -339,7 +353,10 @@ uint32_t insertSibling(XmlNode *sibling, XmlNode *node, SiblingPlace place)
     if (sibling->parent == nullptr && sibling->mem != nullptr) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    XmlNode *top = xmlTopOf(sibling);
+    XmlNode *top = xmlKnownTopForLeaf(sibling, node);
+    if (top == nullptr) {
+        top = xmlTopOf(sibling);
+    }
     if (top == node || node->mem != top->mem) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
@@ -406,7 +423,7 @@ uint32_t KRV_XML_AddAttr(XmlNode *element, const char *prefix, const char *name,
     // The record and its strings are made first and the duplicate test runs
     // on the copies, so an allocation failure is reported before a duplicate.
     // In a session tree a refused record stays in the session until it ends.
-    XmlNode *attr = XML_NewNode(root->mem, KRV_XML_NODE_ATTRIBUTE);
+    XmlNode *attr = xmlNewRecord(root->mem, KRV_XML_NODE_ATTRIBUTE);
     if (attr == nullptr) {
         return KRV_XML_ERR_NO_MEMORY;
     }
@@ -416,7 +433,7 @@ uint32_t KRV_XML_AddAttr(XmlNode *element, const char *prefix, const char *name,
         xmlReleaseTo(root->mem, attr);
         return rc;
     }
-    if (XML_AddAttrNode(attr, element) != KRV_XML_OK) {
+    if (xmlAddAttrNode(attr, element) != KRV_XML_OK) {
         // A duplicate, never linked: freed with its strings in a heap tree,
         // left to the session otherwise.
         if (root->mem == nullptr) {
@@ -514,7 +531,7 @@ uint32_t copyContent(const XmlNode *source, XmlNode *copy, const CloneTarget &ta
     }
     XmlNode **tail = &copy->firstAttr;
     for (const XmlNode *a = source->firstAttr; a != nullptr; a = a->next) {
-        XmlNode *ac = XML_NewNode(target.session, KRV_XML_NODE_ATTRIBUTE);
+        XmlNode *ac = xmlNewRecord(target.session, KRV_XML_NODE_ATTRIBUTE);
         if (ac == nullptr) {
             return KRV_XML_ERR_NO_MEMORY;
         }
@@ -535,19 +552,25 @@ uint32_t cloneTop(XmlNode *source, XmlNode **out)
     if (source == nullptr || out == nullptr || xmlIsAttr(source)) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    XmlNode *root = xmlFindRoot(source);
-    if (root == nullptr) {
-        return KRV_XML_ERR_INVALID_PARAM;
+    // A session tree has one root, and every element of it carries the
+    // session: only a heap tree needs the walk, to refuse a root with siblings.
+    XmlMemSession *mem = source->mem;
+    if (mem == nullptr) {
+        XmlNode *root = xmlFindRoot(source);
+        if (root == nullptr) {
+            return KRV_XML_ERR_INVALID_PARAM;
+        }
+        mem = root->mem;
     }
-    CloneTarget target{root->mem, nullptr};
-    bool ownSession = source->kind == kKindDocument && root->mem != nullptr;
+    CloneTarget target{mem, nullptr};
+    bool ownSession = source->kind == kKindDocument && mem != nullptr;
     if (ownSession) {
         target.session = XML_MemSessionBegin(kSessionInitialSize);
         if (target.session == nullptr) {
             return KRV_XML_ERR_NO_MEMORY;
         }
     }
-    XmlNode *copy = XML_NewNode(target.session, source->kind);
+    XmlNode *copy = xmlNewRecord(target.session, source->kind);
     if (copy == nullptr) {
         if (ownSession) {
             XML_MemSessionEnd(target.session);
@@ -581,7 +604,7 @@ uint32_t xmlClone(const XmlNode *source, XmlNode *copy)
         if (cur->kind == kKindDocument && target.session != nullptr) {
             return KRV_XML_ERR_INVALID_PARAM;
         }
-        XmlNode *c = XML_NewNode(target.session, cur->kind);
+        XmlNode *c = xmlNewRecord(target.session, cur->kind);
         if (c == nullptr) {
             return KRV_XML_ERR_NO_MEMORY;
         }
@@ -615,11 +638,26 @@ uint32_t xmlClone(const XmlNode *source, XmlNode *copy)
     return KRV_XML_OK;
 }
 
+// A copy in a session of its own is owned by its document; one carved from
+// the source's session is a loose tree of that session.
+void noteCopy(XmlNode *copy)
+{
+    if (copy->ownsSession == 1 && copy->mem != nullptr) {
+        xmlNoteOwner(copy);
+    } else {
+        xmlNoteLoose(copy->mem, 1);
+    }
+}
+
 }  // namespace
 
 uint32_t KRV_XML_CloneNodeSelf(XmlNode *source, XmlNode **out)
 {
-    return cloneTop(source, out);
+    uint32_t rc = cloneTop(source, out);
+    if (rc == KRV_XML_OK) {
+        noteCopy(*out);
+    }
+    return rc;
 }
 
 uint32_t KRV_XML_CloneNode(XmlNode *source, XmlNode **out)
@@ -637,6 +675,7 @@ uint32_t KRV_XML_CloneNode(XmlNode *source, XmlNode **out)
         XML_FreeNode(copy);
         return rc;
     }
+    noteCopy(copy);
     *out = copy;
     return KRV_XML_OK;
 }

@@ -225,7 +225,7 @@ uint32_t addTypedAttr(XmlNode *element, const char *prefix, const char *name, ui
     if (root == nullptr) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    XmlNode *attr = XML_NewNode(root->mem, KRV_XML_NODE_ATTRIBUTE);
+    XmlNode *attr = xmlNewRecord(root->mem, KRV_XML_NODE_ATTRIBUTE);
     if (attr == nullptr) {
         return KRV_XML_ERR_NO_MEMORY;
     }
@@ -253,7 +253,7 @@ uint32_t addTypedAttr(XmlNode *element, const char *prefix, const char *name, ui
         krvHeapFree(attr->value);
         attr->value = inSession;
     }
-    rc = XML_AddAttrNode(attr, element);  // cannot fail now: no duplicate
+    rc = xmlAddAttrNode(attr, element);  // cannot fail now: no duplicate
     if (rc != KRV_XML_OK) {
         dropNewAttr(root, attr, false);  // the value already follows the root
         return rc;
