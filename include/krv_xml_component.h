@@ -54,7 +54,10 @@ KRV_XML_API char *XML_Strdup(XmlNode *context, const char *text);
  * other value element), carved from `session` or from the heap when it is
  * null. `kind` is set to 12, 1 or, for any other value, 0 (element); `mem`
  * is the session; a document has ownsSession 1.
- * Returns null on allocation failure. */
+ * Returns null on allocation failure. An attribute without owner routes to
+ * the heap (see Allocation routing): strings of a session attribute are
+ * given with its future tree as context, and replaced only once it is
+ * linked, or a session string would be handed to free(). */
 KRV_XML_API XmlNode *XML_NewNode(XmlMemSession *session, int32_t kind);
 
 /* Fills prefix, name and value with copies routed by `context` (null: heap).
