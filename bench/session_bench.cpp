@@ -45,6 +45,7 @@
 #include <malloc.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
@@ -162,63 +163,19 @@ void EditInOrder(benchmark::State &state, bool session)
 BENCHMARK_CAPTURE(EditInOrder, session, true)->Arg(1000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(EditInOrder, heap, false)->Arg(1000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 
-// New attributes added from the leaf of an N-deep chain up to its top, as an
-// edit that works its way up from a found node does.
-void AddUpward(benchmark::State &state, bool session)
+// An attribute added to every element of a parsed text, in the order that
+// `collect` lists them.
+void AddToEach(benchmark::State &state, bool session, const std::string &text,
+               void (*collect)(XmlNode *doc, std::vector<XmlNode *> &order))
 {
-    const int64_t n = state.range(0);
-    std::string text;
-    for (int64_t i = 0; i < n; ++i) {
-        text += "<e>";
-    }
-    for (int64_t i = 0; i < n; ++i) {
-        text += "</e>";
-    }
-    std::vector<XmlNode *> chain;
-    chain.reserve(static_cast<size_t>(n));
-    for (auto _ : state) {
-        state.PauseTiming();
-        XmlNode *doc = nullptr;
-        uint32_t rc = session ? KRV_XML_ParseEx(text.c_str(), &doc) : KRV_XML_Parse(text.c_str(), &doc);
-        chain.clear();
-        for (XmlNode *e = doc; e != nullptr; e = e->firstChild) {
-            chain.push_back(e);
-        }
-        state.ResumeTiming();
-        for (auto e = chain.rbegin(); e != chain.rend() && rc == KRV_XML_OK; ++e) {
-            rc = KRV_XML_AddAttr(*e, nullptr, "a", "1");
-        }
-        state.PauseTiming();
-        KRV_XML_FreeNode(doc);
-        state.ResumeTiming();
-        if (rc != KRV_XML_OK) {
-            state.SkipWithError("editing the chain failed");
-            return;
-        }
-    }
-    state.SetItemsProcessed(state.iterations() * n);
-}
-// Attributes added in document order to a comb, where the record looked up
-// before is a leaf far below the next one's parent.
-void EditComb(benchmark::State &state, bool session)
-{
-    const int64_t n = state.range(0);
-    std::string text;
-    for (int64_t i = 0; i < n; ++i) {
-        text += "<s>";
-    }
-    for (int64_t i = 0; i < n; ++i) {
-        text += "<l/></s>";
-    }
     std::vector<XmlNode *> order;
-    order.reserve(static_cast<size_t>(2 * n));
     for (auto _ : state) {
         state.PauseTiming();
         XmlNode *doc = nullptr;
         uint32_t rc = session ? KRV_XML_ParseEx(text.c_str(), &doc) : KRV_XML_Parse(text.c_str(), &doc);
         order.clear();
-        for (XmlNode *e = doc; e != nullptr; e = KRV_XML_Iterator(e)) {
-            order.push_back(e);
+        if (rc == KRV_XML_OK) {
+            collect(doc, order);
         }
         state.ResumeTiming();
         for (size_t i = 0; i < order.size() && rc == KRV_XML_OK; ++i) {
@@ -228,11 +185,46 @@ void EditComb(benchmark::State &state, bool session)
         KRV_XML_FreeNode(doc);
         state.ResumeTiming();
         if (rc != KRV_XML_OK) {
-            state.SkipWithError("editing the comb failed");
+            state.SkipWithError("editing the tree failed");
             return;
         }
     }
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(order.size()));
+}
+
+std::string repeated(const char *open, const char *close, int64_t n)
+{
+    std::string text;
+    for (int64_t i = 0; i < n; ++i) {
+        text += open;
+    }
+    for (int64_t i = 0; i < n; ++i) {
+        text += close;
+    }
+    return text;
+}
+
+// New attributes added from the leaf of an N-deep chain up to its top, as an
+// edit that works its way up from a found node does.
+void AddUpward(benchmark::State &state, bool session)
+{
+    AddToEach(state, session, repeated("<e>", "</e>", state.range(0)), [](XmlNode *doc, std::vector<XmlNode *> &order) {
+        for (XmlNode *e = doc; e != nullptr; e = e->firstChild) {
+            order.push_back(e);
+        }
+        std::reverse(order.begin(), order.end());
+    });
+}
+
+// Attributes added in document order to a comb, where the record looked up
+// before is a leaf far below the next one's parent.
+void EditComb(benchmark::State &state, bool session)
+{
+    AddToEach(state, session, repeated("<s>", "<l/></s>", state.range(0)), [](XmlNode *doc, std::vector<XmlNode *> &order) {
+        for (XmlNode *e = doc; e != nullptr; e = KRV_XML_Iterator(e)) {
+            order.push_back(e);
+        }
+    });
 }
 BENCHMARK_CAPTURE(EditComb, session, true)->Arg(1000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(EditComb, heap, false)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
