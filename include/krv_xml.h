@@ -21,7 +21,9 @@
  * Text made by the transforms belongs to the caller: release it with
  * KRV_XML_FreeMem. Strings passed in are always copied.
  *
- * Threads: a tree (with its session) is used by one thread at a time. Parses of
+ * Threads: a tree (with its session) is used by one thread at a time, even by
+ * calls that leave it unchanged, such as KRV_XML_CloneNode: finding a node's
+ * top record updates bookkeeping kept with the tree. Parses of
  * different texts on different threads are independent. The five file
  * functions are the only global state; register them before any thread parses
  * a file.

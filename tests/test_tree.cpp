@@ -308,8 +308,12 @@ TEST(Tree, EditsAgreeWithAWalkToTheTop)
     using Insert = uint32_t (*)(XmlNode *, XmlNode *);
     const Insert inserts[] = {KRV_XML_AppendChildNode, KRV_XML_AddFirstChildNode, KRV_XML_AddNextSiblingNode,
                               KRV_XML_AddPrevSiblingNode};
-    for (bool session : {false, true}) {
-        SCOPED_TRACE(session ? "session" : "heap");
+    for (int regime : {0, 1, 2}) {
+        // Heap lookups walk a few steps before they use the path links;
+        // regime 1 makes every one below a top record use them.
+        const bool session = regime == 2;
+        SCOPED_TRACE(regime == 0 ? "heap" : regime == 1 ? "heap, path links only" : "session");
+        krv_test::SetHeapShortWalk(regime == 1 ? 0 : 24);
         krvtest::LeakGuard guard;
         XmlNode *doc = Document(session);
         XmlNode *keep = Element("e", doc->mem);  // takes slot 0 for "e"
@@ -423,6 +427,7 @@ TEST(Tree, EditsAgreeWithAWalkToTheTop)
             KRV_XML_FreeNode(*n);
         }
     }
+    krv_test::SetHeapShortWalk(24);
 }
 
 // A session without trees outside its document answers every lookup with

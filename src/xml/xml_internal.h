@@ -59,7 +59,13 @@ inline bool xmlIsAttr(const XmlNode *node)
 // releasing the document then takes them along. It drops to 0 once the
 // document's `next` is cut, so siblings linked later by a caller are never
 // taken.
-constexpr size_t kHeapDocumentSize = kDocumentRecordSize + 8;
+constexpr size_t kHeapDocumentSize = kDocumentRecordSize + 8 + 3 * sizeof(XmlNode *);
+
+// Heap element and document records also carry three hidden links past the
+// record, zero when made: the splay trees over paths of the tree with which
+// a heap record's top is found in amortised O(log n) (see xml_top.cpp).
+// Session records have none: a session knows its trees' tops itself.
+constexpr size_t kHeapElementSize = kElementRecordSize + 3 * sizeof(XmlNode *);
 
 inline bool xmlIsHeapDocument(const XmlNode *node)
 {
@@ -182,6 +188,21 @@ XmlMemSession *xmlSessionOf(XmlNode *context);
 // when an ownerless attribute ends the walk. In a session tree the walk stops
 // at a record whose top the session remembers, and node's top is remembered.
 XmlNode *xmlTopOf(XmlNode *node);
+
+// Heap trees: the top record of a heap element or document (one without
+// parent is its own top). Changes only the hidden links.
+XmlNode *xmlHeapTopOf(XmlNode *node);
+// Before node, a heap record without parent, is linked under a parent.
+void xmlHeapBeforeLink(XmlNode *node);
+// Before node, a heap record with a parent, is unlinked from it.
+void xmlHeapBeforeCut(XmlNode *node);
+#ifdef KRVXML_TESTING
+namespace krv_test {
+// How many steps up a heap lookup walks before it uses the path links
+// (24 by default); 0 makes every lookup below a top record use them.
+void SetHeapShortWalk(int steps);
+}  // namespace krv_test
+#endif
 
 // Lets node's session remember that top is node's top record (nothing for a
 // heap record or an attribute), a fact that holds until the next unlink.

@@ -408,10 +408,16 @@ XmlNode *xmlTopOf(XmlNode *node)
     XmlMemSession *session = node != nullptr ? node->mem : nullptr;
     XmlNode *top = node;
     if (session == nullptr) {
-        while (top != nullptr && (xmlIsAttr(top) || top->parent != nullptr)) {
-            top = top->parent;
+        if (node == nullptr || !xmlIsAttr(node)) {
+            return node != nullptr ? xmlHeapTopOf(node) : nullptr;
         }
-        return top;
+        // A heap attribute answers by its owner, which XML_AddAttrNode may
+        // have taken from either regime.
+        XmlNode *owner = node->parent;
+        if (owner == nullptr) {
+            return nullptr;
+        }
+        return owner->mem == nullptr ? xmlHeapTopOf(owner) : xmlTopOf(owner);
     }
     // A session record: without loose trees the top of a linked record is
     // the owner (a record without parent answers for itself, an ownerless
@@ -610,6 +616,7 @@ XmlNode *xmlNewRecord(XmlMemSession *session, int32_t kind)
     size_t size = xmlRecordSize(kind);
     void *raw = session != nullptr ? xmlSessionTake(session, static_cast<int32_t>(size))
                 : size == kDocumentRecordSize ? krvHeapMalloc(kHeapDocumentSize)
+                : size == kElementRecordSize  ? krvHeapMalloc(kHeapElementSize)
                                               : krvHeapMalloc(size);
     if (raw == nullptr) {
         return nullptr;
@@ -620,7 +627,7 @@ XmlNode *xmlNewRecord(XmlMemSession *session, int32_t kind)
         if (size == kAttrRecordSize) {
             std::memset(raw, 0, kAttrRecordSize);
         } else if (size == kElementRecordSize) {
-            std::memset(raw, 0, kElementRecordSize);
+            std::memset(raw, 0, kHeapElementSize);
         } else {
             std::memset(raw, 0, kHeapDocumentSize);
         }
@@ -954,6 +961,9 @@ uint32_t KRV_XML_SetNode(XmlNode *node, const char *prefix, const char *name, co
 
 void xmlUnlink(XmlNode *node)
 {
+    if (node->mem == nullptr && node->parent != nullptr) {
+        xmlHeapBeforeCut(node);
+    }
     XmlNode *before = node->prev;
     if (before != nullptr) {
         before->next = node->next;

@@ -170,7 +170,7 @@ inline XmlNode *xmlParserNewNode(XmlMemSession *session, int32_t kind)
         return xmlHeapRecord(kAttrRecordSize, kKindAttribute);
     }
     if (session == nullptr && kind == KRV_XML_NODE_ELEMENT) {
-        return xmlHeapRecord(kElementRecordSize, kKindElement);
+        return xmlHeapRecord(kHeapElementSize, kKindElement);
     }
     return XML_NewNode(session, kind);
 }

@@ -319,6 +319,9 @@ uint32_t insertChild(XmlNode *parent, XmlNode *node, ChildPlace place)
     if (top == node || node->mem != top->mem) {
         return KRV_XML_ERR_INVALID_PARAM;  // a cycle, or mixed memory regimes
     }
+    if (node->mem == nullptr) {
+        xmlHeapBeforeLink(node);
+    }
     node->parent = parent;
     if (place == ChildPlace::First) {
         node->next = parent->firstChild;
@@ -361,6 +364,9 @@ uint32_t insertSibling(XmlNode *sibling, XmlNode *node, SiblingPlace place)
         return KRV_XML_ERR_INVALID_PARAM;
     }
     XmlNode *parent = sibling->parent;
+    if (node->mem == nullptr && parent != nullptr) {
+        xmlHeapBeforeLink(node);
+    }
     node->parent = parent;
     if (place == SiblingPlace::After) {
         node->prev = sibling;
