@@ -20,7 +20,8 @@
 //
 // Only insertion (a record without parent gets one) and unlinking (a record
 // loses its parent) change parents of existing heap records; both tell this
-// file first. Each lookup, link and cut costs amortised O(log n) splay
+// file first. (Printing a sub-tree clears its top's links for the walk and
+// restores them before any lookup can run.) Each lookup, link and cut costs amortised O(log n) splay
 // steps, plus a short walk that answers shallow trees without any.
 #include "xml/xml_internal.h"
 
