@@ -13,9 +13,9 @@
 //
 // BuildChain/regime/N: N elements made one by one, each appended under the one
 // made before it, then an attribute added at the tip. A session remembers the
-// top record of the last insertion, so its time per element should not grow
-// with N; a heap tree walks to its top on each insertion, so N = 30,000 costs
-// about 30 times as much per element as N = 1,000.
+// top record of the last insertion and a heap tree finds it through its path
+// links, so the time per element should not grow with N (for the heap, not
+// faster than log N).
 //
 // EditInOrder/regime/N: the attribute of each element of an N-deep chain set
 // anew, top down. The time per element should not grow with N in either
@@ -24,13 +24,18 @@
 // AddUpward/regime/N: an attribute added to each element of an N-deep
 // chain, from the deepest up. A session remembers the parent of the element
 // just edited, so its time per element should not grow with N; a heap tree
-// walks to its top for every attribute, as on insertion.
+// finds its top through the path links, in amortised O(log N).
 //
 // EditComb/regime/N: an attribute added to each element of a comb, in
 // document order: an N-deep spine whose every element has a leaf after its
 // spine child. In a session whose records all lie in its document no walk
-// is needed, so the time per element should not grow with N; heap trees
-// walk to the top for every attribute.
+// is needed, so the time per element should not grow with N; heap trees use
+// the path links.
+//
+// AddShuffledHoldingNew/regime/N: an attribute added to each element of an
+// N-deep chain in a shuffled order, while a new unlinked record is held.
+// Both regimes then use the path links: the time per element may grow as
+// log N, and with the cache misses of a random order, but not as N.
 //
 // RemoveIntoReusedHandle/regime/N: the side tree of each level of an N-deep
 // chain taken out through the C++ layer into one handle. The time per
@@ -50,6 +55,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -165,23 +171,30 @@ BENCHMARK_CAPTURE(EditInOrder, heap, false)->Arg(1000)->Arg(1000000)->Unit(bench
 
 // An attribute added to every element of a parsed text, in the order that
 // `collect` lists them.
+// With `holdNew`, a new record of the document's regime is held unlinked
+// meanwhile, as a caller does that builds something to insert later.
 void AddToEach(benchmark::State &state, bool session, const std::string &text,
-               void (*collect)(XmlNode *doc, std::vector<XmlNode *> &order))
+               void (*collect)(XmlNode *doc, std::vector<XmlNode *> &order), bool holdNew = false)
 {
     std::vector<XmlNode *> order;
     for (auto _ : state) {
         state.PauseTiming();
         XmlNode *doc = nullptr;
+        XmlNode *held = nullptr;
         uint32_t rc = session ? KRV_XML_ParseEx(text.c_str(), &doc) : KRV_XML_Parse(text.c_str(), &doc);
         order.clear();
         if (rc == KRV_XML_OK) {
             collect(doc, order);
+        }
+        if (rc == KRV_XML_OK && holdNew) {
+            rc = KRV_XML_CreateNodeEx(doc->mem, KRV_XML_NODE_ELEMENT, nullptr, "new", nullptr, &held);
         }
         state.ResumeTiming();
         for (size_t i = 0; i < order.size() && rc == KRV_XML_OK; ++i) {
             rc = KRV_XML_AddAttr(order[i], nullptr, "a", "1");
         }
         state.PauseTiming();
+        KRV_XML_FreeNode(held);
         KRV_XML_FreeNode(doc);
         state.ResumeTiming();
         if (rc != KRV_XML_OK) {
@@ -231,6 +244,24 @@ BENCHMARK_CAPTURE(EditComb, heap, false)->Arg(1000)->Arg(1000000)->Unit(benchmar
 
 BENCHMARK_CAPTURE(AddUpward, session, true)->Arg(1000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(AddUpward, heap, false)->Arg(1000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+
+// Attributes added to every element of an N-deep chain in a shuffled order
+// while a new record is held: a session then has a tree outside its
+// document, so its lookups cannot answer with the document.
+void AddShuffledHoldingNew(benchmark::State &state, bool session)
+{
+    AddToEach(
+        state, session, repeated("<e>", "</e>", state.range(0)),
+        [](XmlNode *doc, std::vector<XmlNode *> &order) {
+            for (XmlNode *e = doc; e != nullptr; e = e->firstChild) {
+                order.push_back(e);
+            }
+            std::shuffle(order.begin(), order.end(), std::mt19937(12345));
+        },
+        true);
+}
+BENCHMARK_CAPTURE(AddShuffledHoldingNew, session, true)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(AddShuffledHoldingNew, heap, false)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 // The side tree of every level of an N-deep chain taken out through the C++
 // layer into one reused handle, which releases the one taken before. The

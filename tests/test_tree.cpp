@@ -13,6 +13,7 @@
 using krvfuzz::Dump;
 using krvtest::Document;
 using krvtest::Element;
+using krvtest::Failing;
 using krvtest::Str;
 
 namespace {
@@ -308,12 +309,14 @@ TEST(Tree, EditsAgreeWithAWalkToTheTop)
     using Insert = uint32_t (*)(XmlNode *, XmlNode *);
     const Insert inserts[] = {KRV_XML_AppendChildNode, KRV_XML_AddFirstChildNode, KRV_XML_AddNextSiblingNode,
                               KRV_XML_AddPrevSiblingNode};
-    for (int regime : {0, 1, 2}) {
-        // Heap lookups walk a few steps before they use the path links;
-        // regime 1 makes every one below a top record use them.
-        const bool session = regime == 2;
-        SCOPED_TRACE(regime == 0 ? "heap" : regime == 1 ? "heap, path links only" : "session");
-        krv_test::SetHeapShortWalk(regime == 1 ? 0 : 24);
+    for (int regime : {0, 1, 2, 3}) {
+        // Lookups walk a few steps before they use the path links; regimes
+        // 1 and 3 make every one below a top record use them (a session's
+        // only while it has trees outside its document).
+        const bool session = regime >= 2;
+        const char *names[] = {"heap", "heap, path links only", "session", "session, path links only"};
+        SCOPED_TRACE(names[regime]);
+        krv_test::SetShortWalk(regime % 2 == 1 ? 0 : 24);
         krvtest::LeakGuard guard;
         XmlNode *doc = Document(session);
         XmlNode *keep = Element("e", doc->mem);  // takes slot 0 for "e"
@@ -427,7 +430,80 @@ TEST(Tree, EditsAgreeWithAWalkToTheTop)
             KRV_XML_FreeNode(*n);
         }
     }
-    krv_test::SetHeapShortWalk(24);
+    krv_test::SetShortWalk(24);
+}
+
+// A session keeps its records' path links in a table on the heap, which
+// lookups make and grow. Without memory for it every lookup must still give
+// the right top, by walking, and an unlink that could not update the links
+// must leave none that mislead a later lookup. The script only takes out,
+// links and looks up, so every allocation it meets is the table's.
+TEST(Tree, SessionLookupsAgreeWhenThePathLinksHaveNoMemory)
+{
+    constexpr int kDepth = 1000;
+    struct Fixture {
+        XmlNode *doc = nullptr;
+        XmlNode *loose = nullptr;  // keeps the document's shortcut off
+        std::vector<XmlNode *> chain;
+    };
+    auto setup = [] {
+        Fixture f;
+        std::string text;
+        for (int i = 0; i < kDepth; ++i) {
+            text += "<e>";
+        }
+        for (int i = 0; i < kDepth; ++i) {
+            text += "</e>";
+        }
+        EXPECT_EQ(KRV_XML_ParseEx(text.c_str(), &f.doc), KRV_XML_OK);
+        for (XmlNode *e = f.doc; e != nullptr; e = e->firstChild) {
+            f.chain.push_back(e);
+        }
+        f.loose = Element("t", f.doc->mem);
+        return f;
+    };
+    auto topOf = [](XmlNode *n) {
+        while (n->parent != nullptr) {
+            n = n->parent;
+        }
+        return n;
+    };
+    auto attempt = [&topOf](Fixture &f) {
+        uint32_t seed = 7;
+        auto lookups = [&](int count) {
+            for (int i = 0; i < count; ++i) {
+                seed = seed * 1103515245u + 12345u;
+                XmlNode *e = f.chain[(seed >> 16) % f.chain.size()];
+                EXPECT_EQ(xmlTopOf(e), topOf(e)) << "record " << ((seed >> 16) % f.chain.size());
+            }
+        };
+        // Links for the lower half only; it goes back under the upper half,
+        // found by a walk, so the next cut needs entries up to the top.
+        EXPECT_EQ(KRV_XML_RemoveNode(f.chain[500]), KRV_XML_OK);
+        EXPECT_EQ(xmlTopOf(f.chain[999]), f.chain[500]);
+        krv_test::SetShortWalk(kDepth);
+        EXPECT_EQ(KRV_XML_AppendChildNode(f.chain[499], f.chain[500]), KRV_XML_OK);
+        krv_test::SetShortWalk(0);
+        EXPECT_EQ(KRV_XML_RemoveNode(f.chain[700]), KRV_XML_OK);
+        lookups(200);
+        EXPECT_EQ(KRV_XML_AppendChildNode(f.loose, f.chain[700]), KRV_XML_OK);
+        lookups(200);
+        EXPECT_EQ(KRV_XML_RemoveNode(f.chain[250]), KRV_XML_OK);
+        EXPECT_EQ(KRV_XML_AppendChildNode(f.chain[400], f.chain[250]), KRV_XML_ERR_INVALID_PARAM) << "a cycle";
+        EXPECT_EQ(KRV_XML_AppendChildNode(f.chain[999], f.chain[250]), KRV_XML_OK);
+        lookups(400);
+        return KRV_XML_OK;
+    };
+    auto finish = [](uint32_t, Fixture &f) {
+        EXPECT_EQ(krvfuzz::CheckLinks(f.doc), "");
+        KRV_XML_FreeNode(f.doc);
+    };
+    krv_test::SetShortWalk(0);
+    for (Failing failing : {Failing::OnlyKth, Failing::KthOnward}) {
+        long points = krvtest::SweepAllocationFailures(setup, attempt, finish, failing, true);
+        EXPECT_GE(points, 3) << "the table is made, grown in a lookup and grown in a cut";
+    }
+    krv_test::SetShortWalk(24);
 }
 
 // A session without trees outside its document answers every lookup with

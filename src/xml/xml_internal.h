@@ -196,11 +196,41 @@ XmlNode *xmlHeapTopOf(XmlNode *node);
 void xmlHeapBeforeLink(XmlNode *node);
 // Before node, a heap record with a parent, is unlinked from it.
 void xmlHeapBeforeCut(XmlNode *node);
+
+// Session trees keep the same links in a table of their session, made on
+// the first lookup that needs it (a null table: every record's links zero).
+struct SessionPaths;
+// The top record of node, an element or document of the table's session;
+// null when the table could not grow, and the caller walks instead.
+XmlNode *xmlSessionPathTop(SessionPaths *&table, XmlNode *node);
+// As the heap functions above, for a non-null table. A cut that cannot be
+// prepared releases the table, which is always correct.
+void xmlSessionBeforeLink(SessionPaths *&table, XmlNode *node);
+void xmlSessionBeforeCut(SessionPaths *&table, XmlNode *node);
+void xmlSessionPathsFree(SessionPaths *table);
+// Most lookups are answered by a few steps up: only deeper trees use the
+// path links.
+#ifdef KRVXML_TESTING
+extern int xmlShortWalkSteps;
+#else
+constexpr int xmlShortWalkSteps = 24;
+#endif
+// Before node, a session record without parent, gets one.
+void xmlSessionRecordBeforeLink(XmlNode *node);
+// Before node, a record without parent, gets one: tells its regime's links.
+inline void xmlBeforeLink(XmlNode *node)
+{
+    if (node->mem == nullptr) {
+        xmlHeapBeforeLink(node);
+    } else {
+        xmlSessionRecordBeforeLink(node);
+    }
+}
 #ifdef KRVXML_TESTING
 namespace krv_test {
-// How many steps up a heap lookup walks before it uses the path links
-// (24 by default); 0 makes every lookup below a top record use them.
-void SetHeapShortWalk(int steps);
+// How many steps up a lookup walks before it uses the path links (24 by
+// default); 0 makes every lookup below a top record use them.
+void SetShortWalk(int steps);
 }  // namespace krv_test
 #endif
 

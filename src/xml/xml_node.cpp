@@ -76,6 +76,7 @@ struct TopFacts {
     XmlNode *top[3];
     XmlNode *owner;  // the document owning the session, once built; else null
     int64_t loose;   // loose trees of the session (see xmlNoteOwner)
+    SessionPaths *paths;  // path links of its records (see xml_top.cpp)
 };
 
 size_t firstBlockBytes(int32_t capacity)
@@ -354,6 +355,7 @@ int32_t XML_MemSessionEnd(XmlMemSession *session)
     if (session == nullptr) {
         return 0;
     }
+    xmlSessionPathsFree(factsOf(session)->paths);
     SessionIndex *index = session->index;
     if (index != nullptr) {
         for (SessionSlab *slab = index->slabs; slab != nullptr;) {
@@ -403,6 +405,44 @@ XmlMemSession *xmlSessionOf(XmlNode *context)
     return top->mem;
 }
 
+namespace {
+
+// Replaces at by its top when the session remembers it.
+inline bool knownTop(const TopFacts *facts, XmlNode *&at)
+{
+    for (int i = 0; i < 3; ++i) {
+        if (at == facts->node[i]) {
+            at = facts->top[i];
+            return true;
+        }
+    }
+    return false;
+}
+
+// The top of at, a record of a session tree far from its top: from the path
+// links, or by a walk when they have no memory. Only the session's own
+// elements are in its table; an attribute taken from elsewhere is walked.
+__attribute__((noinline)) XmlNode *deepSessionTop(XmlMemSession *session, XmlNode *at)
+{
+    TopFacts *facts = factsOf(session);
+    bool asked = false;
+    while (at != nullptr && (xmlIsAttr(at) || at->parent != nullptr)) {
+        if (knownTop(facts, at)) {
+            break;
+        }
+        if (!asked && at->mem == session && !xmlIsAttr(at)) {
+            asked = true;
+            if (XmlNode *top = xmlSessionPathTop(facts->paths, at)) {
+                return top;
+            }
+        }
+        at = at->parent;
+    }
+    return at;
+}
+
+}  // namespace
+
 XmlNode *xmlTopOf(XmlNode *node)
 {
     XmlMemSession *session = node != nullptr ? node->mem : nullptr;
@@ -422,22 +462,18 @@ XmlNode *xmlTopOf(XmlNode *node)
     // A session record: without loose trees the top of a linked record is
     // the owner (a record without parent answers for itself, an ownerless
     // attribute with null, as the walk would); otherwise the walk ends early
-    // at a record whose top is known.
+    // at a record whose top is known, or after a few steps asks the path
+    // links of the session's records.
     const TopFacts *facts = factsOf(session);
     if (facts->owner != nullptr && facts->loose == 0 && node->parent != nullptr) {
         top = facts->owner;
     }
-    while (top != nullptr && (xmlIsAttr(top) || top->parent != nullptr)) {
-        if (top == facts->node[0]) {
-            top = facts->top[0];
+    for (int steps = xmlShortWalkSteps; top != nullptr && (xmlIsAttr(top) || top->parent != nullptr); --steps) {
+        if (knownTop(facts, top)) {
             break;
         }
-        if (top == facts->node[1]) {
-            top = facts->top[1];
-            break;
-        }
-        if (top == facts->node[2]) {
-            top = facts->top[2];
+        if (steps == 0) {
+            top = deepSessionTop(session, top);
             break;
         }
         top = top->parent;
@@ -959,10 +995,21 @@ uint32_t KRV_XML_SetNode(XmlNode *node, const char *prefix, const char *name, co
     return XML_SetNode(node, node, prefix, name, value);
 }
 
+void xmlSessionRecordBeforeLink(XmlNode *node)
+{
+    if (SessionPaths *&paths = factsOf(node->mem)->paths; paths != nullptr) {
+        xmlSessionBeforeLink(paths, node);
+    }
+}
+
 void xmlUnlink(XmlNode *node)
 {
-    if (node->mem == nullptr && node->parent != nullptr) {
-        xmlHeapBeforeCut(node);
+    if (node->parent != nullptr) {
+        if (node->mem == nullptr) {
+            xmlHeapBeforeCut(node);
+        } else if (SessionPaths *&paths = factsOf(node->mem)->paths; paths != nullptr) {
+            xmlSessionBeforeCut(paths, node);
+        }
     }
     XmlNode *before = node->prev;
     if (before != nullptr) {

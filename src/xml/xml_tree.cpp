@@ -319,9 +319,7 @@ uint32_t insertChild(XmlNode *parent, XmlNode *node, ChildPlace place)
     if (top == node || node->mem != top->mem) {
         return KRV_XML_ERR_INVALID_PARAM;  // a cycle, or mixed memory regimes
     }
-    if (node->mem == nullptr) {
-        xmlHeapBeforeLink(node);
-    }
+    xmlBeforeLink(node);
     node->parent = parent;
     if (place == ChildPlace::First) {
         node->next = parent->firstChild;
@@ -364,8 +362,8 @@ uint32_t insertSibling(XmlNode *sibling, XmlNode *node, SiblingPlace place)
         return KRV_XML_ERR_INVALID_PARAM;
     }
     XmlNode *parent = sibling->parent;
-    if (node->mem == nullptr && parent != nullptr) {
-        xmlHeapBeforeLink(node);
+    if (parent != nullptr) {
+        xmlBeforeLink(node);
     }
     node->parent = parent;
     if (place == SiblingPlace::After) {

@@ -241,8 +241,8 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
     // Inputs of even length find heap tops through the path links alone,
     // which the shallow trees made here would otherwise never use.
     struct ShortWalk {
-        explicit ShortWalk(int steps) { krv_test::SetHeapShortWalk(steps); }
-        ~ShortWalk() { krv_test::SetHeapShortWalk(24); }
+        explicit ShortWalk(int steps) { krv_test::SetShortWalk(steps); }
+        ~ShortWalk() { krv_test::SetShortWalk(24); }
     } shortWalk(size % 2 == 0 ? 0 : 24);
     ByteReader in(data, size);
     Pool pool;
