@@ -223,6 +223,19 @@ TEST(Routing, AllocationsFollowTheTree)
     EXPECT_EQ(krv_test::LiveBlocks(), live);
     EXPECT_EQ(XML_Malloc(doc, uint64_t{1} << 40), nullptr) << "no heap fallback";
     KRV_XML_FreeNode(doc);
+
+    // The other way round: a session's attribute on a heap element answers by
+    // that element, also while its session needs no walks for its own records.
+    XmlNode *parsed = nullptr;
+    ASSERT_EQ(KRV_XML_ParseEx("<r/>", &parsed), KRV_XML_OK);
+    XmlNode *heapOwner = Element("h");
+    XmlNode *carvedAttr = XML_NewNode(parsed->mem, KRV_XML_NODE_ATTRIBUTE);
+    ASSERT_EQ(XML_AddAttrNode(carvedAttr, heapOwner), KRV_XML_OK);
+    EXPECT_EQ(xmlTopOf(carvedAttr), heapOwner);
+    EXPECT_EQ(xmlSessionOf(carvedAttr), nullptr);
+    heapOwner->firstAttr = nullptr;  // unlinked by hand: the record stays in its session
+    KRV_XML_FreeNode(heapOwner);
+    KRV_XML_FreeNode(parsed);
 }
 
 // ===== NodeStore ============================================================

@@ -459,6 +459,11 @@ XmlNode *xmlTopOf(XmlNode *node)
         }
         return owner->mem == nullptr ? xmlHeapTopOf(owner) : xmlTopOf(owner);
     }
+    // A session attribute that XML_AddAttrNode gave to an owner of another
+    // regime answers by that owner, as a heap attribute does.
+    if (xmlIsAttr(node) && node->parent != nullptr && node->parent->mem != session) {
+        return xmlTopOf(node->parent);
+    }
     // A session record: without loose trees the top of a linked record is
     // the owner (a record without parent answers for itself, an ownerless
     // attribute with null, as the walk would); otherwise the walk ends early
