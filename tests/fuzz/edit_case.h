@@ -238,8 +238,9 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
                                        KRV_XML_AddNextSiblingNode, KRV_XML_AddPrevSiblingNode};
     static const Print kPrints[3] = {KRV_XML_Transform, KRV_XML_TransformHead, KRV_XML_TransformTail};
     const long live = krv_test::LiveBlocks();
-    // Inputs of even length find heap tops through the path links alone,
-    // which the shallow trees made here would otherwise never use.
+    // Inputs of even length find tops through the path links alone (heap
+    // trees, and session trees while the session has loose trees), which
+    // the shallow trees made here would otherwise never use.
     struct ShortWalk {
         explicit ShortWalk(int steps) { krv_test::SetShortWalk(steps); }
         ~ShortWalk() { krv_test::SetShortWalk(24); }
