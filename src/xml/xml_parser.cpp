@@ -1434,7 +1434,7 @@ int firstRepeat(XmlParser *p, const FastAttr *attrs, int count)
     if (w == nullptr) {
         return -1;
     }
-    Span spans[TagNames::kFilterNames];
+    Span spans[TagNames::kFilterNames] = {};  // i is at most kFilterNames
     for (int j = 0; j < i; ++j) {
         spans[j] = {attrs[j].name, attrs[j].nameLen};
     }
