@@ -8,8 +8,19 @@
 # profile (-fprofile-partial-training), so code outside the trained paths
 # loses nothing. A 1 MB session parse gains about a tenth.
 #
-# Run with -P, this file does the renaming step: RAW and USE name the
-# directories.
+# Run with -P, this file does the renaming step (RAW and USE name the
+# directories), or with CHECK set, checks that USE holds counts for each of
+# SOURCES ('|' between them) under the name the library's compile looks for.
+if(CMAKE_SCRIPT_MODE_FILE AND CHECK)
+  string(REPLACE "|" ";" SOURCES "${SOURCES}")
+  foreach(_s IN LISTS SOURCES)
+    string(REPLACE "/" "#" _name "CMakeFiles/krvxml.dir/${_s}.gcda")
+    if(NOT EXISTS "${USE}/${_name}")
+      message(FATAL_ERROR "no counts for ${_s}: ${USE}/${_name} is missing")
+    endif()
+  endforeach()
+  return()
+endif()
 if(CMAKE_SCRIPT_MODE_FILE)
   file(REMOVE_RECURSE ${USE})
   file(MAKE_DIRECTORY ${USE})
@@ -66,3 +77,13 @@ add_dependencies(krvxml krvxml_pgo_profile)
 target_compile_options(krvxml PRIVATE -fprofile-use -fprofile-dir=${_pgo}/use
   --param=profile-func-internal-id=1
   -fprofile-partial-training -Wno-missing-profile ${_prefix})
+
+# With names relative to the build tree, a test checks that every source of
+# the library was compiled with counts: a change in how the compiler names
+# them would otherwise only make the library slower.
+if(KRVXML_BUILD_TESTS AND KRVXML_HAVE_PROFILE_PREFIX)
+  string(REPLACE ";" "|" _sources "${KRVXML_SOURCES}")
+  add_test(NAME Build.ProfileCountsForEverySource
+    COMMAND ${CMAKE_COMMAND} -DCHECK=1 -DUSE=${_pgo}/use -DSOURCES=${_sources}
+            -P ${CMAKE_CURRENT_LIST_FILE})
+endif()
