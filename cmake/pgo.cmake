@@ -71,9 +71,16 @@ add_custom_command(OUTPUT ${_pgo}/profile.stamp
   VERBATIM)
 add_custom_target(krvxml_pgo_profile DEPENDS ${_pgo}/profile.stamp)
 
-# The library's objects are compiled after the training; a new profile
-# alone does not recompile them (an older profile only optimizes less).
+# The library's objects are compiled after the training. An edit of a
+# library source recompiles that source with new counts; the others keep
+# theirs, which still describe them. An edit of the training changes the
+# library's compile line through this digest, so that all of it is compiled
+# again with the new counts.
 add_dependencies(krvxml krvxml_pgo_profile)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/pgo_train.cpp)
+file(MD5 ${CMAKE_CURRENT_LIST_DIR}/pgo_train.cpp _training)
+string(SUBSTRING ${_training} 0 12 _training)
+target_compile_definitions(krvxml PRIVATE KRVXML_PGO_TRAINING=${_training})
 target_compile_options(krvxml PRIVATE -fprofile-use -fprofile-dir=${_pgo}/use
   --param=profile-func-internal-id=1
   -fprofile-partial-training -Wno-missing-profile ${_prefix})
