@@ -5,7 +5,8 @@
 // fixed seed), not taken from any benchmark input, so that the profile
 // describes common XML rather than one corpus: records with a varying number
 // of attributes, prefixed names, references and CDATA now and then, text in
-// leaves, some depth.
+// leaves, some depth, LF or CRLF line ends, both quotes; and one large
+// document.
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -54,7 +55,13 @@ void run(Rng &r, std::string &out, uint32_t most)
     }
 }
 
-void element(Rng &r, std::string &out, uint32_t depth)
+// Line breaks and indents: LF and spaces, or CRLF and tabs.
+struct Layout {
+    const char *indent;
+    const char *end;
+};
+
+void element(Rng &r, std::string &out, uint32_t depth, const Layout &layout)
 {
     bool prefixed = r.below(6) == 0;
     std::string name = prefixed ? "p:" : "";
@@ -68,9 +75,11 @@ void element(Rng &r, std::string &out, uint32_t depth)
         out += r.below(10) == 0 ? "p:" : "";
         out += kWords[(i * 5 + r.below(2)) % kWordCount];
         out += std::to_string(i);
-        out += "=\"";
+        char quote = r.below(6) == 0 ? '\'' : '"';
+        out += '=';
+        out += quote;
         run(r, out, r.below(4) == 0 ? 48 : 12);
-        out += '"';
+        out += quote;
     }
     uint32_t shape = r.below(8);
     if (depth > 12 || shape < 3) {
@@ -89,27 +98,35 @@ void element(Rng &r, std::string &out, uint32_t depth)
         out += '>';
         uint32_t children = 1 + r.below(depth < 2 ? 60 : 6);
         for (uint32_t i = 0; i < children; ++i) {
-            out += "\n  ";
+            out += layout.indent;
             if (r.below(40) == 0) {
                 out += "<!-- note -->";
             }
-            element(r, out, depth + 1);
+            element(r, out, depth + 1, layout);
         }
-        out += "\n</" + name + '>';
+        out += layout.end;
+        out += "</" + name + '>';
     }
 }
 
-std::string document(uint64_t seed)
+// A document of `top` elements under its root.
+std::string document(uint64_t seed, int top)
 {
     Rng r{seed};
+    Layout layout = seed % 4 == 0 ? Layout{"\r\n\t", "\r\n"} : Layout{"\n  ", "\n"};
     std::string out = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<root xmlns:p=\"urn:p\">";
-    for (int i = 0; i < 40; ++i) {
-        out += "\n";
-        element(r, out, 1);
+    for (int i = 0; i < top; ++i) {
+        out += layout.end;
+        element(r, out, 1, layout);
     }
-    out += "\n</root>\n";
+    out += layout.end;
+    out += "</root>\n";
     return out;
 }
+
+// About 5.6 MB: a session tree of it passes 16 MB, where the parser starts
+// asking for memory ahead.
+constexpr int kLargeTop = 1500;
 
 int exercise(const std::string &text, bool session)
 {
@@ -140,12 +157,14 @@ int exercise(const std::string &text, bool session)
 int main()
 {
     for (uint64_t seed = 1; seed <= 24; ++seed) {
-        std::string text = document(seed);
+        std::string text = document(seed, 40);
         for (int pass = 0; pass < 4; ++pass) {
             if (exercise(text, true) != 0 || exercise(text, false) != 0) {
                 return 1;
             }
         }
     }
-    return 0;
+    // One document large enough for the paths of large sessions.
+    std::string text = document(25, kLargeTop);
+    return exercise(text, true) != 0 || exercise(text, false) != 0 ? 1 : 0;
 }
