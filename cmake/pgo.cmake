@@ -43,6 +43,13 @@ set(_pgo ${CMAKE_BINARY_DIR}/pgo)
 # where the compiler can (g++ 12), so that a deep build tree stays within
 # the longest file name.
 include(CheckCXXCompilerFlag)
+# Without partial training (g++ before 10), functions the training never ran
+# would be optimized for size: build without a profile instead.
+check_cxx_compiler_flag(-fprofile-partial-training KRVXML_HAVE_PARTIAL_TRAINING)
+if(NOT KRVXML_HAVE_PARTIAL_TRAINING)
+  message(STATUS "krvxml: no -fprofile-partial-training, building without a profile")
+  return()
+endif()
 check_cxx_compiler_flag(-fprofile-prefix-path=/ KRVXML_HAVE_PROFILE_PREFIX)
 set(_prefix)
 if(KRVXML_HAVE_PROFILE_PREFIX)
