@@ -6,7 +6,7 @@
 # are renamed to the object paths of krvxml and krvxml is compiled with
 # -fprofile-use. Functions the training never ran are optimized as without a
 # profile (-fprofile-partial-training), so code outside the trained paths
-# loses nothing. A 1 MB session parse gains about a tenth.
+# loses nothing. A 1 MB session parse is 6 to 17 % faster.
 #
 # Run with -P, this file does the renaming step (RAW and USE name the
 # directories), or with CHECK set, checks that USE holds counts for each of
@@ -39,9 +39,6 @@ if(CMAKE_SCRIPT_MODE_FILE)
 endif()
 
 set(_pgo ${CMAKE_BINARY_DIR}/pgo)
-# Count files are named after the object's path; relative to the build tree
-# where the compiler can (g++ 12), so that a deep build tree stays within
-# the longest file name.
 include(CheckCXXCompilerFlag)
 # Without partial training (g++ before 10), functions the training never ran
 # would be optimized for size: build without a profile instead.
@@ -50,6 +47,9 @@ if(NOT KRVXML_HAVE_PARTIAL_TRAINING)
   message(STATUS "krvxml: no -fprofile-partial-training, building without a profile")
   return()
 endif()
+# Count files are named after the object's path; relative to the build tree
+# where the compiler can (g++ 12), so that a deep build tree stays within
+# the longest file name.
 check_cxx_compiler_flag(-fprofile-prefix-path=/ KRVXML_HAVE_PROFILE_PREFIX)
 set(_prefix)
 if(KRVXML_HAVE_PROFILE_PREFIX)
