@@ -55,10 +55,13 @@ void run(Rng &r, std::string &out, uint32_t most)
     }
 }
 
-// Line breaks and indents: LF and spaces, or CRLF and tabs.
+// Line breaks and indents: LF and spaces, or CRLF and tabs; attributes
+// after one space, or each on a line of its own, and sometimes a space
+// before a tag's end.
 struct Layout {
     const char *indent;
     const char *end;
+    const char *beforeAttr;
 };
 
 void element(Rng &r, std::string &out, uint32_t depth, const Layout &layout)
@@ -71,7 +74,7 @@ void element(Rng &r, std::string &out, uint32_t depth, const Layout &layout)
     out += name;
     uint32_t attrs = r.below(9);
     for (uint32_t i = 0; i < attrs; ++i) {
-        out += ' ';
+        out += layout.beforeAttr;
         out += r.below(10) == 0 ? "p:" : "";
         out += kWords[(i * 5 + r.below(2)) % kWordCount];
         out += std::to_string(i);
@@ -82,6 +85,9 @@ void element(Rng &r, std::string &out, uint32_t depth, const Layout &layout)
         out += quote;
     }
     uint32_t shape = r.below(8);
+    if (r.below(4) == 0) {
+        out += ' ';
+    }
     if (depth > 12 || shape < 3) {
         out += "/>";
     } else if (shape < 6 || depth > 6) {
@@ -113,7 +119,10 @@ void element(Rng &r, std::string &out, uint32_t depth, const Layout &layout)
 std::string document(uint64_t seed, int top)
 {
     Rng r{seed};
-    Layout layout = seed % 4 == 0 ? Layout{"\r\n\t", "\r\n"} : Layout{"\n  ", "\n"};
+    Layout layout = seed % 4 == 0 ? Layout{"\r\n\t", "\r\n", " "} : Layout{"\n  ", "\n", " "};
+    if (seed % 3 == 0) {
+        layout.beforeAttr = seed % 4 == 0 ? "\r\n\t\t" : "\n    ";
+    }
     std::string out = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<root xmlns:p=\"urn:p\">";
     for (int i = 0; i < top; ++i) {
         out += layout.end;
