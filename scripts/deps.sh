@@ -2,7 +2,7 @@
 # Installs the Debian packages the build and tests need, when any is missing.
 # Needs root for apt-get; without root it only reports what is missing.
 set -euo pipefail
-pkgs=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev
+pkgs=(cmake ninja-build g++ clang llvm-14 libclang-rt-14-dev libgtest-dev libgmock-dev
       libbenchmark-dev pkg-config valgrind python3 "$@")
 missing=()
 for p in "${pkgs[@]}"; do
