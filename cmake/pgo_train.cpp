@@ -5,8 +5,8 @@
 // fixed seed), not taken from any benchmark input, so that the profile
 // describes common XML rather than one corpus: records with a varying number
 // of attributes, prefixed names, references and CDATA now and then, text in
-// leaves, some depth, LF or CRLF line ends, both quotes; and one large
-// document.
+// leaves, some depth, LF or CRLF line ends, attributes after one space or
+// each on a line of its own, both quotes; and one large document.
 #include <cstdint>
 #include <cstdio>
 #include <string>
