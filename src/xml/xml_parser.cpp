@@ -7,10 +7,10 @@
 // uses the C library's scans (strstr, strchr, memchr), 16-byte block scans
 // and the byte classes below, so no byte is looked at more than a constant
 // number of times.
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 
+#include "xml/xml_hash.h"
 #include "xml/xml_parser_internal.h"
 
 using namespace xmlp;
@@ -147,105 +147,14 @@ struct AttrSet {
     uint64_t key[2];    // drawn when the set is first built
 };
 
-inline uint64_t rotl(uint64_t x, int b)
-{
-    return (x << b) | (x >> (64 - b));
-}
-
-// SipHash-1-3 over a byte stream: a keyed hash with no known way to find
-// collisions without the key.
-struct SipHash {
-    uint64_t v[4];
-    uint64_t word = 0;
-    uint64_t length = 0;
-
-    explicit SipHash(const uint64_t key[2])
-        : v{key[0] ^ 0x736f6d6570736575ull, key[1] ^ 0x646f72616e646f6dull,
-            key[0] ^ 0x6c7967656e657261ull, key[1] ^ 0x7465646279746573ull}
-    {
-    }
-    void round()
-    {
-        v[0] += v[1];
-        v[1] = rotl(v[1], 13) ^ v[0];
-        v[0] = rotl(v[0], 32);
-        v[2] += v[3];
-        v[3] = rotl(v[3], 16) ^ v[2];
-        v[0] += v[3];
-        v[3] = rotl(v[3], 21) ^ v[0];
-        v[2] += v[1];
-        v[1] = rotl(v[1], 17) ^ v[2];
-        v[2] = rotl(v[2], 32);
-    }
-    void compress(uint64_t m)
-    {
-        v[3] ^= m;
-        round();
-        v[0] ^= m;
-    }
-    void add(unsigned char c)
-    {
-        word |= static_cast<uint64_t>(c) << (8 * (length & 7));
-        if ((++length & 7) == 0) {
-            compress(word);
-            word = 0;
-        }
-    }
-    void add(const char *s)
-    {
-        for (; s != nullptr && *s != '\0'; ++s) {
-            add(static_cast<unsigned char>(*s));
-        }
-    }
-    // The len bytes at s, on a fresh hash: eight at a time.
-    void addFresh(const char *s, size_t len)
-    {
-        for (; length + 8 <= len; length += 8) {
-            uint64_t m;
-            std::memcpy(&m, s + length, 8);
-            compress(m);
-        }
-        for (; length < len; ++length) {
-            auto c = static_cast<unsigned char>(s[length]);
-            word |= static_cast<uint64_t>(c) << (8 * (length & 7));
-        }
-    }
-    uint64_t finish()
-    {
-        compress(word | (length << 56));
-        v[2] ^= 0xff;
-        round();
-        round();
-        round();
-        return v[0] ^ v[1] ^ v[2] ^ v[3];
-    }
-};
-
 // Hash bits of a's prefix and name, NUL between them (a name holds no NUL).
 uint32_t attrHash(const AttrSet *set, const XmlNode *a)
 {
-    SipHash h(set->key);
+    XmlSipHash h(set->key);
     h.add(a->nsPrefix);
     h.add(static_cast<unsigned char>(0));
     h.add(a->name);
     return static_cast<uint32_t>(h.finish() >> 32);
-}
-
-uint64_t mix64(uint64_t x)
-{
-    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
-    x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
-    return x ^ (x >> 31);
-}
-
-// A key no text can foresee: the clock and the addresses of the new slots
-// and of the stack, which differ from process to process.
-void drawKey(uint64_t key[2], const void *slots)
-{
-    auto ticks = static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
-    auto stack = reinterpret_cast<uintptr_t>(&ticks);
-    key[0] = mix64(ticks ^ mix64(reinterpret_cast<uintptr_t>(slots)));
-    key[1] = mix64(key[0] ^ stack);
 }
 
 // Puts an entry (hash bits in its upper half) in the first free slot from
@@ -296,7 +205,7 @@ bool attrSetGrow(AttrSet *set, XmlNode *list, uint32_t listCount)
     auto *records = reinterpret_cast<XmlNode **>(slots + capacity);
     auto mask = static_cast<uint32_t>(capacity - 1);
     if (set->slots == nullptr) {
-        drawKey(set->key, slots);
+        xmlDrawKey(set->key, slots);
         set->slots = slots;
         set->records = records;
         set->mask = mask;
@@ -1378,7 +1287,7 @@ int firstRepeatMany(const FastAttr *attrs, int count)
         return -1;
     }
     uint64_t key[2];
-    drawKey(key, slots);
+    xmlDrawKey(key, slots);
     auto mask = static_cast<uint32_t>(size - 1);
     auto same = [attrs](uint64_t entry, uint32_t hash, const FastAttr &a) {
         const FastAttr &b = attrs[static_cast<uint32_t>(entry) - 1];
@@ -1388,7 +1297,7 @@ int firstRepeatMany(const FastAttr *attrs, int count)
     int repeat = count;
     for (int i = 0; i < count && repeat == count; ++i) {
         const FastAttr &a = attrs[i];
-        SipHash h(key);
+        XmlSipHash h(key);
         h.addFresh(a.name, a.nameLen);
         auto hash = static_cast<uint32_t>(h.finish() >> 32);
         uint32_t at = hash & mask;
