@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -749,6 +750,216 @@ TEST(Attributes, BothWalksVisitEveryAttributeInOrder)
     EXPECT_TRUE(std::string(p) + n + v == "???" && cursor == nullptr) << "nothing written on failure";
     KRV_XML_FreeNode(el);
     KRV_XML_FreeNode(holder);
+}
+
+// Lists longer than the first stretch that searches walk get an index; every
+// edit must keep the answers a plain walk of the list would give. A seeded run
+// of random edits grows lists well past that stretch and shrinks them below
+// it again, in each place an element's index is kept, against a model.
+TEST(Attributes, LongListsAnswerAsAWalkWouldThroughEveryEdit)
+{
+    struct Item {
+        const char *prefix;  // null or one of the pool's
+        std::string name, value;
+        XmlNode *record;
+    };
+    static const char *const kPrefixes[] = {nullptr, "p", "q"};
+    for (int place = 0; place < 4; ++place) {
+        static const char *const kPlaces[] = {"heap element", "heap document", "session element", "session document"};
+        SCOPED_TRACE(kPlaces[place]);
+        krvtest::LeakGuard guard;
+        XmlNode *top = place == 0 ? Element("e") : Document(place >= 2);
+        XmlNode *el = top;
+        if (place == 2) {
+            el = Element("e", top->mem);
+            ASSERT_EQ(KRV_XML_AppendChildNode(top, el), KRV_XML_OK);
+        }
+        std::vector<Item> model;
+        std::mt19937 rng(static_cast<unsigned>(7 + place));
+        auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
+        auto first = [&](const char *prefix, const std::string &name) {
+            return std::find_if(model.begin(), model.end(), [&](const Item &i) {
+                return Str(i.prefix) == Str(prefix) && i.name == name;
+            });
+        };
+        auto expectSame = [&](int step) {
+            const XmlNode *a = el->firstAttr;
+            for (const Item &i : model) {
+                ASSERT_TRUE(a == i.record && a->parent == el && Str(a->nsPrefix) == Str(i.prefix) && a->name == i.name &&
+                            Str(a->value) == i.value)
+                    << "step " << step << " at " << i.name;
+                a = a->next;
+            }
+            ASSERT_EQ(a, nullptr) << "step " << step;
+        };
+        size_t longest = 0;
+        for (int step = 0; step < 6000; ++step) {
+            // Grow for a while, then shrink, then grow again.
+            int addPercent = step < 2000 ? 55 : step < 4000 ? 12 : 45;
+            const char *prefix = kPrefixes[pick(3)];
+            std::string name = "n" + std::to_string(pick(300));
+            if (!model.empty() && pick(2) == 0) {
+                const Item &known = model[pick(model.size())];
+                prefix = known.prefix;
+                name = known.name;
+            }
+            std::string value = "v" + std::to_string(step);
+            auto found = first(prefix, name);
+            int roll = static_cast<int>(pick(100));
+            if (roll < addPercent) {
+                uint32_t rc = KRV_XML_AddAttr(el, prefix, name.c_str(), value.c_str());
+                ASSERT_EQ(rc, found != model.end() ? KRV_XML_ERR_ALREADY_EXISTS : KRV_XML_OK) << step;
+                if (rc == KRV_XML_OK) {
+                    XmlNode *last = el->firstAttr;
+                    while (last->next != nullptr) {
+                        last = last->next;
+                    }
+                    model.push_back(Item{prefix, name, value, last});
+                }
+            } else if (roll < addPercent + 30) {
+                uint32_t rc = KRV_XML_RemoveAttr(el, prefix, name.c_str());
+                ASSERT_EQ(rc, found != model.end() ? KRV_XML_OK : KRV_XML_ERR_NOT_FOUND) << step;
+                if (found != model.end()) {
+                    model.erase(found);
+                }
+            } else if (roll < addPercent + 40) {
+                const char *got = "?";
+                uint32_t rc = found != model.end() ? KRV_XML_SetAttr(el, prefix, name.c_str(), value.c_str())
+                                                   : KRV_XML_GetAttr(el, prefix, name.c_str(), &got);
+                ASSERT_EQ(rc, found != model.end() ? KRV_XML_OK : KRV_XML_ERR_NOT_FOUND) << step;
+                if (found != model.end()) {
+                    found->value = value;
+                }
+            } else if (!model.empty() && roll < addPercent + 50) {
+                // Renames, through both setters; some make two attributes
+                // share prefix and name, which is allowed.
+                Item &item = model[pick(model.size())];
+                const char *newPrefix = pick(4) == 0 ? "" : prefix;
+                bool exported = pick(2) == 0;
+                uint32_t rc = exported ? KRV_XML_SetNode(item.record, newPrefix, name.c_str(), nullptr)
+                                       : XML_SetNode(top, item.record, newPrefix, name.c_str(), nullptr);
+                ASSERT_EQ(rc, KRV_XML_OK) << step;
+                // "" clears the prefix through the exported setter only; null
+                // keeps it.
+                if (newPrefix != nullptr && newPrefix[0] == '\0') {
+                    item.prefix = exported ? nullptr : item.prefix;
+                } else if (newPrefix != nullptr) {
+                    item.prefix = newPrefix;
+                }
+                item.name = name;
+            } else if (!model.empty() && roll < addPercent + 55) {
+                size_t at = pick(model.size());
+                KRV_XML_FreeNode(model[at].record);
+                model.erase(model.begin() + static_cast<std::ptrdiff_t>(at));
+            }
+            longest = std::max(longest, model.size());
+            expectSame(step);
+            if (::testing::Test::HasFatalFailure()) {
+                return;
+            }
+            if (step % 100 == 0) {
+                for (const Item &i : model) {
+                    const char *got = "?";
+                    ASSERT_EQ(KRV_XML_GetAttr(el, i.prefix, i.name.c_str(), &got), KRV_XML_OK);
+                    EXPECT_EQ(Str(got), first(i.prefix, i.name)->value) << "the first of equal keys answers";
+                }
+            }
+        }
+        EXPECT_GT(longest, 4 * kAttrWalk);
+        XmlNode *copy = nullptr;
+        ASSERT_EQ(KRV_XML_CloneNodeSelf(el, &copy), KRV_XML_OK);
+        EXPECT_EQ(attrList(copy), attrList(el));
+        KRV_XML_FreeNode(copy);
+        KRV_XML_FreeNode(top);
+    }
+}
+
+// XML_AddAttrNode links a record with the records after it: appends to a
+// long list still go after the last of them, and all of them are found, also
+// after a rename of one that names no owner.
+TEST(Attributes, ChainsLinkedToALongListAreFollowedToTheirEnd)
+{
+    krvtest::LeakGuard guard;
+    XmlNode *el = Element("e");
+    auto lastNames = [&] {  // the list from "head" on
+        std::string out;
+        for (const XmlNode *a = el->firstAttr; a != nullptr; a = a->next) {
+            out += out.empty() && std::string(a->name) != "head" ? "" : std::string(a->name) + " ";
+        }
+        return out;
+    };
+    for (size_t i = 0; i < 2 * kAttrWalk; ++i) {
+        ASSERT_EQ(KRV_XML_AddAttr(el, nullptr, ("a" + std::to_string(i)).c_str(), "v"), KRV_XML_OK);
+    }
+    XmlNode *head = XML_NewNode(nullptr, KRV_XML_NODE_ATTRIBUTE);
+    XmlNode *second = XML_NewNode(nullptr, KRV_XML_NODE_ATTRIBUTE);
+    ASSERT_EQ(XML_SetNode(nullptr, head, nullptr, "head", "1"), KRV_XML_OK);
+    ASSERT_EQ(XML_SetNode(nullptr, second, nullptr, "second", "2"), KRV_XML_OK);
+    head->next = second;
+    ASSERT_EQ(XML_AddAttrNode(head, el), KRV_XML_OK);  // second keeps its null owner
+    ASSERT_EQ(KRV_XML_AddAttr(el, nullptr, "after", "3"), KRV_XML_OK);
+    EXPECT_EQ(lastNames(), "head second after ");
+    const char *got = nullptr;
+    EXPECT_EQ(KRV_XML_GetAttr(el, nullptr, "second", &got), KRV_XML_OK);
+    EXPECT_EQ(KRV_XML_AddAttr(el, nullptr, "second", "dup"), KRV_XML_ERR_ALREADY_EXISTS);
+    ASSERT_EQ(KRV_XML_SetNode(second, nullptr, "renamed", nullptr), KRV_XML_OK);
+    EXPECT_EQ(KRV_XML_GetAttr(el, nullptr, "second", &got), KRV_XML_ERR_NOT_FOUND);
+    EXPECT_EQ(KRV_XML_RemoveAttr(el, nullptr, "renamed"), KRV_XML_OK);
+    EXPECT_EQ(lastNames(), "head after ");
+    KRV_XML_FreeNode(el);
+}
+
+// An index is only a shortcut: when its memory runs out, at its build, its
+// growth or its session's table, the append still succeeds and the list still
+// answers every search; a later append builds it again.
+TEST(Attributes, LongListsKeepAnsweringWhenTheIndexGetsNoMemory)
+{
+    auto name = [](size_t i) { return "a" + std::to_string(i); };
+    // Every attribute answers with its value, and an attribute added last
+    // is found, refused a second time and removed again.
+    auto answersAll = [&](XmlNode *el, size_t count) {
+        size_t seen = 0;
+        for (const XmlNode *a = el->firstAttr; a != nullptr; a = a->next, ++seen) {
+            const char *got = nullptr;
+            EXPECT_EQ(KRV_XML_GetAttr(el, nullptr, a->name, &got), KRV_XML_OK);
+            EXPECT_EQ(got, a->value);
+        }
+        EXPECT_EQ(seen, count);
+        EXPECT_EQ(KRV_XML_AddAttr(el, nullptr, "extra", "x"), KRV_XML_OK);
+        EXPECT_EQ(KRV_XML_AddAttr(el, nullptr, "extra", "y"), KRV_XML_ERR_ALREADY_EXISTS);
+        EXPECT_EQ(KRV_XML_RemoveAttr(el, nullptr, name(count / 2).c_str()), KRV_XML_OK);
+        EXPECT_EQ(KRV_XML_AddAttr(el, nullptr, name(count / 2).c_str(), "back"), KRV_XML_OK);
+        std::string list = attrList(el), tail = " extra=x " + name(count / 2) + "=back";
+        EXPECT_EQ(list.substr(list.size() - std::min(list.size(), tail.size())), tail);
+    };
+    // Appends that build the index (the 17th, into 128 slots) and that grow
+    // it (the 65th).
+    for (size_t before : {kAttrWalk, size_t{64}}) {
+        for (bool session : {false, true}) {
+            SCOPED_TRACE(std::string(session ? "session" : "heap") + ", appending to " + std::to_string(before));
+            struct Fixture {
+                XmlNode *top, *el;
+            };
+            long points = krvtest::SweepAllocationFailures(
+                [&] {
+                    XmlNode *top = Document(session);
+                    XmlNode *el = Element("e", top->mem);
+                    EXPECT_EQ(KRV_XML_AppendChildNode(top, el), KRV_XML_OK);
+                    for (size_t i = 0; i < before; ++i) {
+                        EXPECT_EQ(KRV_XML_AddAttr(el, nullptr, name(i).c_str(), "v"), KRV_XML_OK);
+                    }
+                    return Fixture{top, el};
+                },
+                [&](Fixture f) { return KRV_XML_AddAttr(f.el, nullptr, name(before).c_str(), "new"); },
+                [&](uint32_t rc, Fixture f) {
+                    ASSERT_TRUE(rc == KRV_XML_OK || rc == KRV_XML_ERR_NO_MEMORY) << rc;
+                    answersAll(f.el, before + (rc == KRV_XML_OK ? 1 : 0));
+                    KRV_XML_FreeNode(f.top);
+                },
+                Failing::OnlyKth, true);
+            EXPECT_GE(points, 1) << "the index's own allocations are among those failed";
+        }
+    }
 }
 
 // ===== Clone ================================================================

@@ -59,13 +59,16 @@ inline bool xmlIsAttr(const XmlNode *node)
 // releasing the document then takes them along. It drops to 0 once the
 // document's `next` is cut, so siblings linked later by a caller are never
 // taken.
-constexpr size_t kHeapDocumentSize = kDocumentRecordSize + 8 + 3 * sizeof(XmlNode *);
-
+//
 // Heap element and document records also carry three hidden links past the
 // record, zero when made: the splay trees over paths of the tree with which
 // a heap record's top is found in amortised O(log n) (see xml_top.cpp).
-// Session records have none: a session knows its trees' tops itself.
-constexpr size_t kHeapElementSize = kElementRecordSize + 3 * sizeof(XmlNode *);
+// Session records have none: a session knows its trees' tops itself. The
+// last hidden word, also zero when made, holds the index of a long attribute
+// list (see xml_attrs.cpp).
+constexpr size_t kHeapDocumentSize = kDocumentRecordSize + 8 + 4 * sizeof(XmlNode *);
+constexpr size_t kHeapElementSize = kElementRecordSize + 4 * sizeof(XmlNode *);
+constexpr size_t kHeapDocumentLinks = kDocumentRecordSize + 8;  // where the links begin
 
 inline bool xmlIsHeapDocument(const XmlNode *node)
 {
@@ -263,6 +266,11 @@ XmlNode *xmlKnownTopForLeaf(const XmlNode *at, const XmlNode *node);
 // null when memory ran out. XML_NewNode, less the count of loose trees.
 XmlNode *xmlNewRecord(XmlMemSession *session, int32_t kind);
 
+// XML_SetNode for a record that is not an attribute in a list: the index of
+// its owner's list (see xml_attrs.cpp) is not kept.
+uint32_t xmlSetStrings(XmlNode *context, XmlNode *node, const char *prefix, const char *name,
+                       const char *value);
+
 // XML_AddAttrNode, less the count of loose trees.
 uint32_t xmlAddAttrNode(XmlNode *attr, XmlNode *element);
 
@@ -286,6 +294,51 @@ void xmlUnlink(XmlNode *node);
 // First attribute of the element that matches prefix and name, or null.
 // Prefix null matches only attributes without prefix; likewise the name.
 XmlNode *xmlGetAttr(XmlNode *element, const char *prefix, const char *name);
+
+// ----- The index of long attribute lists (xml_attrs.cpp) -----
+//
+// Searches, appends and removals walk this many attributes of a list before
+// they ask its element's index; a list that grows longer gets one.
+constexpr size_t kAttrWalk = 16;
+struct AttrIndex;
+// element's index, or null when it has none (an element or document).
+AttrIndex *xmlAttrIndexOf(XmlNode *element);
+// The attribute with prefix and name (compared as xmlGetAttr does), or null.
+XmlNode *xmlAttrIndexFind(const AttrIndex *index, const char *prefix, const char *name);
+// The last attribute of the indexed list.
+XmlNode *xmlAttrIndexTail(const AttrIndex *index);
+// Writes attr's predecessor (null for the first) to *prev; false when attr
+// is not in the list.
+bool xmlAttrIndexPrev(const AttrIndex *index, const XmlNode *attr, XmlNode **prev);
+// attr, whose key no other attribute of the element has, was just linked
+// after prev at the end of element's list, which has `length` attributes
+// now when the element has no index. Keeps the index, or builds one for a
+// long list. Never fails: without memory the element goes without one.
+void xmlAttrIndexAppended(XmlNode *element, XmlNode *attr, XmlNode *prev, size_t length);
+// attr, after prev in element's list, is about to be unlinked.
+void xmlAttrIndexCut(XmlNode *element, XmlNode *attr, XmlNode *prev);
+// Around a change of an attribute's prefix or name: Forget takes attr out of
+// its owner's index, Restore puts it back under its key then (or drops the
+// index when another attribute has that key).
+struct AttrRekey {
+    AttrIndex *index;
+    XmlNode *prev;
+};
+AttrRekey xmlAttrIndexForget(XmlNode *attr);
+void xmlAttrIndexRestore(XmlNode *attr, const AttrRekey &rekey);
+// Releases the index of an element or document about to be freed to the
+// heap (nothing for a session record: its session releases the index).
+void xmlAttrIndexRelease(XmlNode *element);
+// A session's table of indexes, and its release when the session ends.
+struct SessionAttrIndexes;
+SessionAttrIndexes *&xmlSessionAttrIndexes(XmlMemSession *session);
+void xmlSessionAttrIndexesFree(SessionAttrIndexes *table);
+
+// Writes attr's predecessor in element's list (null for the first) to
+// *before; false when attr is not in that list.
+bool xmlAttrBefore(XmlNode *element, const XmlNode *attr, XmlNode **before);
+// Unlinks attr, after `before` in element's list, keeping the list's index.
+void xmlCutAttr(XmlNode *element, XmlNode *attr, XmlNode *before);
 
 // Moves node's owned name into the first matching or empty slot of the
 // document's name table, releasing the former string by the release rule.

@@ -77,6 +77,7 @@ struct TopFacts {
     XmlNode *owner;  // the document owning the session, once built; else null
     int64_t loose;   // loose trees of the session (see xmlNoteOwner)
     SessionPaths *paths;  // path links of its records (see xml_top.cpp)
+    SessionAttrIndexes *attrIndexes;  // indexes of long attribute lists
 };
 
 size_t firstBlockBytes(int32_t capacity)
@@ -356,6 +357,7 @@ int32_t XML_MemSessionEnd(XmlMemSession *session)
         return 0;
     }
     xmlSessionPathsFree(factsOf(session)->paths);
+    xmlSessionAttrIndexesFree(factsOf(session)->attrIndexes);
     SessionIndex *index = session->index;
     if (index != nullptr) {
         for (SessionSlab *slab = index->slabs; slab != nullptr;) {
@@ -367,6 +369,11 @@ int32_t XML_MemSessionEnd(XmlMemSession *session)
     }
     krvHeapFree(session);
     return 1;
+}
+
+SessionAttrIndexes *&xmlSessionAttrIndexes(XmlMemSession *session)
+{
+    return factsOf(session)->attrIndexes;
 }
 
 int32_t xmlSessionSlabRoom(const XmlMemSession *session)
@@ -684,12 +691,20 @@ XmlNode *xmlNewRecord(XmlMemSession *session, int32_t kind)
     return node;
 }
 
-uint32_t XML_SetNode(XmlNode *context, XmlNode *node, const char *prefix, const char *name,
-                     const char *value)
+namespace {
+
+// An attribute whose prefix or name may change leaves its owner's index for
+// the change and joins it again under its new key.
+bool mayRekey(const XmlNode *node, const char *prefix, const char *name)
 {
-    if (node == nullptr) {
-        return KRV_XML_ERR_INVALID_PARAM;
-    }
+    return xmlIsAttr(node) && node->parent != nullptr && (prefix != nullptr || name != nullptr);
+}
+
+}  // namespace
+
+uint32_t xmlSetStrings(XmlNode *context, XmlNode *node, const char *prefix, const char *name,
+                       const char *value)
+{
     // The routing is decided once: the tree does not change during the call.
     XmlMemSession *session = xmlSessionOf(context);
     char *newPrefix = nullptr;
@@ -728,6 +743,21 @@ uint32_t XML_SetNode(XmlNode *context, XmlNode *node, const char *prefix, const 
     return KRV_XML_OK;
 }
 
+uint32_t XML_SetNode(XmlNode *context, XmlNode *node, const char *prefix, const char *name,
+                     const char *value)
+{
+    if (node == nullptr) {
+        return KRV_XML_ERR_INVALID_PARAM;
+    }
+    if (!mayRekey(node, prefix, name)) {
+        return xmlSetStrings(context, node, prefix, name, value);
+    }
+    AttrRekey rekey = xmlAttrIndexForget(node);
+    uint32_t rc = xmlSetStrings(context, node, prefix, name, value);
+    xmlAttrIndexRestore(node, rekey);
+    return rc;
+}
+
 // ===== Releasing ===========================================================
 
 namespace {
@@ -738,6 +768,9 @@ void releaseRecord(XmlMemSession *session, XmlNode *node)
 {
     if (session != nullptr) {
         return;
+    }
+    if (!xmlIsAttr(node)) {
+        xmlAttrIndexRelease(node);
     }
     if (node->nameOwned) {
         krvHeapFree(node->name);
@@ -883,6 +916,7 @@ void XML_FreeNode(XmlNode *node)
         for (;;) {
             if (!chainEnds) {
                 XmlNode *next = cur->next;
+                xmlAttrIndexRelease(cur);
                 batch.addRecord(cur);
                 if (next != nullptr) {
                     cur = next;
@@ -978,6 +1012,11 @@ uint32_t KRV_XML_SetNode(XmlNode *node, const char *prefix, const char *name, co
     bool clearPrefix = prefix != nullptr && prefix[0] == '\0';
     bool clearName = name != nullptr && name[0] == '\0';
     bool clearValue = value != nullptr && value[0] == '\0';
+    AttrRekey rekey{nullptr, nullptr};
+    bool rekeys = mayRekey(node, prefix, name);
+    if (rekeys) {
+        rekey = xmlAttrIndexForget(node);
+    }
     if (clearPrefix || clearName || clearValue) {
         XmlMemSession *session = xmlSessionOf(node);
         if (clearPrefix) {
@@ -997,7 +1036,11 @@ uint32_t KRV_XML_SetNode(XmlNode *node, const char *prefix, const char *name, co
             node->value = nullptr;
         }
     }
-    return XML_SetNode(node, node, prefix, name, value);
+    uint32_t rc = xmlSetStrings(node, node, prefix, name, value);
+    if (rekeys) {
+        xmlAttrIndexRestore(node, rekey);
+    }
+    return rc;
 }
 
 void xmlSessionRecordBeforeLink(XmlNode *node)
@@ -1075,18 +1118,12 @@ void KRV_XML_FreeNode(XmlNode *node)
             XML_FreeSingleAttrNode(node);  // an ownerless session record stays put
             return;
         }
-        if (owner->firstAttr == node) {
-            owner->firstAttr = node->next;
+        XmlNode *before = nullptr;
+        if (xmlAttrBefore(owner, node, &before)) {
+            xmlCutAttr(owner, node, before);
         } else {
-            XmlNode *a = owner->firstAttr;
-            while (a != nullptr && a->next != node) {
-                a = a->next;
-            }
-            if (a != nullptr) {
-                a->next = node->next;
-            }
+            node->next = nullptr;  // not in its owner's list: nothing to unlink
         }
-        node->next = nullptr;
         XML_FreeSingleNode(node);  // routed by the owner's tree: parent still set
         return;
     }

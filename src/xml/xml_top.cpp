@@ -46,16 +46,15 @@ bool untouched(const PathLinks &l)
 struct InRecord {
     static PathLinks &at(XmlNode *node)
     {
-        size_t offset = node->kind == kKindDocument ? kHeapDocumentSize - sizeof(PathLinks)
-                                                    : kElementRecordSize;
+        size_t offset = node->kind == kKindDocument ? kHeapDocumentLinks : kElementRecordSize;
         return *reinterpret_cast<PathLinks *>(reinterpret_cast<unsigned char *>(node) + offset);
     }
     static const PathLinks &peek(XmlNode *node) { return at(node); }
     static PathLinks *claim(XmlNode *node) { return &at(node); }
 };
 
-static_assert(kHeapElementSize == kElementRecordSize + sizeof(PathLinks) &&
-                  kHeapDocumentSize >= kDocumentRecordSize + 8 + sizeof(PathLinks),
+static_assert(kHeapElementSize >= kElementRecordSize + sizeof(PathLinks) + sizeof(void *) &&
+                  kHeapDocumentSize >= kHeapDocumentLinks + sizeof(PathLinks) + sizeof(void *),
               "heap records have room for the path links");
 
 }  // namespace

@@ -36,16 +36,67 @@ void readAttr(const XmlNode *attr, const char **prefix, const char **name, const
     *value = attr->value;
 }
 
+// The first attribute of element with prefix and name, or null; with
+// `before`, its predecessor (null for the first) is written there. Past the
+// first kAttrWalk attributes, the index of a long list answers.
+XmlNode *findAttr(XmlNode *element, const char *prefix, const char *name, XmlNode **before)
+{
+    XmlNode *prev = nullptr;
+    size_t walked = 0;
+    for (XmlNode *a = element->firstAttr; a != nullptr; prev = a, a = a->next) {
+        if (sameText(a->nsPrefix, prefix) && sameText(a->name, name)) {
+            if (before != nullptr) {
+                *before = prev;
+            }
+            return a;
+        }
+        if (++walked == kAttrWalk && a->next != nullptr) {
+            if (const AttrIndex *index = xmlAttrIndexOf(element)) {
+                XmlNode *found = xmlAttrIndexFind(index, prefix, name);
+                if (found != nullptr && before != nullptr) {
+                    xmlAttrIndexPrev(index, found, before);
+                }
+                return found;
+            }
+        }
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 XmlNode *xmlGetAttr(XmlNode *element, const char *prefix, const char *name)
 {
-    for (XmlNode *a = element->firstAttr; a != nullptr; a = a->next) {
-        if (sameText(a->nsPrefix, prefix) && sameText(a->name, name)) {
-            return a;
+    return findAttr(element, prefix, name, nullptr);
+}
+
+bool xmlAttrBefore(XmlNode *element, const XmlNode *attr, XmlNode **before)
+{
+    XmlNode *prev = nullptr;
+    size_t walked = 0;
+    for (XmlNode *a = element->firstAttr; a != nullptr; prev = a, a = a->next) {
+        if (a == attr) {
+            *before = prev;
+            return true;
+        }
+        if (++walked == kAttrWalk && a->next != nullptr) {
+            if (const AttrIndex *index = xmlAttrIndexOf(element)) {
+                return xmlAttrIndexPrev(index, attr, before);
+            }
         }
     }
-    return nullptr;
+    return false;
+}
+
+void xmlCutAttr(XmlNode *element, XmlNode *attr, XmlNode *before)
+{
+    xmlAttrIndexCut(element, attr, before);
+    if (before == nullptr) {
+        element->firstAttr = attr->next;
+    } else {
+        before->next = attr->next;
+    }
+    attr->next = nullptr;
 }
 
 uint32_t XML_AddAttrNode(XmlNode *attr, XmlNode *element)
@@ -63,13 +114,24 @@ uint32_t xmlAddAttrNode(XmlNode *attr, XmlNode *element)
     if (attr == nullptr || element == nullptr || xmlIsAttr(element)) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    // One pass finds both a duplicate and the end of the list.
+    // One pass finds both a duplicate and the end of the list; past the
+    // first kAttrWalk attributes, the index of a long list answers both.
     XmlNode *last = nullptr;
+    size_t length = 0;
     for (XmlNode *a = element->firstAttr; a != nullptr; a = a->next) {
         if (sameText(a->nsPrefix, attr->nsPrefix) && sameText(a->name, attr->name)) {
             return KRV_XML_ERR_ALREADY_EXISTS;
         }
         last = a;
+        if (++length == kAttrWalk && a->next != nullptr) {
+            if (const AttrIndex *index = xmlAttrIndexOf(element)) {
+                if (xmlAttrIndexFind(index, attr->nsPrefix, attr->name) != nullptr) {
+                    return KRV_XML_ERR_ALREADY_EXISTS;
+                }
+                last = xmlAttrIndexTail(index);
+                break;
+            }
+        }
     }
     if (last == nullptr) {
         element->firstAttr = attr;
@@ -77,6 +139,7 @@ uint32_t xmlAddAttrNode(XmlNode *attr, XmlNode *element)
         last->next = attr;
     }
     attr->parent = element;
+    xmlAttrIndexAppended(element, attr, last, length + 1);
     return KRV_XML_OK;
 }
 
@@ -487,22 +550,12 @@ uint32_t KRV_XML_RemoveAttr(XmlNode *element, const char *prefix, const char *na
     if (!isElementShaped(element) || name == nullptr) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    prefix = prefixOrNull(prefix);
     XmlNode *before = nullptr;
-    XmlNode *attr = element->firstAttr;
-    while (attr != nullptr && !(sameText(attr->nsPrefix, prefix) && sameText(attr->name, name))) {
-        before = attr;
-        attr = attr->next;
-    }
+    XmlNode *attr = findAttr(element, prefixOrNull(prefix), name, &before);
     if (attr == nullptr) {
         return KRV_XML_ERR_NOT_FOUND;
     }
-    if (before == nullptr) {
-        element->firstAttr = attr->next;
-    } else {
-        before->next = attr->next;
-    }
-    attr->next = nullptr;
+    xmlCutAttr(element, attr, before);
     // `parent` still names the element, so the release follows its tree.
     XML_FreeSingleNode(attr);
     return KRV_XML_OK;
@@ -529,7 +582,7 @@ struct CloneTarget {
 // stay linked under copy, for the caller to release with it.
 uint32_t copyContent(const XmlNode *source, XmlNode *copy, const CloneTarget &target)
 {
-    uint32_t rc = XML_SetNode(target.top, copy, source->nsPrefix, source->name, source->value);
+    uint32_t rc = xmlSetStrings(target.top, copy, source->nsPrefix, source->name, source->value);
     if (rc != KRV_XML_OK) {
         return rc;
     }
@@ -542,7 +595,7 @@ uint32_t copyContent(const XmlNode *source, XmlNode *copy, const CloneTarget &ta
         ac->parent = copy;
         *tail = ac;
         tail = &ac->next;
-        rc = XML_SetNode(target.top, ac, a->nsPrefix, a->name, a->value);
+        rc = xmlSetStrings(target.top, ac, a->nsPrefix, a->name, a->value);  // no index yet
         if (rc != KRV_XML_OK) {
             return rc;
         }
