@@ -344,7 +344,15 @@ KRV_XML_API uint32_t KRV_XML_AddPrevSiblingNode(XmlNode *sibling, XmlNode *node)
  * Strings passed in are copied in the regime of the element's tree: from its
  * document's memory session when it has one, from the heap otherwise. In a
  * tree headed by a document, the attribute's name moves into the document's
- * name table as for inserted nodes. */
+ * name table as for inserted nodes.
+ *
+ * Cost: once these functions have made an element's list longer than 16
+ * attributes, the element keeps a hash index of it, and each call (and each
+ * search by KRV_XML_GetAttr and the typed attribute functions) costs O(1) on
+ * average however long the list is. The index takes at most 96 bytes of
+ * heap per attribute, counted at the list's longest, and goes with the
+ * element, or with its session. A list made by the parser gets one at its
+ * first append. */
 
 /* Appends a new attribute prefix:name with a copy of value (null or "": no
  * value) to the element's attribute list.

@@ -932,9 +932,9 @@ TEST(Attributes, LongListsKeepAnsweringWhenTheIndexGetsNoMemory)
         std::string list = attrList(el), tail = " extra=x " + name(count / 2) + "=back";
         EXPECT_EQ(list.substr(list.size() - std::min(list.size(), tail.size())), tail);
     };
-    // Appends that build the index (the 17th, into 128 slots) and that grow
-    // it (the 65th).
-    for (size_t before : {kAttrWalk, size_t{64}}) {
+    // Appends that build the index (the 17th, into 64 slots) and that grow
+    // it (the 33rd).
+    for (size_t before : {kAttrWalk, size_t{32}}) {
         for (bool session : {false, true}) {
             SCOPED_TRACE(std::string(session ? "session" : "heap") + ", appending to " + std::to_string(before));
             struct Fixture {

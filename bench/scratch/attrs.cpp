@@ -1,5 +1,6 @@
-// Adds N attributes to one element one call at a time, then sets each again:
-// the time of both loops.   attrs N [h|s]   (h: heap tree, s: session)
+// Adds N attributes to one element one call at a time, sets each again, and
+// removes them last first: the time of each loop.
+//   attrs N [h|s]   (h: heap tree, s: session)
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -27,7 +28,13 @@ int main(int argc, char **argv)
         if (KRV_XML_SetAttr(el, nullptr, name.c_str(), "w") != 0) return 2;
     }
     auto t2 = std::chrono::steady_clock::now();
-    std::printf("%d attrs %s: add %.3f s, set %.3f s\n", n, session ? "session" : "heap",
-                std::chrono::duration<double>(t1 - t0).count(), std::chrono::duration<double>(t2 - t1).count());
+    for (int i = n - 1; i >= 0; --i) {
+        std::string name = "a" + std::to_string(i);
+        if (KRV_XML_RemoveAttr(el, nullptr, name.c_str()) != 0) return 3;
+    }
+    auto t3 = std::chrono::steady_clock::now();
+    std::printf("%d attrs %s: add %.3f s, set %.3f s, remove %.3f s\n", n, session ? "session" : "heap",
+                std::chrono::duration<double>(t1 - t0).count(), std::chrono::duration<double>(t2 - t1).count(),
+                std::chrono::duration<double>(t3 - t2).count());
     KRV_XML_FreeNode(doc);
 }

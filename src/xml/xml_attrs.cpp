@@ -246,8 +246,8 @@ AttrIndex *build(XmlNode *element)
     for (const XmlNode *a = element->firstAttr; a != nullptr; a = a->next) {
         ++length;
     }
-    size_t slots = 64;
-    while (slots < 4 * length) {
+    size_t slots = 64;  // the first growth comes at the 33rd attribute
+    while (slots < 2 * length) {
         slots *= 2;
     }
     auto *index = static_cast<AttrIndex *>(krvHeapMalloc(sizeof(AttrIndex)));
