@@ -41,6 +41,10 @@
 // chain taken out through the C++ layer into one handle. The time per
 // removal should not grow with N.
 //
+// WideElement/regime/N: N attributes added to one element one call at a
+// time, each then read and the last first removed. A list longer than 16
+// attributes gets an index, so the time per attribute should not grow with N.
+//
 // Parse, Print, Clone, Free at 1 MB and 100 MB of the same synthetic
 // document, heap and session regimes: the time per byte should be flat.
 // The documents come from bench/make_corpus (KRVBENCH_CORPUS overrides the
@@ -262,6 +266,42 @@ void AddShuffledHoldingNew(benchmark::State &state, bool session)
 }
 BENCHMARK_CAPTURE(AddShuffledHoldingNew, session, true)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(AddShuffledHoldingNew, heap, false)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+void WideElement(benchmark::State &state, bool session)
+{
+    const auto n = static_cast<size_t>(state.range(0));
+    std::vector<std::string> names(n);
+    for (size_t i = 0; i < n; ++i) {
+        names[i] = "a" + std::to_string(i * 7919 % 1000003);
+    }
+    for (auto _ : state) {
+        XmlNode *doc = nullptr;
+        if ((session ? KRV_XML_ParseEx("<r/>", &doc) : KRV_XML_Parse("<r/>", &doc)) != KRV_XML_OK) {
+            state.SkipWithError("parse failed");
+            return;
+        }
+        XmlNode *el = doc->firstChild != nullptr ? doc->firstChild : doc;
+        bool ok = true;
+        for (const std::string &name : names) {
+            ok = ok && KRV_XML_AddAttr(el, nullptr, name.c_str(), "v") == KRV_XML_OK;
+        }
+        for (const std::string &name : names) {
+            const char *value = nullptr;
+            ok = ok && KRV_XML_GetAttr(el, nullptr, name.c_str(), &value) == KRV_XML_OK;
+        }
+        for (auto it = names.rbegin(); it != names.rend(); ++it) {
+            ok = ok && KRV_XML_RemoveAttr(el, nullptr, it->c_str()) == KRV_XML_OK;
+        }
+        KRV_XML_FreeNode(doc);
+        if (!ok) {
+            state.SkipWithError("an attribute call failed");
+            return;
+        }
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * n));
+}
+BENCHMARK_CAPTURE(WideElement, session, true)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(WideElement, heap, false)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 // The side tree of every level of an N-deep chain taken out through the C++
 // layer into one reused handle, which releases the one taken before. The

@@ -458,6 +458,21 @@ inline std::string RunEditCase(const uint8_t *data, size_t size)
             if (seen != expect || cursor != nullptr) {
                 failure = "the attribute cursor did not visit each attribute once";
             }
+            // A search answers with the first attribute of equal prefix and
+            // name in list order, as a walk finds it (long lists use an index).
+            for (const XmlNode *a = n->firstAttr; a != nullptr && failure.empty(); a = a->next) {
+                if (a->name == nullptr || (a->nsPrefix != nullptr && a->nsPrefix[0] == '\0')) {
+                    continue;  // no search names it
+                }
+                const XmlNode *first = n->firstAttr;
+                while (!(SameText(first->nsPrefix, a->nsPrefix) && SameText(first->name, a->name))) {
+                    first = first->next;
+                }
+                const char *got = nullptr;
+                if (KRV_XML_GetAttr(n, a->nsPrefix, a->name, &got) != KRV_XML_OK || got != first->value) {
+                    failure = "an attribute search disagrees with a walk of the list";
+                }
+            }
             if (KRV_XML_GetNodeChildNum(n, &children) != KRV_XML_OK || children != CountList(n->firstChild)) {
                 failure = "child count disagrees with the child list";
             }
