@@ -346,13 +346,15 @@ KRV_XML_API uint32_t KRV_XML_AddPrevSiblingNode(XmlNode *sibling, XmlNode *node)
  * tree headed by a document, the attribute's name moves into the document's
  * name table as for inserted nodes.
  *
- * Cost: once these functions have made an element's list longer than 16
- * attributes, the element keeps a hash index of it, and each call (and each
- * search by KRV_XML_GetAttr and the typed attribute functions) costs O(1) on
- * average however long the list is. The index takes at most 96 bytes of
- * heap per attribute, counted at the list's longest, and goes with the
- * element, or with its session. A list made by the parser gets one at its
- * first append. */
+ * Cost: the first of these calls (or of KRV_XML_SetAttrValueEx, or of
+ * KRV_XML_FreeNode on an attribute) that meets a list longer than 16
+ * attributes gives the element a hash index of it; from then on each call,
+ * and each search by KRV_XML_GetAttr, KRV_XML_GetNextSiblingAttr and
+ * KRV_XML_GetAttrValueEx, costs O(1) on average however long the list is.
+ * Searches alone never build one, so that threads may read one tree at the
+ * same time; on a parsed list they walk it until an edit has met it. The
+ * index takes at most 96 bytes of heap per attribute, counted at the list's
+ * longest, and goes with the element, or with its session. */
 
 /* Appends a new attribute prefix:name with a copy of value (null or "": no
  * value) to the element's attribute list.

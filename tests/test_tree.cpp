@@ -765,16 +765,31 @@ TEST(Attributes, LongListsAnswerAsAWalkWouldThroughEveryEdit)
     };
     static const char *const kPrefixes[] = {nullptr, "p", "q"};
     for (int place = 0; place < 4; ++place) {
-        static const char *const kPlaces[] = {"heap element", "heap document", "session element", "session document"};
+        static const char *const kPlaces[] = {"heap element", "parsed heap document", "session element",
+                                              "parsed session document"};
         SCOPED_TRACE(kPlaces[place]);
         krvtest::LeakGuard guard;
-        XmlNode *top = place == 0 ? Element("e") : Document(place >= 2);
+        // The documents start as parsed lists of 40 attributes, which have
+        // no index until an edit meets them.
+        const bool parsed = place == 1 || place == 3;
+        std::string text = "<e";
+        for (int i = 0; i < 40; ++i) {
+            text += " a" + std::to_string(i) + "='v" + std::to_string(i) + "'";
+        }
+        XmlNode *top = place == 0 ? Element("e") : parsed ? krvtest::MustParse(text + "/>", place == 3) : Document(true);
+        ASSERT_NE(top, nullptr);
         XmlNode *el = top;
         if (place == 2) {
             el = Element("e", top->mem);
             ASSERT_EQ(KRV_XML_AppendChildNode(top, el), KRV_XML_OK);
         }
+        // Indexes of two places number their entries close to the end of
+        // the range, so that the numbers wrap while the list is edited.
+        krv_test::SetAttrOrderStart(place % 2 == 0 ? UINT32_MAX - 100 : 0);
         std::vector<Item> model;
+        for (XmlNode *a = el->firstAttr; a != nullptr; a = a->next) {
+            model.push_back(Item{nullptr, a->name, a->value, a});
+        }
         std::mt19937 rng(static_cast<unsigned>(7 + place));
         auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
         auto first = [&](const char *prefix, const std::string &name) {
@@ -794,8 +809,9 @@ TEST(Attributes, LongListsAnswerAsAWalkWouldThroughEveryEdit)
         };
         size_t longest = 0;
         for (int step = 0; step < 6000; ++step) {
-            // Grow for a while, then shrink, then grow again.
-            int addPercent = step < 2000 ? 55 : step < 4000 ? 12 : 45;
+            // Grow for a while, then shrink, then grow again; parsed lists
+            // shrink first, so that edits other than appends meet them.
+            int addPercent = (step < 2000) != parsed ? 55 : step < 4000 ? 12 : 45;
             const char *prefix = kPrefixes[pick(3)];
             std::string name = "n" + std::to_string(pick(300));
             if (!model.empty() && pick(2) == 0) {
@@ -865,6 +881,7 @@ TEST(Attributes, LongListsAnswerAsAWalkWouldThroughEveryEdit)
                 }
             }
         }
+        krv_test::SetAttrOrderStart(0);
         EXPECT_GT(longest, 4 * kAttrWalk);
         XmlNode *copy = nullptr;
         ASSERT_EQ(KRV_XML_CloneNodeSelf(el, &copy), KRV_XML_OK);

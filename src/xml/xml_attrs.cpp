@@ -2,18 +2,22 @@
 //
 // An attribute list is singly linked and keeps no tail, so finding a name,
 // the end of the list or an attribute's predecessor walks the list: an
-// element given n attributes one call at a time would cost O(n^2). Once a
-// list grows past kAttrWalk attributes, the element gets a hash index of its
-// attributes, keyed by prefix and name, that also holds each attribute's
-// predecessor and the list's last attribute. Searches, appends and removals
-// walk the first kAttrWalk attributes as before and then ask the index, so
-// short lists never touch it and long ones cost O(1) per call.
+// element given n attributes one call at a time would cost O(n^2). Once an
+// append, or an edit's search, meets a list longer than kAttrWalk
+// attributes, the element gets a hash index of its attributes, keyed by
+// prefix and name, that also holds each attribute's predecessor and the
+// list's last attribute. Searches, appends and removals walk the first
+// kAttrWalk attributes as before and then ask the index, so short lists never
+// touch it and long ones cost O(1) per call. Searches that only read never
+// build one: readers of a tree may run at the same time.
 //
 // The index is exact whenever it exists: every function that links, unlinks
-// or renames an attribute of an indexed element keeps it so, and its keys
-// are distinct. A rename that would make two attributes share prefix and name
-// drops the index, as does a failed growth; a dropped index is rebuilt by the
-// next append to a long list. Losing it changes no result, only the cost.
+// or renames an attribute of an indexed element keeps it so. A rename may
+// give two attributes the same prefix and name; each entry carries a number
+// that grows along the list, and a search answers with the earliest, as a
+// walk would. A failed growth drops the index, as does a chain of records
+// linked at once; the next append or edit that meets the long list builds it
+// again. Losing it changes no result, only the cost.
 //
 // Heap elements and documents hold their index in a hidden word past their
 // record; a session's records are carved byte-exact, so the session keeps a
@@ -26,8 +30,12 @@ namespace {
 struct AttrEntry {
     XmlNode *attr;  // null: an empty slot
     XmlNode *prev;  // attr's predecessor in the list; null for the first
-    uint64_t hash;
+    uint32_t hash;  // of prefix and name; its low bits pick the home slot
+    uint32_t order;  // grows along the list: the earliest of equal keys wins
 };
+
+// Slot counts stay below 2^32, so that 32 hash bits reach every slot.
+constexpr size_t kMaxSlots = size_t{1} << 31;
 
 }  // namespace
 
@@ -36,7 +44,9 @@ struct AttrIndex {
     size_t count;   // entries in use
     size_t mask;    // slot count - 1; at most half the slots are in use
     AttrEntry *slots;
-    uint64_t key[2];  // drawn when the index is built
+    uint32_t nextOrder;  // for the next append
+    bool repeats;        // keys may repeat: searches then look for the earliest
+    uint64_t key[2];     // drawn when the index is built
 };
 
 // Session records map to their indexes here. A record's entry is kept when
@@ -132,7 +142,7 @@ bool sameText(const char *a, const char *b)
 
 // Hash of prefix and name. A byte before each says whether it is there, so
 // that a null string and an empty one differ as they do for sameText.
-uint64_t hashOf(const AttrIndex *index, const char *prefix, const char *name)
+uint32_t hashOf(const AttrIndex *index, const char *prefix, const char *name)
 {
     XmlSipHash h(index->key);
     h.add(static_cast<unsigned char>(prefix != nullptr ? 1 : 0));
@@ -140,10 +150,10 @@ uint64_t hashOf(const AttrIndex *index, const char *prefix, const char *name)
     h.add(static_cast<unsigned char>(0));
     h.add(static_cast<unsigned char>(name != nullptr ? 1 : 0));
     h.add(name);
-    return h.finish();
+    return static_cast<uint32_t>(h.finish());
 }
 
-uint64_t hashOf(const AttrIndex *index, const XmlNode *attr)
+uint32_t hashOf(const AttrIndex *index, const XmlNode *attr)
 {
     return hashOf(index, attr->nsPrefix, attr->name);
 }
@@ -151,7 +161,7 @@ uint64_t hashOf(const AttrIndex *index, const XmlNode *attr)
 // The slot holding attr, or null when attr is not in the index.
 AttrEntry *entryOf(const AttrIndex *index, const XmlNode *attr)
 {
-    uint64_t hash = hashOf(index, attr);
+    uint32_t hash = hashOf(index, attr);
     for (size_t i = hash & index->mask;; i = (i + 1) & index->mask) {
         AttrEntry &e = index->slots[i];
         if (e.attr == attr || e.attr == nullptr) {
@@ -160,21 +170,28 @@ AttrEntry *entryOf(const AttrIndex *index, const XmlNode *attr)
     }
 }
 
-XmlNode *findHashed(const AttrIndex *index, const char *prefix, const char *name, uint64_t hash)
+// The earliest attribute in list order with prefix and name, or null.
+// Equal keys share a home slot and no entry lies past an empty slot from its
+// home, so the run from the home slot to the next empty one holds them all;
+// while no key repeats, the first match is the answer.
+XmlNode *findHashed(const AttrIndex *index, const char *prefix, const char *name, uint32_t hash)
 {
-    for (size_t i = hash & index->mask;; i = (i + 1) & index->mask) {
+    const AttrEntry *best = nullptr;
+    for (size_t i = hash & index->mask; index->slots[i].attr != nullptr; i = (i + 1) & index->mask) {
         const AttrEntry &e = index->slots[i];
-        if (e.attr == nullptr) {
-            return nullptr;
-        }
-        if (e.hash == hash && sameText(e.attr->nsPrefix, prefix) && sameText(e.attr->name, name)) {
-            return e.attr;
+        if (e.hash == hash && (best == nullptr || e.order < best->order) && sameText(e.attr->nsPrefix, prefix) &&
+            sameText(e.attr->name, name)) {
+            best = &e;
+            if (!index->repeats) {
+                break;
+            }
         }
     }
+    return best != nullptr ? best->attr : nullptr;
 }
 
-// Puts an entry whose key is known to be new in the first empty slot from
-// its home on. The index has room.
+// Puts an entry in the first empty slot from its home on. The index has
+// room.
 void place(AttrEntry *slots, size_t mask, const AttrEntry &entry)
 {
     size_t i = entry.hash & mask;
@@ -184,12 +201,29 @@ void place(AttrEntry *slots, size_t mask, const AttrEntry &entry)
     slots[i] = entry;
 }
 
-// Adds an entry for attr, whose key no entry has; false when the slots
+// Numbers the entries of element's index again in list order from 0, for
+// an index whose next order number would overflow. Attributes not in the
+// index yet (one being appended) are passed over.
+void renumber(AttrIndex *index, XmlNode *element)
+{
+    uint32_t order = 0;
+    for (XmlNode *a = element->firstAttr; a != nullptr; a = a->next) {
+        if (AttrEntry *e = entryOf(index, a)) {
+            e->order = order++;
+        }
+    }
+    index->nextOrder = order;
+}
+
+// Adds an entry for attr, appended last to the list; false when the slots
 // could not grow (the index is as it was).
-bool insert(AttrIndex *index, XmlNode *attr, XmlNode *prev, uint64_t hash)
+bool insert(AttrIndex *index, XmlNode *element, XmlNode *attr, XmlNode *prev, uint32_t hash)
 {
     if (2 * (index->count + 1) > index->mask + 1) {
         size_t slots = 2 * (index->mask + 1);
+        if (slots > kMaxSlots) {
+            return false;
+        }
         auto *grown = static_cast<AttrEntry *>(krvHeapCalloc(slots, sizeof(AttrEntry)));
         if (grown == nullptr) {
             return false;
@@ -203,7 +237,10 @@ bool insert(AttrIndex *index, XmlNode *attr, XmlNode *prev, uint64_t hash)
         index->slots = grown;
         index->mask = slots - 1;
     }
-    place(index->slots, index->mask, AttrEntry{attr, prev, hash});
+    if (index->nextOrder == UINT32_MAX) {
+        renumber(index, element);
+    }
+    place(index->slots, index->mask, AttrEntry{attr, prev, hash, index->nextOrder++});
     ++index->count;
     return true;
 }
@@ -236,10 +273,9 @@ void release(AttrIndex *index)
     }
 }
 
-// An index of element's whole list, or null when memory ran out, two
-// attributes share prefix and name, or an attribute of the list names
-// another owner (XML_AddAttrNode links a chain of records as it is): a
-// rename of that one would not reach the index.
+// An index of element's whole list, or null when memory ran out or an
+// attribute of the list names another owner (XML_AddAttrNode links a chain
+// of records as it is): a rename of that one would not reach the index.
 AttrIndex *build(XmlNode *element)
 {
     size_t length = 0;
@@ -249,6 +285,9 @@ AttrIndex *build(XmlNode *element)
     size_t slots = 64;  // the first growth comes at the 33rd attribute
     while (slots < 2 * length) {
         slots *= 2;
+    }
+    if (slots > kMaxSlots) {
+        return nullptr;
     }
     auto *index = static_cast<AttrIndex *>(krvHeapMalloc(sizeof(AttrIndex)));
     auto *entries = static_cast<AttrEntry *>(krvHeapCalloc(slots, sizeof(AttrEntry)));
@@ -261,14 +300,17 @@ AttrIndex *build(XmlNode *element)
     index->mask = slots - 1;
     index->slots = entries;
     index->tail = nullptr;
+    index->nextOrder = length < UINT32_MAX - xmlAttrOrderStart ? xmlAttrOrderStart : 0;
+    index->repeats = false;
     xmlDrawKey(index->key, index);
     for (XmlNode *a = element->firstAttr; a != nullptr; a = a->next) {
-        uint64_t hash = hashOf(index, a);
-        if (a->parent != element || findHashed(index, a->nsPrefix, a->name, hash) != nullptr) {
+        if (a->parent != element) {
             release(index);
             return nullptr;
         }
-        place(entries, index->mask, AttrEntry{a, index->tail, hash});
+        uint32_t hash = hashOf(index, a);
+        index->repeats = index->repeats || findHashed(index, a->nsPrefix, a->name, hash) != nullptr;
+        place(entries, index->mask, AttrEntry{a, index->tail, hash, index->nextOrder++});
         ++index->count;
         index->tail = a;
     }
@@ -296,6 +338,15 @@ void drop(XmlNode *element)
 }
 
 }  // namespace
+
+#ifdef KRVXML_TESTING
+uint32_t xmlAttrOrderStart = 0;
+
+void krv_test::SetAttrOrderStart(uint32_t first)
+{
+    xmlAttrOrderStart = first;
+}
+#endif
 
 AttrIndex *xmlAttrIndexOf(XmlNode *element)
 {
@@ -330,23 +381,28 @@ void xmlAttrIndexAppended(XmlNode *element, XmlNode *attr, XmlNode *prev, size_t
         return;
     }
     if (AttrIndex *index = xmlAttrIndexOf(element)) {
-        if (!insert(index, attr, prev, hashOf(index, attr))) {
+        if (!insert(index, element, attr, prev, hashOf(index, attr))) {
             drop(element);
             return;
         }
         index->tail = attr;
         return;
     }
-    if (length <= kAttrWalk) {
-        return;
+    if (length > kAttrWalk) {
+        xmlAttrIndexMake(element);
     }
+}
+
+AttrIndex *xmlAttrIndexMake(XmlNode *element)
+{
     AttrIndex *index = build(element);
     AttrIndex **holder = index != nullptr ? holderOf(element, true) : nullptr;
     if (holder == nullptr) {
         release(index);
-        return;
+        return nullptr;
     }
     *holder = index;
+    return index;
 }
 
 void xmlAttrIndexCut(XmlNode *element, XmlNode *attr, XmlNode *prev)
@@ -370,13 +426,14 @@ void xmlAttrIndexCut(XmlNode *element, XmlNode *attr, XmlNode *prev)
 
 AttrRekey xmlAttrIndexForget(XmlNode *attr)
 {
-    AttrRekey rekey{nullptr, nullptr};
+    AttrRekey rekey{nullptr, nullptr, 0};
     XmlNode *element = attr->parent;
     if (xmlIsAttr(attr) && element != nullptr) {
         if (AttrIndex *index = xmlAttrIndexOf(element)) {
             if (AttrEntry *e = entryOf(index, attr)) {
                 rekey.index = index;
                 rekey.prev = e->prev;
+                rekey.order = e->order;
                 erase(index, e);
             }
         }
@@ -390,13 +447,11 @@ void xmlAttrIndexRestore(XmlNode *attr, const AttrRekey &rekey)
     if (index == nullptr) {
         return;
     }
-    // The entry was taken out just before, so there is room for it again.
-    uint64_t hash = hashOf(index, attr);
-    if (findHashed(index, attr->nsPrefix, attr->name, hash) != nullptr) {
-        drop(attr->parent);  // two attributes now share prefix and name
-        return;
-    }
-    place(index->slots, index->mask, AttrEntry{attr, rekey.prev, hash});
+    // The entry was taken out just before, so there is room for it again,
+    // at its place in the list order.
+    uint32_t hash = hashOf(index, attr);
+    index->repeats = index->repeats || findHashed(index, attr->nsPrefix, attr->name, hash) != nullptr;
+    place(index->slots, index->mask, AttrEntry{attr, rekey.prev, hash, rekey.order});
     ++index->count;
 }
 

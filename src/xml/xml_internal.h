@@ -293,7 +293,11 @@ void xmlUnlink(XmlNode *node);
 
 // First attribute of the element that matches prefix and name, or null.
 // Prefix null matches only attributes without prefix; likewise the name.
+// Reads never build an index of a long list, so that readers of one tree may
+// run at once; the ForEdit form, for functions that change the tree, builds
+// one when it walks past kAttrWalk attributes.
 XmlNode *xmlGetAttr(XmlNode *element, const char *prefix, const char *name);
+XmlNode *xmlGetAttrForEdit(XmlNode *element, const char *prefix, const char *name);
 
 // ----- The index of long attribute lists (xml_attrs.cpp) -----
 //
@@ -310,19 +314,32 @@ XmlNode *xmlAttrIndexTail(const AttrIndex *index);
 // Writes attr's predecessor (null for the first) to *prev; false when attr
 // is not in the list.
 bool xmlAttrIndexPrev(const AttrIndex *index, const XmlNode *attr, XmlNode **prev);
-// attr, whose key no other attribute of the element has, was just linked
-// after prev at the end of element's list, which has `length` attributes
+// attr was just linked after prev at the end of element's list, which has `length` attributes
 // now when the element has no index. Keeps the index, or builds one for a
 // long list. Never fails: without memory the element goes without one.
 void xmlAttrIndexAppended(XmlNode *element, XmlNode *attr, XmlNode *prev, size_t length);
+// An index numbers its entries along the list from this number on (see
+// xml_attrs.cpp); tests start near the top of the range, to see the numbers
+// wrap.
+#ifdef KRVXML_TESTING
+extern uint32_t xmlAttrOrderStart;
+namespace krv_test {
+void SetAttrOrderStart(uint32_t first);
+}  // namespace krv_test
+#else
+constexpr uint32_t xmlAttrOrderStart = 0;
+#endif
+// Builds an index of element's list, which has none, and returns it; null
+// when memory ran out or the list cannot be indexed (see xml_attrs.cpp).
+AttrIndex *xmlAttrIndexMake(XmlNode *element);
 // attr, after prev in element's list, is about to be unlinked.
 void xmlAttrIndexCut(XmlNode *element, XmlNode *attr, XmlNode *prev);
 // Around a change of an attribute's prefix or name: Forget takes attr out of
-// its owner's index, Restore puts it back under its key then (or drops the
-// index when another attribute has that key).
+// its owner's index, Restore puts it back under its key then.
 struct AttrRekey {
     AttrIndex *index;
     XmlNode *prev;
+    uint32_t order;
 };
 AttrRekey xmlAttrIndexForget(XmlNode *attr);
 void xmlAttrIndexRestore(XmlNode *attr, const AttrRekey &rekey);
@@ -335,7 +352,7 @@ SessionAttrIndexes *&xmlSessionAttrIndexes(XmlMemSession *session);
 void xmlSessionAttrIndexesFree(SessionAttrIndexes *table);
 
 // Writes attr's predecessor in element's list (null for the first) to
-// *before; false when attr is not in that list.
+// *before; false when attr is not in that list. For edits: may build an index.
 bool xmlAttrBefore(XmlNode *element, const XmlNode *attr, XmlNode **before);
 // Unlinks attr, after `before` in element's list, keeping the list's index.
 void xmlCutAttr(XmlNode *element, XmlNode *attr, XmlNode *before);

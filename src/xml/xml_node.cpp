@@ -1012,7 +1012,7 @@ uint32_t KRV_XML_SetNode(XmlNode *node, const char *prefix, const char *name, co
     bool clearPrefix = prefix != nullptr && prefix[0] == '\0';
     bool clearName = name != nullptr && name[0] == '\0';
     bool clearValue = value != nullptr && value[0] == '\0';
-    AttrRekey rekey{nullptr, nullptr};
+    AttrRekey rekey{nullptr, nullptr, 0};
     bool rekeys = mayRekey(node, prefix, name);
     if (rekeys) {
         rekey = xmlAttrIndexForget(node);

@@ -36,10 +36,18 @@ void readAttr(const XmlNode *attr, const char **prefix, const char **name, const
     *value = attr->value;
 }
 
+// The index of element's long list, for a search that has walked kAttrWalk
+// attributes: the one it has, or for an edit one built now; null to walk on.
+const AttrIndex *indexForSearch(XmlNode *element, bool edit)
+{
+    const AttrIndex *index = xmlAttrIndexOf(element);
+    return index != nullptr || !edit ? index : xmlAttrIndexMake(element);
+}
+
 // The first attribute of element with prefix and name, or null; with
 // `before`, its predecessor (null for the first) is written there. Past the
 // first kAttrWalk attributes, the index of a long list answers.
-XmlNode *findAttr(XmlNode *element, const char *prefix, const char *name, XmlNode **before)
+XmlNode *findAttr(XmlNode *element, const char *prefix, const char *name, XmlNode **before, bool edit)
 {
     XmlNode *prev = nullptr;
     size_t walked = 0;
@@ -51,7 +59,7 @@ XmlNode *findAttr(XmlNode *element, const char *prefix, const char *name, XmlNod
             return a;
         }
         if (++walked == kAttrWalk && a->next != nullptr) {
-            if (const AttrIndex *index = xmlAttrIndexOf(element)) {
+            if (const AttrIndex *index = indexForSearch(element, edit)) {
                 XmlNode *found = xmlAttrIndexFind(index, prefix, name);
                 if (found != nullptr && before != nullptr) {
                     xmlAttrIndexPrev(index, found, before);
@@ -67,7 +75,12 @@ XmlNode *findAttr(XmlNode *element, const char *prefix, const char *name, XmlNod
 
 XmlNode *xmlGetAttr(XmlNode *element, const char *prefix, const char *name)
 {
-    return findAttr(element, prefix, name, nullptr);
+    return findAttr(element, prefix, name, nullptr, false);
+}
+
+XmlNode *xmlGetAttrForEdit(XmlNode *element, const char *prefix, const char *name)
+{
+    return findAttr(element, prefix, name, nullptr, true);
 }
 
 bool xmlAttrBefore(XmlNode *element, const XmlNode *attr, XmlNode **before)
@@ -80,7 +93,7 @@ bool xmlAttrBefore(XmlNode *element, const XmlNode *attr, XmlNode **before)
             return true;
         }
         if (++walked == kAttrWalk && a->next != nullptr) {
-            if (const AttrIndex *index = xmlAttrIndexOf(element)) {
+            if (const AttrIndex *index = indexForSearch(element, true)) {
                 return xmlAttrIndexPrev(index, attr, before);
             }
         }
@@ -520,7 +533,7 @@ uint32_t KRV_XML_SetAttr(XmlNode *element, const char *prefix, const char *name,
     if (!isElementShaped(element) || name == nullptr) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    XmlNode *attr = xmlGetAttr(element, prefixOrNull(prefix), name);
+    XmlNode *attr = xmlGetAttrForEdit(element, prefixOrNull(prefix), name);
     if (attr == nullptr) {
         return KRV_XML_ERR_NOT_FOUND;
     }
@@ -551,7 +564,7 @@ uint32_t KRV_XML_RemoveAttr(XmlNode *element, const char *prefix, const char *na
         return KRV_XML_ERR_INVALID_PARAM;
     }
     XmlNode *before = nullptr;
-    XmlNode *attr = findAttr(element, prefixOrNull(prefix), name, &before);
+    XmlNode *attr = findAttr(element, prefixOrNull(prefix), name, &before, true);
     if (attr == nullptr) {
         return KRV_XML_ERR_NOT_FOUND;
     }
