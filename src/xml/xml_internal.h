@@ -314,21 +314,11 @@ XmlNode *xmlAttrIndexTail(const AttrIndex *index);
 // Writes attr's predecessor (null for the first) to *prev; false when attr
 // is not in the list.
 bool xmlAttrIndexPrev(const AttrIndex *index, const XmlNode *attr, XmlNode **prev);
-// attr was just linked after prev at the end of element's list, which has `length` attributes
-// now when the element has no index. Keeps the index, or builds one for a
-// long list. Never fails: without memory the element goes without one.
+// attr was just linked after prev at the end of element's list, which then
+// has `length` attributes (counted only when the element has no index).
+// Keeps the index, or builds one for a long list. Never fails: without
+// memory the element goes without one.
 void xmlAttrIndexAppended(XmlNode *element, XmlNode *attr, XmlNode *prev, size_t length);
-// An index numbers its entries along the list from this number on (see
-// xml_attrs.cpp); tests start near the top of the range, to see the numbers
-// wrap.
-#ifdef KRVXML_TESTING
-extern uint32_t xmlAttrOrderStart;
-namespace krv_test {
-void SetAttrOrderStart(uint32_t first);
-}  // namespace krv_test
-#else
-constexpr uint32_t xmlAttrOrderStart = 0;
-#endif
 // Builds an index of element's list, which has none, and returns it; null
 // when memory ran out or the list cannot be indexed (see xml_attrs.cpp).
 AttrIndex *xmlAttrIndexMake(XmlNode *element);
@@ -350,6 +340,16 @@ void xmlAttrIndexRelease(XmlNode *element);
 struct SessionAttrIndexes;
 SessionAttrIndexes *&xmlSessionAttrIndexes(XmlMemSession *session);
 void xmlSessionAttrIndexesFree(SessionAttrIndexes *table);
+// An index numbers its entries along the list from this number on; tests
+// start near the top of the range, to see the numbers wrap.
+#ifdef KRVXML_TESTING
+extern uint32_t xmlAttrOrderStart;
+namespace krv_test {
+void SetAttrOrderStart(uint32_t first);
+}  // namespace krv_test
+#else
+constexpr uint32_t xmlAttrOrderStart = 0;
+#endif
 
 // Writes attr's predecessor in element's list (null for the first) to
 // *before; false when attr is not in that list. For edits: may build an index.
