@@ -12,7 +12,7 @@ set -euo pipefail
 cd "$(dirname "$0")/../.."
 runs=${1:-${KRVXML_FUZZ_RUNS:-}}
 build=${2:-build-fuzz}
-declare -A default_runs=([parse]=1000000 [parse_simd]=500000 [edit]=300000 [path_values]=500000)
+declare -A default_runs=([parse]=1000000 [parse_simd]=500000 [edit]=100000 [path_values]=500000)
 src=tests/fuzz
 
 CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
