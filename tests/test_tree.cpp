@@ -926,6 +926,28 @@ TEST(Attributes, ChainsLinkedToALongListAreFollowedToTheirEnd)
     KRV_XML_FreeNode(el);
 }
 
+// The index's memory follows the list down: once a long list is short
+// again, the element holds exactly what a list that never grew holds.
+TEST(Attributes, AnIndexIsGivenUpWhenItsListIsShortAgain)
+{
+    krvtest::LeakGuard guard;
+    XmlNode *el = Element("e");
+    long bare = krv_test::LiveBlocks();
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_EQ(KRV_XML_AddAttr(el, nullptr, ("a" + std::to_string(i)).c_str(), "v"), KRV_XML_OK);
+    }
+    const long shortList = krv_test::LiveBlocks() - bare;
+    for (int i = 4; i < 300; ++i) {
+        ASSERT_EQ(KRV_XML_AddAttr(el, nullptr, ("a" + std::to_string(i)).c_str(), "v"), KRV_XML_OK);
+    }
+    EXPECT_EQ(krv_test::LiveBlocks() - bare, 300 / 4 * shortList + 2) << "records, strings and an index of two blocks";
+    for (int i = 299; i >= 4; --i) {
+        ASSERT_EQ(KRV_XML_RemoveAttr(el, nullptr, ("a" + std::to_string(i)).c_str()), KRV_XML_OK);
+    }
+    EXPECT_EQ(krv_test::LiveBlocks() - bare, shortList);
+    KRV_XML_FreeNode(el);
+}
+
 // An index is only a shortcut: when its memory runs out, at its build, its
 // growth or its session's table, the append still succeeds and the list still
 // answers every search; a later append builds it again.

@@ -36,6 +36,7 @@ struct AttrEntry {
 
 // Slot counts stay below 2^32, so that 32 hash bits reach every slot.
 constexpr size_t kMaxSlots = size_t{1} << 31;
+constexpr size_t kFirstSlots = 64;
 
 }  // namespace
 
@@ -201,6 +202,28 @@ void place(AttrEntry *slots, size_t mask, const AttrEntry &entry)
     slots[i] = entry;
 }
 
+// Moves the entries into `slots` slots (a power of two, at least twice the
+// entries); false when memory ran out (the index is as it was).
+bool resize(AttrIndex *index, size_t slots)
+{
+    if (slots > kMaxSlots) {
+        return false;
+    }
+    auto *moved = static_cast<AttrEntry *>(krvHeapCalloc(slots, sizeof(AttrEntry)));
+    if (moved == nullptr) {
+        return false;
+    }
+    for (size_t i = 0; i <= index->mask; ++i) {
+        if (index->slots[i].attr != nullptr) {
+            place(moved, slots - 1, index->slots[i]);
+        }
+    }
+    krvHeapFree(index->slots);
+    index->slots = moved;
+    index->mask = slots - 1;
+    return true;
+}
+
 // Numbers the entries of element's index again in list order from 0, for
 // an index whose next order number would overflow. Attributes not in the
 // index yet (one being appended) are passed over.
@@ -219,23 +242,8 @@ void renumber(AttrIndex *index, XmlNode *element)
 // could not grow (the index is as it was).
 bool insert(AttrIndex *index, XmlNode *element, XmlNode *attr, XmlNode *prev, uint32_t hash)
 {
-    if (2 * (index->count + 1) > index->mask + 1) {
-        size_t slots = 2 * (index->mask + 1);
-        if (slots > kMaxSlots) {
-            return false;
-        }
-        auto *grown = static_cast<AttrEntry *>(krvHeapCalloc(slots, sizeof(AttrEntry)));
-        if (grown == nullptr) {
-            return false;
-        }
-        for (size_t i = 0; i <= index->mask; ++i) {
-            if (index->slots[i].attr != nullptr) {
-                place(grown, slots - 1, index->slots[i]);
-            }
-        }
-        krvHeapFree(index->slots);
-        index->slots = grown;
-        index->mask = slots - 1;
+    if (2 * (index->count + 1) > index->mask + 1 && !resize(index, 2 * (index->mask + 1))) {
+        return false;
     }
     if (index->nextOrder == UINT32_MAX) {
         renumber(index, element);
@@ -282,7 +290,7 @@ AttrIndex *build(XmlNode *element)
     for (const XmlNode *a = element->firstAttr; a != nullptr; a = a->next) {
         ++length;
     }
-    size_t slots = 64;  // the first growth comes at the 33rd attribute
+    size_t slots = kFirstSlots;  // the first growth comes at the 33rd attribute
     while (slots < 2 * length) {
         slots *= 2;
     }
@@ -421,6 +429,14 @@ void xmlAttrIndexCut(XmlNode *element, XmlNode *attr, XmlNode *prev)
     }
     if (AttrEntry *e = entryOf(index, attr)) {
         erase(index, e);
+    }
+    // The memory follows the list down: a list short enough for walks gives
+    // its index up, and a sparse one moves to half its slots (when that
+    // memory is had; the index is right either way).
+    if (index->count <= kAttrWalk / 2) {
+        drop(element);
+    } else if (index->mask + 1 > kFirstSlots && 8 * index->count < index->mask + 1) {
+        resize(index, (index->mask + 1) / 2);
     }
 }
 
