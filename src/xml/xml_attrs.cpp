@@ -15,9 +15,10 @@
 // or renames an attribute of an indexed element keeps it so. A rename may
 // give two attributes the same prefix and name; each entry carries a number
 // that grows along the list, and a search answers with the earliest, as a
-// walk would. A failed growth drops the index, as does a chain of records
-// linked at once; the next append or edit that meets the long list builds it
-// again. Losing it changes no result, only the cost.
+// walk would. A failed growth drops the index, as do a chain of records
+// linked at once and more than kMaxRepeats repeated keys; the next append or
+// edit that meets the long list builds it again, when it can. Losing it
+// changes no result, only the cost.
 //
 // Heap elements and documents hold their index in a hidden word past their
 // record; a session's records are carved byte-exact, so the session keeps a
@@ -34,6 +35,11 @@ struct AttrEntry {
     uint32_t order;  // grows along the list: the earliest of equal keys wins
 };
 
+// Equal keys share a home slot, so every entry of a repeated key lengthens
+// the run that operations on that key scan: past this many, the list is left
+// to walks, which cost no more than such runs.
+constexpr uint32_t kMaxRepeats = 8;
+
 // Slot counts stay below 2^32, so that 32 hash bits reach every slot.
 constexpr size_t kMaxSlots = size_t{1} << 31;
 constexpr size_t kFirstSlots = 64;
@@ -46,7 +52,7 @@ struct AttrIndex {
     size_t mask;    // slot count - 1; at most half the slots are in use
     AttrEntry *slots;
     uint32_t nextOrder;  // for the next append
-    bool repeats;        // keys may repeat: searches then look for the earliest
+    uint32_t repeats;    // entries placed under a key in use; searches then look for the earliest
     uint64_t key[2];     // drawn when the index is built
 };
 
@@ -183,7 +189,7 @@ XmlNode *findHashed(const AttrIndex *index, const char *prefix, const char *name
         if (e.hash == hash && (best == nullptr || e.order < best->order) && sameText(e.attr->nsPrefix, prefix) &&
             sameText(e.attr->name, name)) {
             best = &e;
-            if (!index->repeats) {
+            if (index->repeats == 0) {
                 break;
             }
         }
@@ -281,9 +287,10 @@ void release(AttrIndex *index)
     }
 }
 
-// An index of element's whole list, or null when memory ran out or an
+// An index of element's whole list, or null when memory ran out, an
 // attribute of the list names another owner (XML_AddAttrNode links a chain
-// of records as it is): a rename of that one would not reach the index.
+// of records as it is: a rename of that one would not reach the index), or
+// keys repeat more than kMaxRepeats times.
 AttrIndex *build(XmlNode *element)
 {
     size_t length = 0;
@@ -309,7 +316,7 @@ AttrIndex *build(XmlNode *element)
     index->slots = entries;
     index->tail = nullptr;
     index->nextOrder = length < UINT32_MAX - xmlAttrOrderStart ? xmlAttrOrderStart : 0;
-    index->repeats = false;
+    index->repeats = 0;
     xmlDrawKey(index->key, index);
     for (XmlNode *a = element->firstAttr; a != nullptr; a = a->next) {
         if (a->parent != element) {
@@ -317,7 +324,10 @@ AttrIndex *build(XmlNode *element)
             return nullptr;
         }
         uint32_t hash = hashOf(index, a);
-        index->repeats = index->repeats || findHashed(index, a->nsPrefix, a->name, hash) != nullptr;
+        if (findHashed(index, a->nsPrefix, a->name, hash) != nullptr && ++index->repeats > kMaxRepeats) {
+            release(index);
+            return nullptr;
+        }
         place(entries, index->mask, AttrEntry{a, index->tail, hash, index->nextOrder++});
         ++index->count;
         index->tail = a;
@@ -466,7 +476,10 @@ void xmlAttrIndexRestore(XmlNode *attr, const AttrRekey &rekey)
     // The entry was taken out just before, so there is room for it again,
     // at its place in the list order.
     uint32_t hash = hashOf(index, attr);
-    index->repeats = index->repeats || findHashed(index, attr->nsPrefix, attr->name, hash) != nullptr;
+    if (findHashed(index, attr->nsPrefix, attr->name, hash) != nullptr && ++index->repeats > kMaxRepeats) {
+        drop(attr->parent);
+        return;
+    }
     place(index->slots, index->mask, AttrEntry{attr, rekey.prev, hash, rekey.order});
     ++index->count;
 }
