@@ -7,7 +7,7 @@
 #include "krv_xml.h"
 int main(int argc, char **argv)
 {
-    int n = std::atoi(argv[1]);
+    int n = argc > 1 ? std::atoi(argv[1]) : 10000;
     XmlNode *el = nullptr;
     KRV_XML_CreateNode(KRV_XML_NODE_ELEMENT, nullptr, "e", nullptr, &el);
     for (int i = 0; i < n; ++i) KRV_XML_AddAttr(el, nullptr, ("a" + std::to_string(i)).c_str(), "v");
