@@ -139,16 +139,8 @@ AttrIndex *&heapWord(XmlNode *element)
                                            sizeof(AttrIndex *));
 }
 
-bool sameText(const char *a, const char *b)
-{
-    if (a == nullptr || b == nullptr) {
-        return a == b;
-    }
-    return a == b || std::strcmp(a, b) == 0;
-}
-
 // Hash of prefix and name. A byte before each says whether it is there, so
-// that a null string and an empty one differ as they do for sameText.
+// that a null string and an empty one differ as they do for xmlSameText.
 uint32_t hashOf(const AttrIndex *index, const char *prefix, const char *name)
 {
     XmlSipHash h(index->key);
@@ -186,8 +178,8 @@ XmlNode *findHashed(const AttrIndex *index, const char *prefix, const char *name
     const AttrEntry *best = nullptr;
     for (size_t i = hash & index->mask; index->slots[i].attr != nullptr; i = (i + 1) & index->mask) {
         const AttrEntry &e = index->slots[i];
-        if (e.hash == hash && (best == nullptr || e.order < best->order) && sameText(e.attr->nsPrefix, prefix) &&
-            sameText(e.attr->name, name)) {
+        if (e.hash == hash && (best == nullptr || e.order < best->order) && xmlSameText(e.attr->nsPrefix, prefix) &&
+            xmlSameText(e.attr->name, name)) {
             best = &e;
             if (index->repeats == 0) {
                 break;

@@ -40,6 +40,15 @@ constexpr uint8_t kKindElement = KRV_XML_NODE_ELEMENT;
 constexpr uint8_t kKindAttribute = KRV_XML_NODE_ATTRIBUTE;
 constexpr uint8_t kKindDocument = KRV_XML_NODE_DOCUMENT;
 
+// Prefix or name identity: both null, the same pointer, or equal bytes.
+inline bool xmlSameText(const char *a, const char *b)
+{
+    if (a == nullptr || b == nullptr) {
+        return a == b;
+    }
+    return a == b || std::strcmp(a, b) == 0;
+}
+
 // Size of the record for a kind argument, as XML_NewNode chooses it.
 inline size_t xmlRecordSize(int32_t kind)
 {

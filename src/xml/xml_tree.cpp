@@ -8,15 +8,6 @@
 
 namespace {
 
-// Prefix or name identity: both null, the same pointer, or equal bytes.
-bool sameText(const char *a, const char *b)
-{
-    if (a == nullptr || b == nullptr) {
-        return a == b;
-    }
-    return a == b || std::strcmp(a, b) == 0;
-}
-
 // An empty prefix counts as none, as every string argument does.
 const char *prefixOrNull(const char *prefix)
 {
@@ -52,7 +43,7 @@ XmlNode *findAttr(XmlNode *element, const char *prefix, const char *name, XmlNod
     XmlNode *prev = nullptr;
     size_t walked = 0;
     for (XmlNode *a = element->firstAttr; a != nullptr; prev = a, a = a->next) {
-        if (sameText(a->nsPrefix, prefix) && sameText(a->name, name)) {
+        if (xmlSameText(a->nsPrefix, prefix) && xmlSameText(a->name, name)) {
             if (before != nullptr) {
                 *before = prev;
             }
@@ -132,7 +123,7 @@ uint32_t xmlAddAttrNode(XmlNode *attr, XmlNode *element)
     XmlNode *last = nullptr;
     size_t length = 0;
     for (XmlNode *a = element->firstAttr; a != nullptr; a = a->next) {
-        if (sameText(a->nsPrefix, attr->nsPrefix) && sameText(a->name, attr->name)) {
+        if (xmlSameText(a->nsPrefix, attr->nsPrefix) && xmlSameText(a->name, attr->name)) {
             return KRV_XML_ERR_ALREADY_EXISTS;
         }
         last = a;
