@@ -7,9 +7,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <random>
 #include <string>
 #include <tuple>
 #include <utility>
+#include <vector>
 
 #include "test_support.h"
 #include "xml/xml_internal.h"
@@ -123,6 +125,96 @@ TEST(Transform, WholeHeadAndTailOfEveryShape)
         EXPECT_EQ(linksOf(c.top), links) << c.what;
         if (c.top->parent == nullptr) {
             KRV_XML_FreeNode(c.top);
+        }
+    }
+}
+
+// Random trees of chains deeper than a walk looks ahead, with siblings at
+// every level, against texts built by recursion over the same shapes.
+struct Shape {
+    std::string name;
+    std::vector<Shape> kids;
+};
+
+Shape growShape(std::mt19937 &rng, int &budget)
+{
+    static const char *const kNames[] = {"a", "bb", "p:c", "deep"};
+    Shape top{kNames[rng() % 4], {}};
+    Shape *s = &top;
+    for (unsigned chain = rng() % 4 == 0 ? 17 + rng() % 24 : 0; chain > 0 && budget > 0; --chain, --budget) {
+        s->kids.push_back(Shape{kNames[rng() % 4], {}});
+        s = &s->kids.back();
+    }
+    const unsigned pick = rng() % 6;  // a leaf, one child or two to three
+    for (unsigned i = 0, n = pick < 2 ? 0 : pick < 4 ? 1 : pick - 2; i < n && budget > 0; ++i) {
+        --budget;
+        s->kids.push_back(growShape(rng, budget));
+    }
+    return top;
+}
+
+// What each form writes for the sub-tree of s; `last`: s has no next sibling.
+std::string wholeOf(const Shape &s)
+{
+    if (s.kids.empty()) {
+        return "<" + s.name + "/>\n";
+    }
+    std::string text = "<" + s.name + ">\n";
+    for (const Shape &k : s.kids) {
+        text += wholeOf(k);
+    }
+    return text + "</" + s.name + ">\n";
+}
+
+std::string headOf(const Shape &s, bool last)
+{
+    if (s.kids.empty()) {
+        return "<" + s.name + (last ? ">\n" : "/>\n");
+    }
+    std::string text = "<" + s.name + ">\n";
+    for (size_t i = 0; i < s.kids.size(); ++i) {
+        text += headOf(s.kids[i], i + 1 == s.kids.size());
+    }
+    return text;
+}
+
+std::string tailOf(const Shape &s, bool last, bool top)
+{
+    if (s.kids.empty()) {
+        return last && !top ? "</" + s.name + ">\n" : "";
+    }
+    std::string text;
+    for (size_t i = 0; i < s.kids.size(); ++i) {
+        text += tailOf(s.kids[i], i + 1 == s.kids.size(), false);
+    }
+    return text + "</" + s.name + ">\n";
+}
+
+TEST(Transform, DeepChainsWithSiblingsAtEveryLevel)
+{
+    krvtest::LeakGuard guard;
+    std::mt19937 rng(20261126);
+    const auto orNull = [](const std::string &t) { return t.empty() ? std::string("<null>") : t; };
+    for (int round = 0; round < 40; ++round) {
+        int budget = 400;
+        Shape root{"r", {}};
+        while (root.kids.size() < 2 || (budget > 0 && rng() % 3 != 0)) {
+            root.kids.push_back(growShape(rng, budget));
+        }
+        const std::string text = wholeOf(root);
+        for (bool session : {false, true}) {
+            XmlNode *doc = krvtest::MustParse(text, session);
+            ASSERT_NE(doc, nullptr);
+            // The document, and its first child, which has a next sibling.
+            const std::pair<XmlNode *, const Shape *> tops[] = {{doc, &root}, {doc->firstChild, &root.kids[0]}};
+            for (const auto &[top, shape] : tops) {
+                SCOPED_TRACE(std::string(session ? "session" : "heap") + ", round " + std::to_string(round) +
+                             (top == doc ? ", document" : ", first child"));
+                EXPECT_EQ(run(KRV_XML_Transform, top), wholeOf(*shape));
+                EXPECT_EQ(run(KRV_XML_TransformHead, top), headOf(*shape, true));
+                EXPECT_EQ(run(KRV_XML_TransformTail, top), orNull(tailOf(*shape, true, true)));
+            }
+            KRV_XML_FreeNode(doc);
         }
     }
 }
