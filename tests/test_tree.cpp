@@ -948,6 +948,51 @@ TEST(Attributes, AnIndexIsGivenUpWhenItsListIsShortAgain)
     KRV_XML_FreeNode(el);
 }
 
+// A list that cannot be indexed (a key repeated past the bound) is not tried
+// again at every edit that meets it: those edits allocate nothing for a while,
+// and once its keys are unique again, it gets an index within as many edits
+// as it is long.
+TEST(Attributes, AListThatRefusedAnIndexWaitsBeforeTheNextTry)
+{
+    constexpr int kLength = 64;
+    for (bool session : {false, true}) {
+        SCOPED_TRACE(session ? "session" : "heap");
+        krvtest::LeakGuard guard;
+        XmlNode *doc = krvtest::MustParse("<r><e/></r>", session);
+        XmlNode *el = doc->firstChild;
+        for (int i = 0; i < kLength; ++i) {
+            ASSERT_EQ(KRV_XML_AddAttr(el, nullptr, ("a" + std::to_string(i)).c_str(), "v"), KRV_XML_OK);
+        }
+        ASSERT_NE(xmlAttrIndexOf(el), nullptr);
+        XmlNode *a = el->firstAttr;
+        for (int i = 0; i < 10; ++i, a = a->next) {
+            ASSERT_EQ(KRV_XML_SetNode(a, nullptr, "same", nullptr), KRV_XML_OK);
+        }
+        // A search for a missing name walks the whole list, as an edit.
+        EXPECT_EQ(KRV_XML_RemoveAttr(el, nullptr, "missing"), KRV_XML_ERR_NOT_FOUND);
+        EXPECT_EQ(xmlAttrIndexOf(el), nullptr);
+        const long before = krv_test::AllocationCount();
+        for (int i = 0; i < kLength / 2; ++i) {
+            EXPECT_EQ(KRV_XML_RemoveAttr(el, nullptr, "missing"), KRV_XML_ERR_NOT_FOUND);
+        }
+        EXPECT_EQ(krv_test::AllocationCount(), before) << "no build tried while waiting";
+        a = el->firstAttr;
+        for (int i = 0; i < 10; ++i, a = a->next) {
+            ASSERT_EQ(KRV_XML_SetNode(a, nullptr, ("b" + std::to_string(i)).c_str(), nullptr), KRV_XML_OK);
+        }
+        int edits = 0;
+        while (xmlAttrIndexOf(el) == nullptr && edits <= kLength) {
+            EXPECT_EQ(KRV_XML_RemoveAttr(el, nullptr, "missing"), KRV_XML_ERR_NOT_FOUND);
+            ++edits;
+        }
+        EXPECT_LE(edits, kLength);
+        const char *got = nullptr;
+        EXPECT_EQ(KRV_XML_GetAttr(el, nullptr, "b9", &got), KRV_XML_OK);
+        EXPECT_EQ(KRV_XML_GetAttr(el, nullptr, "a63", &got), KRV_XML_OK);
+        KRV_XML_FreeNode(doc);
+    }
+}
+
 // An index is only a shortcut: when its memory runs out, at its build, its
 // growth or its session's table, the append still succeeds and the list still
 // answers every search; a later append builds it again.

@@ -18,7 +18,10 @@
 // walk would. A failed growth drops the index, as do a chain of records
 // linked at once and more than kMaxRepeats repeated keys; the next append or
 // edit that meets the long list builds it again, when it can. Losing it
-// changes no result, only the cost.
+// changes no result, only the cost. A list that refused a build (a chain, or
+// repeated keys) is not tried again before as many edits as it had
+// attributes have met it, so the failed builds add O(1) per edit to walks
+// that cost O(n).
 //
 // Heap elements and documents hold their index in a hidden word past their
 // record; a session's records are carved byte-exact, so the session keeps a
@@ -46,6 +49,8 @@ constexpr size_t kFirstSlots = 64;
 
 }  // namespace
 
+// With `slots` null, a record that stands for no index: the list refused a
+// build, and `count` edits are left before the next try.
 struct AttrIndex {
     XmlNode *tail;  // the list's last attribute
     size_t count;   // entries in use
@@ -282,15 +287,16 @@ void release(AttrIndex *index)
 // An index of element's whole list, or null when memory ran out, an
 // attribute of the list names another owner (XML_AddAttrNode links a chain
 // of records as it is: a rename of that one would not reach the index), or
-// keys repeat more than kMaxRepeats times.
-AttrIndex *build(XmlNode *element)
+// keys repeat more than kMaxRepeats times. *refused is set in the last two
+// cases, with the list's length in *length.
+AttrIndex *build(XmlNode *element, size_t *length, bool *refused)
 {
-    size_t length = 0;
+    *length = 0;
     for (const XmlNode *a = element->firstAttr; a != nullptr; a = a->next) {
-        ++length;
+        ++*length;
     }
     size_t slots = kFirstSlots;  // the first growth comes at the 33rd attribute
-    while (slots < 2 * length) {
+    while (slots < 2 * *length) {
         slots *= 2;
     }
     if (slots > kMaxSlots) {
@@ -307,17 +313,15 @@ AttrIndex *build(XmlNode *element)
     index->mask = slots - 1;
     index->slots = entries;
     index->tail = nullptr;
-    index->nextOrder = length < UINT32_MAX - xmlAttrOrderStart ? xmlAttrOrderStart : 0;
+    index->nextOrder = *length < UINT32_MAX - xmlAttrOrderStart ? xmlAttrOrderStart : 0;
     index->repeats = 0;
     xmlDrawKey(index->key, index);
     for (XmlNode *a = element->firstAttr; a != nullptr; a = a->next) {
-        if (a->parent != element) {
+        uint32_t hash = a->parent == element ? hashOf(index, a) : 0;
+        if (a->parent != element ||
+            (findHashed(index, a->nsPrefix, a->name, hash) != nullptr && ++index->repeats > kMaxRepeats)) {
             release(index);
-            return nullptr;
-        }
-        uint32_t hash = hashOf(index, a);
-        if (findHashed(index, a->nsPrefix, a->name, hash) != nullptr && ++index->repeats > kMaxRepeats) {
-            release(index);
+            *refused = true;
             return nullptr;
         }
         place(entries, index->mask, AttrEntry{a, index->tail, hash, index->nextOrder++});
@@ -361,7 +365,8 @@ void krv_test::SetAttrOrderStart(uint32_t first)
 AttrIndex *xmlAttrIndexOf(XmlNode *element)
 {
     AttrIndex **holder = holderOf(element, false);
-    return holder != nullptr ? *holder : nullptr;
+    AttrIndex *index = holder != nullptr ? *holder : nullptr;
+    return index != nullptr && index->slots != nullptr ? index : nullptr;
 }
 
 XmlNode *xmlAttrIndexFind(const AttrIndex *index, const char *prefix, const char *name)
@@ -405,12 +410,36 @@ void xmlAttrIndexAppended(XmlNode *element, XmlNode *attr, XmlNode *prev, size_t
 
 AttrIndex *xmlAttrIndexMake(XmlNode *element)
 {
-    AttrIndex *index = build(element);
+    AttrIndex **held = holderOf(element, false);
+    AttrIndex *waiting = held != nullptr ? *held : nullptr;  // no index: only a refusal
+    if (waiting != nullptr && waiting->count > 0) {
+        --waiting->count;
+        return nullptr;
+    }
+    size_t length = 0;
+    bool refused = false;
+    AttrIndex *index = build(element, &length, &refused);
+    if (index == nullptr && refused) {
+        // Wait as many edits as the list is long; without memory to note
+        // that, the next edit tries again.
+        if (waiting == nullptr) {
+            waiting = static_cast<AttrIndex *>(krvHeapCalloc(1, sizeof(AttrIndex)));
+        }
+        held = waiting != nullptr ? holderOf(element, true) : nullptr;
+        if (held == nullptr) {
+            release(waiting);
+            return nullptr;
+        }
+        waiting->count = length;
+        *held = waiting;
+        return nullptr;
+    }
     AttrIndex **holder = index != nullptr ? holderOf(element, true) : nullptr;
     if (holder == nullptr) {
         release(index);
         return nullptr;
     }
+    release(*holder);  // a refusal that waited its turn
     *holder = index;
     return index;
 }
