@@ -756,8 +756,8 @@ constexpr unsigned kScoutClimb = 16;
 
 // The scout's step: the node after `node` as xmlWalkNext finds it, when that
 // takes at most kScoutClimb steps up. A longer climb is left to the writer,
-// whose close run reads those ancestors anyway: null, with *stalled set.
-inline XmlNode *xmlScoutNext(XmlNode *node, bool *stalled)
+// whose close run reads those ancestors anyway: node itself is returned.
+inline XmlNode *xmlScoutNext(XmlNode *node)
 {
     if (xmlIsAttr(node)) {
         return nullptr;
@@ -768,8 +768,7 @@ inline XmlNode *xmlScoutNext(XmlNode *node, bool *stalled)
     XmlNode *from = node;
     for (unsigned steps = 0; from != nullptr && from->next == nullptr; ++steps) {
         if (steps == kScoutClimb) {
-            *stalled = true;
-            return nullptr;
+            return node;
         }
         from = from->parent;
     }
@@ -783,10 +782,12 @@ uint32_t xmlPrintScattered(XmlNode *top, XmlOut *out, uint32_t mode)
     XmlNode *scout = nullptr;  // the node to enter the ring next
     XmlNode *stalled = nullptr;  // the ring's last node, when the scout left its successor to the writer
     auto advance = [&scout, &stalled]() {
-        bool stop = false;
-        XmlNode *from = scout;
-        scout = xmlScoutNext(scout, &stop);
-        stalled = stop ? from : stalled;
+        XmlNode *next = xmlScoutNext(scout);
+        if (next == scout) {
+            stalled = scout;
+            next = nullptr;
+        }
+        scout = next;
         xmlPrefetch(scout);
     };
     auto fill = [&](XmlNode *start) {
