@@ -622,29 +622,19 @@ uint32_t xmlPrintAttrList(XmlNode *attr, XmlOut *out)
 // and, in both modes, those of the ancestors whose last child the previous
 // one is. Climbs iteratively; stops at the top node, whose parent is null for
 // the length of a transform.
-//
-// The walk to the next node climbs from the leaf through the same records, so
-// *resume tells it where to go on instead: at the first node climbed from that
-// has a next sibling, else above the last one (null: the walk is over). Left
-// alone when nothing was closed. Each ancestor is then read once, not twice.
-bool xmlCloseRun(XmlNode *node, XmlOut *out, uint32_t mode, XmlNode **resume)
+bool xmlCloseRun(const XmlNode *node, XmlOut *out, uint32_t mode)
 {
-    XmlNode *parent = node->parent;
+    const XmlNode *parent = node->parent;
     if (parent == nullptr || node->firstChild != nullptr || parent->lastChild != node) {
         return true;
     }
-    XmlNode *from = node->next != nullptr ? node : nullptr;
-    XmlNode *close = mode == kModeTail ? node : parent;
+    const XmlNode *close = mode == kModeTail ? node : parent;
     for (;;) {
         if (!xmlOutEndTag(out, xmlQNameOf(close))) {
             return false;
         }
-        if (from == nullptr && close->next != nullptr) {
-            from = close;
-        }
-        XmlNode *up = close->parent;
+        const XmlNode *up = close->parent;
         if (up == nullptr || up->lastChild != close) {
-            *resume = from != nullptr ? from : up;
             return true;
         }
         close = up;
@@ -653,8 +643,8 @@ bool xmlCloseRun(XmlNode *node, XmlOut *out, uint32_t mode, XmlNode **resume)
 
 // Writes one node in the given mode (0 whole, 1 head, 2 tail). Children are
 // not descended into: the caller's walk brings them. An attribute node writes
-// itself and the rest of its list. *resume: as for xmlCloseRun.
-uint32_t xmlPrintDomTreeRecursive(XmlNode *node, XmlOut *out, uint32_t mode, XmlNode **resume)
+// itself and the rest of its list.
+uint32_t xmlPrintDomTreeRecursive(XmlNode *node, XmlOut *out, uint32_t mode)
 {
     if (node == nullptr) {
         return KRV_XML_OK;
@@ -669,7 +659,7 @@ uint32_t xmlPrintDomTreeRecursive(XmlNode *node, XmlOut *out, uint32_t mode, Xml
         return KRV_XML_OK;
     }
     if (mode == kModeTail) {
-        return xmlCloseRun(node, out, mode, resume) ? KRV_XML_OK : KRV_XML_ERR_NO_MEMORY;
+        return xmlCloseRun(node, out, mode) ? KRV_XML_OK : KRV_XML_ERR_NO_MEMORY;
     }
     // "<" and the name; at least two more bytes always follow (">\n" at the
     // least), so this room never reaches past the finished text.
@@ -699,17 +689,16 @@ uint32_t xmlPrintDomTreeRecursive(XmlNode *node, XmlOut *out, uint32_t mode, Xml
         ok = xmlOutLit(out, "/>\n");
     }
     if (ok && mode != kModeHead) {
-        ok = xmlCloseRun(node, out, mode, resume);
+        ok = xmlCloseRun(node, out, mode);
     }
     return ok ? KRV_XML_OK : KRV_XML_ERR_NO_MEMORY;
 }
 
 // The node after `node` in the order of KRV_XML_Iterator (whose steps are
 // repeated here, without a call per node): the first child, else the next
-// sibling of the node or of its nearest ancestor that has one, searched for
-// from `from` up (node itself, or where a close run left off). An attribute
+// sibling of the node or of its nearest ancestor that has one. An attribute
 // node ends the walk, as it ends the iterator's.
-inline XmlNode *xmlWalkNext(XmlNode *node, XmlNode *from)
+inline XmlNode *xmlWalkNext(XmlNode *node)
 {
     if (xmlIsAttr(node)) {
         return nullptr;
@@ -717,10 +706,10 @@ inline XmlNode *xmlWalkNext(XmlNode *node, XmlNode *from)
     if (node->firstChild != nullptr) {
         return node->firstChild;
     }
-    while (from != nullptr && from->next == nullptr) {
-        from = from->parent;
+    while (node != nullptr && node->next == nullptr) {
+        node = node->parent;
     }
-    return from != nullptr ? from->next : nullptr;
+    return node != nullptr ? node->next : nullptr;
 }
 
 inline void xmlPrefetch(const void *p)
@@ -748,63 +737,27 @@ inline void xmlPrefetchStrings(const XmlNode *node)
 // strings of a heap tree lie scattered over the heap, so a second cursor runs
 // kAhead nodes ahead of the writer and asks for each record as it reaches it;
 // the strings of a node are asked for two nodes before it is written, and
-// those of its first attributes just before. The scout does not climb out
-// of deep sub-trees: the writer does, once, and the scout starts again there.
+// those of its first attributes just before.
 constexpr int kPrefetchAttrs = 4;
 constexpr unsigned kAhead = 4;  // a power of two: the ring below wraps by mask
-constexpr unsigned kScoutClimb = 16;
-
-// The scout's step: the node after `node` as xmlWalkNext finds it, when that
-// takes at most kScoutClimb steps up. A longer climb is left to the writer,
-// whose close run reads those ancestors anyway: node itself is returned.
-inline XmlNode *xmlScoutNext(XmlNode *node)
-{
-    if (xmlIsAttr(node)) {
-        return nullptr;
-    }
-    if (node->firstChild != nullptr) {
-        return node->firstChild;
-    }
-    XmlNode *from = node;
-    for (unsigned steps = 0; from != nullptr && from->next == nullptr; ++steps) {
-        if (steps == kScoutClimb) {
-            return node;
-        }
-        from = from->parent;
-    }
-    return from != nullptr ? from->next : nullptr;
-}
 
 uint32_t xmlPrintScattered(XmlNode *top, XmlOut *out, uint32_t mode)
 {
     XmlNode *ring[kAhead] = {};
-    unsigned head = 0;         // ring[head] is the node written next
-    XmlNode *scout = nullptr;  // the node to enter the ring next
-    XmlNode *stalled = nullptr;  // the ring's last node, when the scout left its successor to the writer
-    auto advance = [&scout, &stalled]() {
-        XmlNode *next = xmlScoutNext(scout);
-        if (next == scout) {
-            stalled = scout;
-            next = nullptr;
-        }
-        scout = next;
+    unsigned head = 0;  // ring[head] is the node written next
+    XmlNode *scout = top;
+    for (unsigned i = 0; i < kAhead && scout != nullptr; ++i) {
+        ring[i] = scout;
+        scout = xmlWalkNext(scout);
         xmlPrefetch(scout);
-    };
-    auto fill = [&](XmlNode *start) {
-        head = 0;
-        scout = start;
-        for (unsigned i = 0; i < kAhead && scout != nullptr; ++i) {
-            ring[i] = scout;
-            advance();
-        }
-    };
-    fill(top);
+    }
     while (ring[head] != nullptr) {
         XmlNode *node = ring[head];
         // The slot just taken is refilled with the node kAhead places on.
         ring[head] = scout;
         if (scout != nullptr) {
-            advance();
+            scout = xmlWalkNext(scout);
+            xmlPrefetch(scout);
             if (scout != nullptr) {
                 xmlPrefetchPast(scout);  // the scout waits for each record it reaches
             }
@@ -826,16 +779,9 @@ uint32_t xmlPrintScattered(XmlNode *top, XmlOut *out, uint32_t mode)
                 xmlPrefetch(a->next);
             }
         }
-        XmlNode *from = node;
-        uint32_t rc = xmlPrintDomTreeRecursive(node, out, mode, &from);
+        uint32_t rc = xmlPrintDomTreeRecursive(node, out, mode);
         if (rc != KRV_XML_OK) {
             return rc;
-        }
-        if (node == stalled) {
-            // The ring is empty: the scout starts again where the writer's
-            // climb ended.
-            stalled = nullptr;
-            fill(xmlWalkNext(node, from));
         }
     }
     return KRV_XML_OK;
@@ -846,14 +792,12 @@ uint32_t xmlPrintScattered(XmlNode *top, XmlOut *out, uint32_t mode)
 // for the lines past each record is enough.
 uint32_t xmlPrintCompact(XmlNode *top, XmlOut *out, uint32_t mode)
 {
-    for (XmlNode *node = top; node != nullptr;) {
+    for (XmlNode *node = top; node != nullptr; node = xmlWalkNext(node)) {
         xmlPrefetchPast(node);
-        XmlNode *from = node;
-        uint32_t rc = xmlPrintDomTreeRecursive(node, out, mode, &from);
+        uint32_t rc = xmlPrintDomTreeRecursive(node, out, mode);
         if (rc != KRV_XML_OK) {
             return rc;
         }
-        node = xmlWalkNext(node, from);
     }
     return KRV_XML_OK;
 }
