@@ -1275,7 +1275,11 @@ void releaseWideTag(XmlParser *p)
 
 // firstRepeat for more than kWideAttrs names: they go through a set hashed
 // with a key of its own, so that no choice of names makes the check slow.
-int firstRepeatMany(const FastAttr *attrs, int count)
+// A set of many names outgrows the caches, so each name's slot is asked for
+// kProbeAhead names before it is probed.
+constexpr int kProbeAhead = 8;
+
+__attribute__((noinline)) int firstRepeatMany(const FastAttr *attrs, int count)
 {
     size_t size = 1;
     while (size < static_cast<size_t>(count) * 2) {
@@ -1294,12 +1298,23 @@ int firstRepeatMany(const FastAttr *attrs, int count)
         return static_cast<uint32_t>(entry >> 32) == hash && b.nameLen == a.nameLen &&
                std::memcmp(b.name, a.name, a.nameLen) == 0;
     };
+    uint32_t ahead[kProbeAhead];  // hashes of the next names, by index modulo kProbeAhead
+    auto hashAhead = [&](int i) {
+        XmlSipHash h(key);
+        h.addFresh(attrs[i].name, attrs[i].nameLen);
+        ahead[i % kProbeAhead] = static_cast<uint32_t>(h.finish() >> 32);
+        __builtin_prefetch(&slots[ahead[i % kProbeAhead] & mask]);
+    };
+    for (int i = 0; i < kProbeAhead && i < count; ++i) {
+        hashAhead(i);
+    }
     int repeat = count;
     for (int i = 0; i < count && repeat == count; ++i) {
         const FastAttr &a = attrs[i];
-        XmlSipHash h(key);
-        h.addFresh(a.name, a.nameLen);
-        auto hash = static_cast<uint32_t>(h.finish() >> 32);
+        uint32_t hash = ahead[i % kProbeAhead];
+        if (i + kProbeAhead < count) {
+            hashAhead(i + kProbeAhead);
+        }
         uint32_t at = hash & mask;
         while (slots[at] != 0 && !same(slots[at], hash, a)) {
             at = (at + 1) & mask;
