@@ -314,7 +314,8 @@ XmlNode *xmlGetAttrForEdit(XmlNode *element, const char *prefix, const char *nam
 // they ask its element's index; a list that grows longer gets one.
 constexpr size_t kAttrWalk = 16;
 struct AttrIndex;
-// element's index, or null when it has none (an element or document).
+// element's index, or null when it has none (an element or document); a
+// list waiting after a refused build has none.
 AttrIndex *xmlAttrIndexOf(XmlNode *element);
 // The attribute with prefix and name (compared as xmlGetAttr does), or null.
 XmlNode *xmlAttrIndexFind(const AttrIndex *index, const char *prefix, const char *name);
@@ -329,7 +330,8 @@ bool xmlAttrIndexPrev(const AttrIndex *index, const XmlNode *attr, XmlNode **pre
 // memory the element goes without one.
 void xmlAttrIndexAppended(XmlNode *element, XmlNode *attr, XmlNode *prev, size_t length);
 // Builds an index of element's list, which has none, and returns it; null
-// when memory ran out or the list cannot be indexed (see xml_attrs.cpp).
+// when memory ran out, the list cannot be indexed, or it refused a build too
+// few edits ago (see xml_attrs.cpp).
 AttrIndex *xmlAttrIndexMake(XmlNode *element);
 // attr, after prev in element's list, is about to be unlinked.
 void xmlAttrIndexCut(XmlNode *element, XmlNode *attr, XmlNode *prev);
