@@ -46,6 +46,38 @@ TEST(Tokenizer, TokenKindsAndLengths)
     }
 }
 
+// The end of a CDATA section is the first "]]>" from the start on, wherever
+// the text and its ']' runs fall against 16-byte blocks, and none when a NUL
+// comes first. Random texts over a small alphabet, started at every offset,
+// against strstr.
+TEST(Tokenizer, CdataEndIsTheFirstCloseFromTheStart)
+{
+    alignas(16) char buf[160];
+    const char alphabet[] = "]]]>>a";
+    uint32_t seed = 12345;
+    auto next = [&seed] {
+        seed = seed * 1103515245u + 12345u;
+        return seed >> 16;
+    };
+    for (int round = 0; round < 4000; ++round) {
+        size_t len = next() % 80;
+        size_t at = next() % 16;
+        std::memset(buf, 'a', sizeof buf);
+        for (size_t i = 0; i < len; ++i) {
+            buf[at + i] = alphabet[next() % (sizeof alphabet - 1)];
+        }
+        buf[at + len] = '\0';
+        if (round % 4 == 0 && len > 2) {
+            buf[at + next() % len] = '\0';  // a NUL inside, before or past the close
+        }
+        for (size_t start = at; start <= at + len; ++start) {
+            const char *want = std::strstr(buf + start, "]]>");
+            ASSERT_EQ(xmlp::findCdataEnd(buf + start), want)
+                << "text '" << std::string(buf + at, len) << "' from " << start - at;
+        }
+    }
+}
+
 // ===== Decoder =============================================================
 
 // Entities, character references (UTF-8 at each length boundary) and CDATA,
