@@ -42,6 +42,32 @@ int main(int argc, char **argv)
         }
         free(text);
         KRV_XML_FreeNode(doc);
+        /* CDATA sections, closed after stray ']' and left open, ending at
+         * every place of a 16-byte block with the rest of the block never
+         * written: the scans for their ends read past the NUL as well. */
+        {
+            static const char *const kCdata[] = {"<r><![CDATA[x]] y]]></r>", "<r><![CDATA[x]"};
+            int i, shift;
+            for (i = 0; i < 2; ++i) {
+                for (shift = 0; shift < 16; ++shift) {
+                    size_t size = strlen(kCdata[i]) + 1;
+                    uint32_t rc;
+                    char *block = (char *)malloc(size + (size_t)shift);
+                    if (block == NULL) {
+                        return 7;
+                    }
+                    memcpy(block + shift, kCdata[i], size);
+                    doc = NULL;
+                    rc = KRV_XML_ParseEx(block + shift, &doc);
+                    free(block);
+                    if (i == 0 ? rc != KRV_XML_OK || strcmp(doc->value, "x]] y") != 0
+                               : rc != KRV_XML_ERR_SYNTAX || doc != NULL) {
+                        return 8;
+                    }
+                    KRV_XML_FreeNode(doc);
+                }
+            }
+        }
         /* A file, when one is named (a run under valgrind names one). */
         if (argc > 1 && (KRV_XML_ParseFileEx(argv[1], &doc) != KRV_XML_OK || doc == NULL)) {
             return 6;

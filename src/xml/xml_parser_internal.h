@@ -346,13 +346,12 @@ inline const char *findCdataEnd(const char *s)
         auto nul = static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(x, zero))) & mask;
         uint32_t brAt = (br << 2) | carry;  // bit i + 2: ']' at byte i
         ends &= brAt & (brAt >> 1);         // ']' at bytes i - 2 and i - 1
-        if ((ends | nul) != 0) {
-            // A NUL before the '>' ends the text first; one at the '>' is
-            // impossible, as the bits differ.
-            if (nul != 0 && (ends == 0 || __builtin_ctz(nul) < __builtin_ctz(ends))) {
-                return nullptr;
-            }
-            return block + __builtin_ctz(ends) - 2;
+        uint32_t m = ends | nul;
+        if (m != 0) {
+            // Whichever comes first, the close or the NUL, decides; the bits
+            // past a NUL are never looked at.
+            auto at = static_cast<unsigned>(__builtin_ctz(m));
+            return (nul >> at) & 1u ? nullptr : block + at - 2;
         }
         carry = br >> 14;
         block += 16;
