@@ -4,7 +4,9 @@
 // them alike.
 //   ab_inproc FILE MODE REPS LIB...
 // MODE 0: heap parse, 1: session parse; 2 and 3: printing (KRV_XML_Transform)
-// of a document each build parsed once, on the heap or in a session.
+// of a document each build parsed once, on the heap or in a session; 4 and 5:
+// path lookups (KRV_XML_GetNodeByUrl) in such a document of the last child of
+// the root named like its first child, the lookup that krvbench_op times.
 // Prints per build the median and the first quartile of the times, ms.
 #include <dlfcn.h>
 #include <malloc.h>
@@ -13,6 +15,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -26,6 +29,7 @@ struct Build {
     uint32_t (*free)(XmlNode *);
     uint32_t (*transform)(XmlNode *, char **);
     void (*freeMem)(void *);
+    uint32_t (*lookup)(XmlNode *, const char *, XmlNode **);
     XmlNode *doc;
     std::vector<double> ms;
 };
@@ -54,7 +58,9 @@ int main(int argc, char **argv)
     std::fclose(f);
     int mode = std::atoi(argv[2]);
     bool session = mode % 2 == 1;
-    bool print = mode >= 2;
+    bool print = mode == 2 || mode == 3;
+    bool lookup = mode >= 4;
+    std::string url;
     int reps = std::atoi(argv[3]);
     std::vector<Build> builds;
     for (int i = 4; i < argc; ++i) {
@@ -63,17 +69,27 @@ int main(int argc, char **argv)
             std::fprintf(stderr, "%s\n", dlerror());
             return 2;
         }
-        Build b{argv[i], nullptr, nullptr, nullptr, nullptr, nullptr, {}};
+        Build b{argv[i], nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, {}};
+        b.lookup = reinterpret_cast<uint32_t (*)(XmlNode *, const char *, XmlNode **)>(
+            dlsym(h, "KRV_XML_GetNodeByUrl"));
         b.transform = reinterpret_cast<uint32_t (*)(XmlNode *, char **)>(dlsym(h, "KRV_XML_Transform"));
         b.freeMem = reinterpret_cast<void (*)(void *)>(dlsym(h, "KRV_XML_FreeMem"));
         b.parse = reinterpret_cast<uint32_t (*)(const char *, XmlNode **)>(
             dlsym(h, session ? "KRV_XML_ParseEx" : "KRV_XML_Parse"));
         b.free = reinterpret_cast<uint32_t (*)(XmlNode *)>(dlsym(h, "KRV_XML_FreeNode"));
-        if (b.parse == nullptr || b.free == nullptr || b.transform == nullptr || b.freeMem == nullptr) {
+        if (b.parse == nullptr || b.free == nullptr || b.transform == nullptr || b.freeMem == nullptr ||
+            b.lookup == nullptr) {
             return 2;
         }
-        if (print && b.parse(text.c_str(), &b.doc) != 0) {
+        if ((print || lookup) && b.parse(text.c_str(), &b.doc) != 0) {
             return 1;
+        }
+        if (lookup && url.empty()) {
+            size_t count = 0;
+            for (XmlNode *c = b.doc->firstChild; c != nullptr; c = c->next) {
+                count += c->name != nullptr && std::strcmp(c->name, b.doc->firstChild->name) == 0 ? 1 : 0;
+            }
+            url = std::string(b.doc->name) + "." + b.doc->firstChild->name + "." + std::to_string(count);
         }
         b.ms.reserve(static_cast<size_t>(reps));
         builds.push_back(b);
@@ -82,8 +98,11 @@ int main(int argc, char **argv)
         for (Build &b : builds) {
             XmlNode *doc = nullptr;
             char *out = nullptr;
+            XmlNode *found = nullptr;
             auto t0 = std::chrono::steady_clock::now();
-            uint32_t rc = print ? b.transform(b.doc, &out) : b.parse(text.c_str(), &doc);
+            uint32_t rc = lookup  ? b.lookup(b.doc, url.c_str(), &found)
+                          : print ? b.transform(b.doc, &out)
+                                  : b.parse(text.c_str(), &doc);
             auto t1 = std::chrono::steady_clock::now();
             b.free(doc);
             b.freeMem(out);
