@@ -324,14 +324,13 @@ inline bool startsCdata(const char *p)
            p[5] == 'A' && p[6] == 'T' && p[7] == 'A' && p[8] == '[';
 }
 
-// The first "]]>" at or after s, or null when the text ends before one: what
-// strstr finds, read in aligned 16-byte blocks as findByte reads.
-inline const char *findCdataEnd(const char *s)
-{
 #ifdef KRVXML_SSE2_SCAN
-    // One pass over aligned blocks: a '>' whose two bytes before are ']'
-    // ends the section, the ']' bits of the last two bytes of each block
-    // carried into the next. Stray ']' in the text cost nothing extra.
+// findCdataEnd past a ']' that did not start the close: one pass over
+// aligned blocks, where a '>' whose two bytes before are ']' ends the
+// section and the ']' bits of each block's last two bytes carry into the
+// next, so further stray ']' cost no new scan.
+inline const char *findCdataEndInBlocks(const char *s)
+{
     const __m128i close = _mm_set1_epi8(']');
     const __m128i gt = _mm_set1_epi8('>');
     const __m128i zero = _mm_setzero_si128();
@@ -357,7 +356,14 @@ inline const char *findCdataEnd(const char *s)
         block += 16;
         mask = ~0u;
     }
-#else
+}
+#endif
+
+// The first "]]>" at or after s, or null when the text ends before one: what
+// strstr finds. Most sections hold no ']', so the first one found mostly
+// starts the close.
+inline const char *findCdataEnd(const char *s)
+{
     for (;;) {
         s = findByte(s, nullptr, ']', ']', ']');
         if (*s == '\0') {
@@ -366,9 +372,12 @@ inline const char *findCdataEnd(const char *s)
         if (s[1] == ']' && s[2] == '>') {
             return s;
         }
+#ifdef KRVXML_SSE2_SCAN
+        return findCdataEndInBlocks(s + 1);  // the rest in one pass
+#else
         ++s;
-    }
 #endif
+    }
 }
 
 inline void note(XmlParseDiag *diag, const char *at, const char *reason)
