@@ -16,6 +16,7 @@ SHAPES = {
     'nested': (35000, lambda i: '  <a><b><c><d></d></c></b></a>\n'),
     'prefixed': (35000, lambda i: f'  <cat:tag m:x="1">{WORDS[i % 8]}</cat:tag>\n'),
     'cdata': (18000, lambda i: '  <n><![CDATA[raw <b>zulu bravo</b> & "quoted" ]] text]]></n>\n'),
+    'cdata_plain': (15000, lambda i: f'  <n><![CDATA[raw <b>zulu bravo</b> & "quoted" plain text {i}]]></n>\n'),
 }
 
 def main():
