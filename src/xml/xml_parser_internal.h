@@ -83,8 +83,10 @@ inline bool xmlStoreShortWide(char *dst, const char *src, size_t len, int64_t ro
 {
 #ifdef KRVXML_SSE2_SCAN
     if (room >= 16 && (reinterpret_cast<uintptr_t>(src) & 4095u) <= 4080u) {
-        const __m128i iota = _mm_setr_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-        __m128i keep = _mm_cmpgt_epi8(_mm_set1_epi8(static_cast<char>(len)), iota);
+        // 16 bytes from kKeep + 16 - len: len ones, then zeros.
+        alignas(32) static constexpr signed char kKeep[32] = {
+            -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1};
+        __m128i keep = _mm_loadu_si128(reinterpret_cast<const __m128i *>(kKeep + 16 - len));
         __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src));
         _mm_storeu_si128(reinterpret_cast<__m128i *>(dst), _mm_and_si128(bytes, keep));
         return true;
@@ -251,15 +253,11 @@ inline bool isWordStart(char c)
     return (kClass.of[static_cast<unsigned char>(c)] & ~(kAmp | kColon)) == 0;
 }
 
-// The first byte at or after s that is a, b, c or NUL. With a non-null end,
-// the search stops there and returns end when nothing came before it.
-inline __attribute__((always_inline)) const char *findByte(const char *s, const char *end, char a,
-                                                         char b, char c)
-{
 #ifdef KRVXML_SSE2_SCAN
-    const __m128i va = _mm_set1_epi8(a);
-    const __m128i vb = _mm_set1_epi8(b);
-    const __m128i vc = _mm_set1_epi8(c);
+// findByte below with each byte sought given in all 16 lanes.
+inline __attribute__((always_inline)) const char *findByteIn(const char *s, const char *end,
+                                                           __m128i va, __m128i vb, __m128i vc)
+{
     const __m128i zero = _mm_setzero_si128();
     auto hits = [&](__m128i x) {
         return static_cast<unsigned>(_mm_movemask_epi8(
@@ -300,6 +298,16 @@ inline __attribute__((always_inline)) const char *findByte(const char *s, const 
         }
         mask = ~0u;
     }
+}
+#endif
+
+// The first byte at or after s that is a, b, c or NUL. With a non-null end,
+// the search stops there and returns end when nothing came before it.
+inline __attribute__((always_inline)) const char *findByte(const char *s, const char *end, char a,
+                                                         char b, char c)
+{
+#ifdef KRVXML_SSE2_SCAN
+    return findByteIn(s, end, _mm_set1_epi8(a), _mm_set1_epi8(b), _mm_set1_epi8(c));
 #else
     for (; end == nullptr || s < end; ++s) {
         char ch = *s;
@@ -308,6 +316,23 @@ inline __attribute__((always_inline)) const char *findByte(const char *s, const 
         }
     }
     return end;
+#endif
+}
+
+// The end of an attribute value from s, quoted by quote ('"' or '\''): the
+// first quote, '&', '<' or NUL, as findByte finds it. The quote's lanes come
+// from a table rather than being spread from the byte for every value.
+inline __attribute__((always_inline)) const char *findValueEnd(const char *s, char quote)
+{
+#ifdef KRVXML_SSE2_SCAN
+    alignas(16) static constexpr char kQuotes[2][16] = {
+        {'"', '"', '"', '"', '"', '"', '"', '"', '"', '"', '"', '"', '"', '"', '"', '"'},
+        {'\'', '\'', '\'', '\'', '\'', '\'', '\'', '\'', '\'', '\'', '\'', '\'', '\'', '\'', '\'', '\''}};
+    static_assert(('"' >> 2 & 1) == 0 && ('\'' >> 2 & 1) == 1, "bit 2 tells the quotes apart");
+    __m128i vq = _mm_load_si128(reinterpret_cast<const __m128i *>(kQuotes[quote >> 2 & 1]));
+    return findByteIn(s, nullptr, vq, _mm_set1_epi8('&'), _mm_set1_epi8('<'));
+#else
+    return findByte(s, nullptr, quote, '&', '<');
 #endif
 }
 
