@@ -918,7 +918,8 @@ const char *closesOwnName(const XmlNode *element, const char *text)
 // repeats that word and ends it there, or null. The word's bytes passed the
 // start tag's scan; here only the byte after it differs, and it can turn a
 // last '/', ']' or '-' into the start of "/>", "]]>" or "-->".
-inline const char *closesRawName(const char *raw, uint32_t len, const char *t)
+inline __attribute__((always_inline)) const char *closesRawName(const char *raw, uint32_t len,
+                                                              const char *t)
 {
 #ifdef KRVXML_SSE2_SCAN
     auto pageSafe = [](const char *at) { return (reinterpret_cast<uintptr_t>(at) & 4095u) <= 4080u; };
@@ -1058,9 +1059,11 @@ struct EachPiece {
 };
 
 // Copies a plain run into a zero piece of its own; null when none was had.
-// wide: a short run may be written as one 16-byte store. Only for values:
-// names are read back soon by the end tag's check, and a byte load from a
-// wide store still in flight waits for it.
+// wide: a short run may be written as one 16-byte store. For values, and
+// for the names of elements that a tag read in one pass carves: their end
+// tags are compared with the name in the text (rawName) while the store may
+// still be in flight, and a byte load from it would wait for it. Attribute
+// names stay byte-exact: for them the wider store cost more than it saved.
 template <class Take>
 inline __attribute__((always_inline)) char *putRun(Take &take, const char *src, uint32_t len,
                                                    bool wide = false)
@@ -1083,21 +1086,22 @@ inline __attribute__((always_inline)) char *putRun(Take &take, const char *src, 
 }
 
 // Copies a plain name into node, divided at colonAt (-1: no colon). Records
-// whose flags setCarvedFlags wrote already pass markOwned false.
+// whose flags setCarvedFlags wrote already pass markOwned false; wide as for
+// putRun.
 template <class Take>
 inline __attribute__((always_inline)) bool putName(Take &take, const char *src, uint32_t len,
                                                    int64_t colonAt, XmlNode *node,
-                                                   bool markOwned = true)
+                                                   bool markOwned = true, bool wide = false)
 {
     if (colonAt < 0) {
-        node->name = putRun(take, src, len);
+        node->name = putRun(take, src, len, wide);
     } else {
         auto at = static_cast<uint32_t>(colonAt);
-        node->nsPrefix = putRun(take, src, at);
+        node->nsPrefix = putRun(take, src, at, wide);
         if (Take::kCanFail && node->nsPrefix == nullptr) {
             return false;
         }
-        node->name = putRun(take, src + at + 1, len - at - 1);
+        node->name = putRun(take, src + at + 1, len - at - 1, wide);
     }
     if (markOwned) {
         node->nameOwned = 1;
@@ -1926,7 +1930,7 @@ inline __attribute__((always_inline)) Fast directStartTag(XmlParser *p)
     setCarvedFlags(n, kKindElement, 1, 0);
     n->mem = p->session;
     WholeTag take{start + kElementRecordSize, limit};
-    putName(take, name, nameLen, colonAt, n, false);
+    putName(take, name, nameLen, colonAt, n, false, true);
     bool empty = false;
     AttrRun run;
     DirectRest rest;
@@ -2243,6 +2247,71 @@ Fast fastText(XmlParser *p)
 bool g_fastParser = true;
 #endif
 
+// The decoded copy of a leaf's text, out of the way of the plain case.
+__attribute__((noinline)) int32_t decodeLeaf(XmlParser *p, XmlNode *n, const char *t, uint32_t len)
+{
+    return xmlDecodeRun(p->session, t, len, &n->value, p->diag);
+}
+
+// The text and end tag of a session leaf right after its start tag, which
+// carved its name from the text (rawElement): the text's copy is carved as
+// fastText's store would carve it, then the element is closed. Bail (nothing
+// changed) when the end tag does not repeat the start tag's word, the text
+// holds more than plain bytes and references, or a plain copy would not fit
+// the first block with room; fastText reads those.
+Fast closeLeaf(XmlParser *p)
+{
+    const char *t = p->pos;
+    XmlNode *n = p->current;
+    if (*t == '>' || (t[0] == '/' && t[1] == '>')) {
+        return Fast::Bail;
+    }
+    const char *lt = findByte(t, nullptr, '<', '&', '&');
+    bool plain = *lt != '&';
+    if (!plain) {
+        lt = findByte(lt + 1, nullptr, '<', '<', '<');
+    }
+    if (lt[0] != '<' || lt[1] != '/' || lt - t > static_cast<ptrdiff_t>(kMaxRun)) {
+        return Fast::Bail;
+    }
+    const char *gt = closesRawName(p->rawName, p->rawLen, lt + 2);
+    if (gt == nullptr) {
+        return Fast::Bail;
+    }
+    auto len = static_cast<uint32_t>(lt - t);
+    if (plain) {
+        auto *dst = len < kLongestCarved
+                        ? static_cast<char *>(
+                              xmlSessionTryTake(p->session, static_cast<int32_t>(runBytes(len))))
+                        : nullptr;
+        if (dst == nullptr) {
+            return Fast::Bail;
+        }
+        if (len <= 16) {
+            xmlCopyShort(dst, t, len);
+        } else if (len <= 32) {
+            // Two 16-byte moves that overlap, without a call.
+            char head[16];
+            char tail[16];
+            std::memcpy(head, t, 16);
+            std::memcpy(tail, t + len - 16, 16);
+            std::memcpy(dst, head, 16);
+            std::memcpy(dst + len - 16, tail, 16);
+        } else {
+            std::memcpy(dst, t, len);
+        }
+        n->value = dst;
+    } else if (decodeLeaf(p, n, t, len) != KRV_XML_OK) {
+        return Fast::Failed;
+    }
+    n->valueOwned = 1;
+    p->openBits &= ~1u;
+    --p->openCount;
+    p->state = XML_PARSE_IDLE;
+    p->pos = gt + 1;
+    return Fast::Done;
+}
+
 // One piece of markup at `pos` (white space already skipped), if plain.
 Fast fastStep(XmlParser *p)
 {
@@ -2270,9 +2339,16 @@ Fast fastStep(XmlParser *p)
         if (tag == Fast::Done && *t != '<' && *t != '\0' && !isSpace(*t) &&
             p->state == XML_PARSE_CONTENT && (p->openBits & 1u) && p->current != nullptr) {
             // Text right after the start tag, as in most leaves: read it here,
-            // where the main loop's next step would find it. When it is not
-            // plain, the main loop reads it again and takes the general path.
-            return fastText(p) == Fast::Failed ? Fast::Failed : Fast::Done;
+            // where the main loop's next step would find it: in a session,
+            // mostly with the start tag's word for its end tag (closeLeaf).
+            // When it is not plain, the main loop reads it again and takes the
+            // general path.
+            Fast leaf = p->session != nullptr && p->current == p->rawElement ? closeLeaf(p)
+                                                                               : Fast::Bail;
+            if (leaf == Fast::Bail) {
+                leaf = fastText(p);
+            }
+            return leaf == Fast::Failed ? Fast::Failed : Fast::Done;
         }
         return tag;
     }
