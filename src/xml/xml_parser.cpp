@@ -809,6 +809,10 @@ inline const char *wordEnd(const char *s, bool *amp, const char **firstColon)
         while (cls == 0) {
             cls = kClass.of[static_cast<unsigned char>(*++q)];
         }
+        // Most words end at a stop byte ('=', white space, '>'): that test first.
+        if ((cls & kStop) != 0) {
+            return q;
+        }
         if (cls == kColon) {
             *firstColon = *firstColon == nullptr ? q : *firstColon;
         } else if (cls == kAmp) {
