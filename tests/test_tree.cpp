@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
 #include <iterator>
 #include <random>
 #include <string>
@@ -1047,6 +1049,71 @@ TEST(Attributes, LongListsKeepAnsweringWhenTheIndexGetsNoMemory)
 }
 
 // ===== Clone ================================================================
+
+// A document's copy in its own session writes its blocks without clearing
+// them first. Its memory must still read as a cleared session's would: zero
+// past every block's cursor (later records rely on that) and in the padding
+// of every record and string. Freed heap memory is dirtied first, so that
+// the copy's slabs come from bytes that are not zero.
+TEST(Clone, ADocumentCopyLeavesItsSessionAsIfCleared)
+{
+    // Long texts at the end leave rests in blocks that no later piece fills.
+    // The session stays below the heap's mmap threshold for its slabs, so
+    // that they come from the freed memory.
+    std::string text = "<root_element>";
+    for (int i = 0; i < 1000; ++i) {
+        text += "<record_item number_attr='number_" + std::to_string(i) + "' prefixed:key_name='value_" +
+                std::string(i % 13, 'x') + "'>text_of_" + std::string(i % 11, 'y') + "</record_item>";
+    }
+    for (int i = 0; i < 10; ++i) {
+        text += "<big>" + std::string(3000, 'z') + "</big>";
+    }
+    text += "</root_element>";
+    XmlNode *doc = krvtest::MustParse(text, true);
+    std::vector<void *> dirt;
+    for (int i = 0; i < 64; ++i) {
+        dirt.push_back(std::malloc(64 << 10));
+        std::memset(dirt.back(), 0xA5, 64 << 10);
+    }
+    void *fence = std::malloc(64 << 10);  // keeps the freed chunks from the heap's top
+    for (void *d : dirt) {
+        std::free(d);
+    }
+    XmlNode *copy = nullptr;
+    ASSERT_EQ(KRV_XML_CloneNode(doc, &copy), KRV_XML_OK);
+    std::free(fence);
+    EXPECT_EQ(Dump(copy), Dump(doc));
+
+    int blocks = 0;
+    for (XmlMemSession *b = copy->mem; b != nullptr; b = b->nextBlock, ++blocks) {
+        std::string rest(reinterpret_cast<const char *>(b->cursor), static_cast<size_t>(b->freeBytes));
+        EXPECT_EQ(rest.find_first_not_of('\0'), std::string::npos) << "block " << blocks;
+    }
+    EXPECT_GT(blocks, 20);
+    auto paddingZero = [](const XmlNode *n) {
+        const auto *bytes = reinterpret_cast<const uint8_t *>(n);
+        bool zero = std::all_of(bytes + offsetof(XmlNode, valueOwned) + 1, bytes + offsetof(XmlNode, parent),
+                                [](uint8_t c) { return c == 0; });
+        for (const char *s : {n->name, n->value, n->nsPrefix}) {
+            size_t len = s != nullptr ? std::strlen(s) : 0, piece = s != nullptr ? (len + 8) & ~size_t{7} : 0;
+            for (size_t i = len; i < piece; ++i) {  // the NUL and the piece's padding
+                zero = zero && s[i] == '\0';
+            }
+        }
+        return zero;
+    };
+    int records = 0;
+    for (XmlNode *n = copy; n != nullptr; n = KRV_XML_Iterator(n)) {
+        EXPECT_TRUE(paddingZero(n)) << Str(n->name);
+        for (XmlNode *a = n->firstAttr; a != nullptr; a = a->next, ++records) {
+            EXPECT_TRUE(paddingZero(a)) << Str(a->name);
+        }
+        ++records;
+    }
+    EXPECT_GT(records, 3000);
+    KRV_XML_FreeNode(copy);
+    KRV_XML_FreeNode(doc);
+}
 
 // A copy is detached, in the source's regime, made of new records only, and
 // holds the same content; a document copy gets a table (and a session) of its

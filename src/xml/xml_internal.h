@@ -190,6 +190,21 @@ inline void *xmlSessionTake(XmlMemSession *session, int32_t n)
     return p != nullptr ? p : XML_MemSpecialMalloc(session, n);
 }
 
+// Takes n bytes (0 < n) as xmlSessionTake does, for a writer that writes
+// every byte of what it takes, padding included: a block that the session
+// adds here is not cleared, and its rest stays unwritten while it is the
+// last block. xmlSessionClearRest zeroes that rest, as a session's memory
+// past its cursors must be; the writer calls it when it is done. Null when
+// memory ran out.
+void *xmlSessionTakeWholeSlow(XmlMemSession *session, int32_t n);
+void xmlSessionClearRest(XmlMemSession *session);
+
+inline void *xmlSessionTakeWhole(XmlMemSession *session, int32_t n)
+{
+    void *p = n <= (1 << 30) ? xmlSessionTryTake(session, (n + 7) & ~7) : nullptr;
+    return p != nullptr ? p : xmlSessionTakeWholeSlow(session, n);
+}
+
 // The session that owns the tree of `context`, or null when that tree is not
 // session-owned (a null context, a heap record, an ownerless attribute on the
 // way up, or a top record with a sibling).

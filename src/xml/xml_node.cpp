@@ -33,7 +33,9 @@
 // allocated through malloc. A shared slab is cleared block by block as
 // blocks are carved, just before the caller writes them; a block larger than
 // the next shared slab gets a zero-filled slab of its own and the shared slab
-// stays in use.
+// stays in use. A writer that writes every byte it takes (a document's copy,
+// see xmlSessionTakeWhole) gets its blocks uncleared and zeroes only what a
+// block has left when it is done with it.
 
 struct SessionSlab {
     SessionSlab *next;  // the previous slab of the session; blocks follow
@@ -122,7 +124,10 @@ XmlMemSession *initBlock(void *at, int32_t capacity)
 
 // A zero-filled block of `capacity` data bytes carved from the session's
 // slabs, or null when a needed slab cannot be allocated (nothing changed).
-XmlMemSession *slabBlock(SessionIndex *index, int32_t capacity)
+// With `clear` false a block from a shared slab has only its header zeroed:
+// its data holds whatever the slab held, for a writer that writes every
+// byte it takes (see xmlSessionTakeWhole).
+XmlMemSession *slabBlock(SessionIndex *index, int32_t capacity, bool clear = true)
 {
     size_t bytes = kBlockHeader + static_cast<size_t>(capacity);
     size_t shared = index->nextSlab - kHeapOverhead;
@@ -153,7 +158,11 @@ XmlMemSession *slabBlock(SessionIndex *index, int32_t capacity)
     uint8_t *at = index->slabCursor;
     index->slabCursor += bytes;
     index->slabRoom -= bytes;
-    memset_s(at, bytes, 0, bytes);
+    if (clear) {
+        memset_s(at, bytes, 0, bytes);
+    } else {
+        std::memset(at, 0, kBlockHeader);
+    }
     return initBlock(at, capacity);
 }
 
@@ -309,7 +318,9 @@ void *XML_MemSpecialMalloc(XmlMemSession *session, int32_t n)
     return p;
 }
 
-XmlMemSession *xmlSessionMakeBlock(XmlMemSession *session, int32_t n)
+namespace {
+
+XmlMemSession *makeBlock(XmlMemSession *session, int32_t n, bool clear)
 {
     int32_t capacity = session->lastBlock->capacity;
     while (capacity < n) {
@@ -324,9 +335,44 @@ XmlMemSession *xmlSessionMakeBlock(XmlMemSession *session, int32_t n)
         index->spare = nullptr;
         return spare;
     }
-    XmlMemSession *block = slabBlock(index, capacity);
+    XmlMemSession *block = slabBlock(index, capacity, clear);
     session->prefetchAhead = index->slabTotal >= kPrefetchFrom ? 1 : 0;
     return block;
+}
+
+}  // namespace
+
+XmlMemSession *xmlSessionMakeBlock(XmlMemSession *session, int32_t n)
+{
+    return makeBlock(session, n, true);
+}
+
+void *xmlSessionTakeWholeSlow(XmlMemSession *session, int32_t n)
+{
+    if (n <= 0 || n > kMaxRequest) {
+        return nullptr;
+    }
+    n = (n + 7) & ~7;
+    XmlMemSession *fit = findFirstFit(session, n);
+    if (fit != nullptr) {
+        return carve(fit, n);
+    }
+    XmlMemSession *block = makeBlock(session, n, false);
+    if (block == nullptr) {
+        return nullptr;
+    }
+    // The last block stops being filled in order: what it has left must be
+    // zero, as every other block's rest is, before a new block follows it.
+    xmlSessionClearRest(session);
+    void *p = carve(block, n);
+    xmlSessionAppend(session, block);
+    return p;
+}
+
+void xmlSessionClearRest(XmlMemSession *session)
+{
+    XmlMemSession *last = session->lastBlock;
+    std::memset(last->cursor, 0, static_cast<size_t>(last->freeBytes));
 }
 
 void xmlSessionAppend(XmlMemSession *session, XmlMemSession *block)

@@ -579,13 +579,107 @@ namespace {
 struct CloneTarget {
     XmlMemSession *session;  // where every record of the copy is carved; null: heap
     XmlNode *top;            // the top record of the copy, once it exists
+    // A session begun for the copy: its new blocks are not cleared, and the
+    // copy writes every byte it takes (see xmlSessionTakeWhole). Clearing a
+    // block just before it is written costs a pass of its own over memory
+    // that a large copy has to fetch first.
+    bool whole;
 };
+
+// A record of the kind's shape, written whole, from the copy's own session.
+XmlNode *newWholeRecord(XmlMemSession *session, int32_t kind)
+{
+    size_t size = kind == kKindAttribute ? kAttrRecordSize : kElementRecordSize;
+    void *raw = xmlSessionTakeWhole(session, static_cast<int32_t>(size));
+    if (raw == nullptr) {
+        return nullptr;
+    }
+    // A constant size per shape makes the clearing a few wide stores.
+    if (size == kAttrRecordSize) {
+        std::memset(raw, 0, kAttrRecordSize);
+    } else {
+        std::memset(raw, 0, kElementRecordSize);
+    }
+    auto *node = static_cast<XmlNode *>(raw);
+    node->kind = kind == kKindAttribute ? kKindAttribute : kKindElement;  // as xmlNewRecord
+    node->mem = session;
+    return node;
+}
+
+// A copy of a non-empty text, written whole with the zero padding of its
+// piece, from the copy's own session; null when memory ran out.
+char *copyWholeText(XmlMemSession *session, const char *text)
+{
+    size_t len = std::strlen(text);
+    if (len >= static_cast<size_t>(INT32_MAX)) {
+        return nullptr;
+    }
+    auto *copy = static_cast<char *>(xmlSessionTakeWhole(session, static_cast<int32_t>(len + 1)));
+    if (copy == nullptr) {
+        return nullptr;
+    }
+    // The piece is 8-aligned and len + 1 rounded up: its last word holds the
+    // NUL and the padding, and is written first.
+    size_t last = ((len + 1 + 7) & ~size_t{7}) - 8;
+    std::memset(copy + last, 0, 8);
+    if (len <= 16) {
+        xmlCopyShort(copy, text, len);
+    } else {
+        std::memcpy(copy, text, len);
+    }
+    copy[len] = '\0';
+    return copy;
+}
+
+// xmlSetStrings for a record just made by newWholeRecord.
+uint32_t setWholeStrings(XmlMemSession *session, XmlNode *node, const XmlNode *source)
+{
+    if (source->nsPrefix != nullptr && source->nsPrefix[0] != '\0') {
+        if ((node->nsPrefix = copyWholeText(session, source->nsPrefix)) == nullptr) {
+            return KRV_XML_ERR_NO_MEMORY;
+        }
+    }
+    if (source->name != nullptr && source->name[0] != '\0') {
+        if ((node->name = copyWholeText(session, source->name)) == nullptr) {
+            return KRV_XML_ERR_NO_MEMORY;
+        }
+        node->nameOwned = 1;
+    }
+    if (source->value != nullptr && source->value[0] != '\0') {
+        if ((node->value = copyWholeText(session, source->value)) == nullptr) {
+            return KRV_XML_ERR_NO_MEMORY;
+        }
+        node->valueOwned = 1;
+    }
+    return KRV_XML_OK;
+}
 
 // Copies source's strings and attribute list into copy, appending attribute
 // copies through a running tail. On failure the attribute copies made so far
 // stay linked under copy, for the caller to release with it.
 uint32_t copyContent(const XmlNode *source, XmlNode *copy, const CloneTarget &target)
 {
+    if (target.whole) {
+        uint32_t rc = setWholeStrings(target.session, copy, source);
+        if (rc != KRV_XML_OK) {
+            return rc;
+        }
+        XmlNode **tail = &copy->firstAttr;
+        for (const XmlNode *a = source->firstAttr; a != nullptr; a = a->next) {
+            XmlNode *ac = newWholeRecord(target.session, kKindAttribute);
+            if (ac == nullptr) {
+                return KRV_XML_ERR_NO_MEMORY;
+            }
+            ac->parent = copy;
+            *tail = ac;
+            tail = &ac->next;
+            rc = setWholeStrings(target.session, ac, a);
+            if (rc != KRV_XML_OK) {
+                return rc;
+            }
+        }
+        return KRV_XML_OK;
+    }
     uint32_t rc = xmlSetStrings(target.top, copy, source->nsPrefix, source->name, source->value);
     if (rc != KRV_XML_OK) {
         return rc;
@@ -623,13 +717,14 @@ uint32_t cloneTop(XmlNode *source, XmlNode **out)
         }
         mem = root->mem;
     }
-    CloneTarget target{mem, nullptr};
+    CloneTarget target{mem, nullptr, false};
     bool ownSession = source->kind == kKindDocument && mem != nullptr;
     if (ownSession) {
         target.session = XML_MemSessionBegin(kSessionInitialSize);
         if (target.session == nullptr) {
             return KRV_XML_ERR_NO_MEMORY;
         }
+        target.whole = true;
     }
     XmlNode *copy = xmlNewRecord(target.session, source->kind);
     if (copy == nullptr) {
@@ -656,7 +751,7 @@ uint32_t cloneTop(XmlNode *source, XmlNode **out)
 // far stay linked under copy.
 uint32_t xmlClone(const XmlNode *source, XmlNode *copy)
 {
-    CloneTarget target{copy->mem, copy};
+    CloneTarget target{copy->mem, copy, copy->ownsSession == 1 && copy->mem != nullptr};
     XmlNode *dest = copy;
     const XmlNode *cur = source->firstChild;
     while (cur != nullptr) {
@@ -665,7 +760,8 @@ uint32_t xmlClone(const XmlNode *source, XmlNode *copy)
         if (cur->kind == kKindDocument && target.session != nullptr) {
             return KRV_XML_ERR_INVALID_PARAM;
         }
-        XmlNode *c = xmlNewRecord(target.session, cur->kind);
+        XmlNode *c = target.whole ? newWholeRecord(target.session, cur->kind)
+                                  : xmlNewRecord(target.session, cur->kind);
         if (c == nullptr) {
             return KRV_XML_ERR_NO_MEMORY;
         }
@@ -704,6 +800,7 @@ uint32_t xmlClone(const XmlNode *source, XmlNode *copy)
 void noteCopy(XmlNode *copy)
 {
     if (copy->ownsSession == 1 && copy->mem != nullptr) {
+        xmlSessionClearRest(copy->mem);  // the copy wrote its pieces whole
         xmlNoteOwner(copy);
     } else {
         xmlNoteLoose(copy->mem, 1);
