@@ -654,46 +654,38 @@ uint32_t setWholeStrings(XmlMemSession *session, XmlNode *node, const XmlNode *s
     return KRV_XML_OK;
 }
 
+// A new record of the copy, and the copy of source's strings into it, each
+// by the way of the copy's target.
+XmlNode *newCopyRecord(const CloneTarget &target, int32_t kind)
+{
+    return target.whole ? newWholeRecord(target.session, kind) : xmlNewRecord(target.session, kind);
+}
+
+uint32_t copyStrings(const CloneTarget &target, XmlNode *copy, const XmlNode *source)
+{
+    return target.whole ? setWholeStrings(target.session, copy, source)
+                        : xmlSetStrings(target.top, copy, source->nsPrefix, source->name, source->value);
+}
+
 // Copies source's strings and attribute list into copy, appending attribute
 // copies through a running tail. On failure the attribute copies made so far
 // stay linked under copy, for the caller to release with it.
 uint32_t copyContent(const XmlNode *source, XmlNode *copy, const CloneTarget &target)
 {
-    if (target.whole) {
-        uint32_t rc = setWholeStrings(target.session, copy, source);
-        if (rc != KRV_XML_OK) {
-            return rc;
-        }
-        XmlNode **tail = &copy->firstAttr;
-        for (const XmlNode *a = source->firstAttr; a != nullptr; a = a->next) {
-            XmlNode *ac = newWholeRecord(target.session, kKindAttribute);
-            if (ac == nullptr) {
-                return KRV_XML_ERR_NO_MEMORY;
-            }
-            ac->parent = copy;
-            *tail = ac;
-            tail = &ac->next;
-            rc = setWholeStrings(target.session, ac, a);
-            if (rc != KRV_XML_OK) {
-                return rc;
-            }
-        }
-        return KRV_XML_OK;
-    }
-    uint32_t rc = xmlSetStrings(target.top, copy, source->nsPrefix, source->name, source->value);
+    uint32_t rc = copyStrings(target, copy, source);
     if (rc != KRV_XML_OK) {
         return rc;
     }
     XmlNode **tail = &copy->firstAttr;
     for (const XmlNode *a = source->firstAttr; a != nullptr; a = a->next) {
-        XmlNode *ac = xmlNewRecord(target.session, KRV_XML_NODE_ATTRIBUTE);
+        XmlNode *ac = newCopyRecord(target, KRV_XML_NODE_ATTRIBUTE);
         if (ac == nullptr) {
             return KRV_XML_ERR_NO_MEMORY;
         }
         ac->parent = copy;
         *tail = ac;
         tail = &ac->next;
-        rc = xmlSetStrings(target.top, ac, a->nsPrefix, a->name, a->value);  // no index yet
+        rc = copyStrings(target, ac, a);  // no index yet
         if (rc != KRV_XML_OK) {
             return rc;
         }
@@ -760,8 +752,7 @@ uint32_t xmlClone(const XmlNode *source, XmlNode *copy)
         if (cur->kind == kKindDocument && target.session != nullptr) {
             return KRV_XML_ERR_INVALID_PARAM;
         }
-        XmlNode *c = target.whole ? newWholeRecord(target.session, cur->kind)
-                                  : xmlNewRecord(target.session, cur->kind);
+        XmlNode *c = newCopyRecord(target, cur->kind);
         if (c == nullptr) {
             return KRV_XML_ERR_NO_MEMORY;
         }
