@@ -165,6 +165,18 @@ inline void xmlCopyShort(char *dst, const char *src, size_t len)
     }
 }
 
+// Writes a text of len bytes (no NUL among them) and its NUL at dst; a short
+// text takes no call whose length varies.
+inline void xmlPutText(char *dst, const char *text, size_t len)
+{
+    if (len <= 16) {
+        xmlCopyShort(dst, text, len);
+    } else {
+        std::memcpy(dst, text, len);
+    }
+    dst[len] = '\0';
+}
+
 // Every session in the library starts with this many bytes.
 constexpr int32_t kSessionInitialSize = 8192;
 

@@ -667,14 +667,7 @@ char *copyText(XmlMemSession *session, const char *text)
         copy = static_cast<char *>(krvHeapMalloc(len + 1));
     }
     if (copy != nullptr) {
-        // The length is known and holds no NUL: what strncpy_s would write,
-        // without a call whose length varies for the short ones.
-        if (len <= 16) {
-            xmlCopyShort(copy, text, len);
-        } else {
-            std::memcpy(copy, text, len);
-        }
-        copy[len] = '\0';
+        xmlPutText(copy, text, len);  // what strncpy_s would write
     }
     return copy;
 }

@@ -622,12 +622,7 @@ char *copyWholeText(XmlMemSession *session, const char *text)
     // NUL and the padding, and is written first.
     size_t last = ((len + 1 + 7) & ~size_t{7}) - 8;
     std::memset(copy + last, 0, 8);
-    if (len <= 16) {
-        xmlCopyShort(copy, text, len);
-    } else {
-        std::memcpy(copy, text, len);
-    }
-    copy[len] = '\0';
+    xmlPutText(copy, text, len);
     return copy;
 }
 
