@@ -297,27 +297,6 @@ XmlMemSession *XML_MemSessionBegin(int32_t size)
     return first;
 }
 
-void *XML_MemSpecialMalloc(XmlMemSession *session, int32_t n)
-{
-    if (session == nullptr || n <= 0 || n > kMaxRequest) {
-        return nullptr;
-    }
-    n = (n + 7) & ~7;  // records are carved from the same blocks as strings
-    XmlMemSession *fit = findFirstFit(session, n);
-    if (fit != nullptr) {
-        // The block's leaf in the index is left as it was: stale-high leaves
-        // are allowed and mended by the next query they would mislead.
-        return carve(fit, n);
-    }
-    XmlMemSession *block = xmlSessionMakeBlock(session, n);
-    if (block == nullptr) {
-        return nullptr;  // a grown index is kept; the chain is unchanged
-    }
-    void *p = carve(block, n);
-    xmlSessionAppend(session, block);
-    return p;
-}
-
 namespace {
 
 XmlMemSession *makeBlock(XmlMemSession *session, int32_t n, bool clear)
@@ -340,6 +319,35 @@ XmlMemSession *makeBlock(XmlMemSession *session, int32_t n, bool clear)
     return block;
 }
 
+// A request of n bytes (n > 0) that the first non-full block cannot serve.
+// With `whole` the writer writes every byte it takes (see
+// xmlSessionTakeWhole): a new block is not cleared, and the old last
+// block's rest is zeroed before the new block follows it, since that rest
+// is no longer filled in order.
+void *takeSlow(XmlMemSession *session, int32_t n, bool whole)
+{
+    if (n <= 0 || n > kMaxRequest) {
+        return nullptr;
+    }
+    n = (n + 7) & ~7;  // records are carved from the same blocks as strings
+    XmlMemSession *fit = findFirstFit(session, n);
+    if (fit != nullptr) {
+        // The block's leaf in the index is left as it was: stale-high leaves
+        // are allowed and mended by the next query they would mislead.
+        return carve(fit, n);
+    }
+    XmlMemSession *block = makeBlock(session, n, !whole);
+    if (block == nullptr) {
+        return nullptr;  // a grown index is kept; the chain is unchanged
+    }
+    if (whole) {
+        xmlSessionClearRest(session);
+    }
+    void *p = carve(block, n);
+    xmlSessionAppend(session, block);
+    return p;
+}
+
 }  // namespace
 
 XmlMemSession *xmlSessionMakeBlock(XmlMemSession *session, int32_t n)
@@ -347,26 +355,14 @@ XmlMemSession *xmlSessionMakeBlock(XmlMemSession *session, int32_t n)
     return makeBlock(session, n, true);
 }
 
+void *XML_MemSpecialMalloc(XmlMemSession *session, int32_t n)
+{
+    return session != nullptr ? takeSlow(session, n, false) : nullptr;
+}
+
 void *xmlSessionTakeWholeSlow(XmlMemSession *session, int32_t n)
 {
-    if (n <= 0 || n > kMaxRequest) {
-        return nullptr;
-    }
-    n = (n + 7) & ~7;
-    XmlMemSession *fit = findFirstFit(session, n);
-    if (fit != nullptr) {
-        return carve(fit, n);
-    }
-    XmlMemSession *block = makeBlock(session, n, false);
-    if (block == nullptr) {
-        return nullptr;
-    }
-    // The last block stops being filled in order: what it has left must be
-    // zero, as every other block's rest is, before a new block follows it.
-    xmlSessionClearRest(session);
-    void *p = carve(block, n);
-    xmlSessionAppend(session, block);
-    return p;
+    return takeSlow(session, n, true);
 }
 
 void xmlSessionClearRest(XmlMemSession *session)
