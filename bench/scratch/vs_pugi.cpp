@@ -1,0 +1,125 @@
+// One of our operations against pugixml's counterpart in one process, turn
+// by turn, so that the machine's slow and fast spells fall on both alike.
+//   g++ -O2 -I include bench/scratch/vs_pugi.cpp -o /tmp/vs_pugi -ldl -lpugixml
+//   /tmp/vs_pugi FILE MODE REPS LIB    # LIB: a libkrvxml.so.2 built as bench/run builds it
+// MODE 1: session parse against load_buffer; 2 and 3: KRV_XML_Transform of a
+// heap or session document against save to a string (raw, no declaration),
+// as krvbench_peers times them. Prints the best and median of each and
+// pugixml's time over ours (> 1: ours is faster) for both.
+#include <dlfcn.h>
+#include <malloc.h>
+
+#include <pugixml.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "krv_xml.h"
+
+namespace {
+
+struct StringWriter : pugi::xml_writer {
+    std::string text;
+    void write(const void *data, size_t size) override
+    {
+        text.append(static_cast<const char *>(data), size);
+    }
+};
+
+double msSince(std::chrono::steady_clock::time_point t0)
+{
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc < 5) {
+        std::fprintf(stderr, "usage: %s FILE MODE REPS LIB\n", argv[0]);
+        return 2;
+    }
+    mallopt(M_MMAP_MAX, 0);
+    mallopt(M_TRIM_THRESHOLD, INT32_MAX);
+    FILE *f = std::fopen(argv[1], "rb");
+    if (f == nullptr) {
+        return 2;
+    }
+    std::fseek(f, 0, SEEK_END);
+    long n = std::ftell(f);
+    std::fseek(f, 0, SEEK_SET);
+    std::string text(static_cast<size_t>(n), '\0');
+    if (std::fread(&text[0], 1, text.size(), f) != text.size()) {
+        return 2;
+    }
+    std::fclose(f);
+    int mode = std::atoi(argv[2]);
+    int reps = std::atoi(argv[3]);
+    void *h = dlopen(argv[4], RTLD_NOW | RTLD_LOCAL);
+    if (h == nullptr || mode < 1 || mode > 3) {
+        std::fprintf(stderr, "%s\n", h == nullptr ? dlerror() : "MODE is 1, 2 or 3");
+        return 2;
+    }
+    auto parse = reinterpret_cast<uint32_t (*)(const char *, XmlNode **)>(
+        dlsym(h, mode == 2 ? "KRV_XML_Parse" : "KRV_XML_ParseEx"));
+    auto release = reinterpret_cast<uint32_t (*)(XmlNode *)>(dlsym(h, "KRV_XML_FreeNode"));
+    auto transform = reinterpret_cast<uint32_t (*)(XmlNode *, char **)>(dlsym(h, "KRV_XML_Transform"));
+    auto freeMem = reinterpret_cast<void (*)(void *)>(dlsym(h, "KRV_XML_FreeMem"));
+    if (parse == nullptr || release == nullptr || transform == nullptr || freeMem == nullptr) {
+        return 2;
+    }
+    XmlNode *kept = nullptr;
+    pugi::xml_document theirDoc;
+    if (mode != 1 && (parse(text.c_str(), &kept) != 0 || !theirDoc.load_buffer(text.data(), text.size()))) {
+        return 1;
+    }
+    std::vector<double> ours, theirs;
+    for (int r = -3; r < reps; ++r) {  // three untimed rounds first
+        double mine = 0;
+        double their = 0;
+        if (mode == 1) {
+            XmlNode *doc = nullptr;
+            auto t0 = std::chrono::steady_clock::now();
+            uint32_t rc = parse(text.c_str(), &doc);
+            mine = msSince(t0);
+            release(doc);
+            pugi::xml_document d;
+            t0 = std::chrono::steady_clock::now();
+            bool ok = static_cast<bool>(d.load_buffer(text.data(), text.size()));
+            their = msSince(t0);
+            if (rc != 0 || !ok) {
+                return 1;
+            }
+        } else {
+            char *out = nullptr;
+            auto t0 = std::chrono::steady_clock::now();
+            uint32_t rc = transform(kept, &out);
+            mine = msSince(t0);
+            freeMem(out);
+            auto *w = new StringWriter;
+            t0 = std::chrono::steady_clock::now();
+            theirDoc.save(*w, "", pugi::format_raw | pugi::format_no_declaration, pugi::encoding_utf8);
+            their = msSince(t0);
+            delete w;
+            if (rc != 0) {
+                return 1;
+            }
+        }
+        if (r >= 0) {
+            ours.push_back(mine);
+            theirs.push_back(their);
+        }
+    }
+    release(kept);
+    std::sort(ours.begin(), ours.end());
+    std::sort(theirs.begin(), theirs.end());
+    size_t mid = ours.size() / 2;
+    std::printf("ours best %.4f median %.4f | pugixml best %.4f median %.4f ms | pugixml/ours best %.3f median %.3f\n",
+                ours[0], ours[mid], theirs[0], theirs[mid], theirs[0] / ours[0], theirs[mid] / ours[mid]);
+    return 0;
+}
