@@ -1050,42 +1050,32 @@ TEST(Attributes, LongListsKeepAnsweringWhenTheIndexGetsNoMemory)
 
 // ===== Clone ================================================================
 
-// A document's copy in its own session writes its blocks without clearing
-// them first. Its memory must still read as a cleared session's would: zero
-// past every block's cursor (later records rely on that) and in the padding
-// of every record and string. Freed heap memory is dirtied first, so that
-// the copy's slabs come from bytes that are not zero.
-TEST(Clone, ADocumentCopyLeavesItsSessionAsIfCleared)
+namespace {
+
+// Frees 4 MB of heap memory filled with 0xA5, kept from the heap's top by a
+// fence that the caller frees, so that the slabs of a session begun next
+// come from bytes that are not zero.
+void *DirtyFreedHeap()
 {
-    // Long texts at the end leave rests in blocks that no later piece fills.
-    // The session stays below the heap's mmap threshold for its slabs, so
-    // that they come from the freed memory.
-    std::string text = "<root_element>";
-    for (int i = 0; i < 1000; ++i) {
-        text += "<record_item number_attr='number_" + std::to_string(i) + "' prefixed:key_name='value_" +
-                std::string(i % 13, 'x') + "'>text_of_" + std::string(i % 11, 'y') + "</record_item>";
-    }
-    for (int i = 0; i < 10; ++i) {
-        text += "<big>" + std::string(3000, 'z') + "</big>";
-    }
-    text += "</root_element>";
-    XmlNode *doc = krvtest::MustParse(text, true);
     std::vector<void *> dirt;
     for (int i = 0; i < 64; ++i) {
         dirt.push_back(std::malloc(64 << 10));
         std::memset(dirt.back(), 0xA5, 64 << 10);
     }
-    void *fence = std::malloc(64 << 10);  // keeps the freed chunks from the heap's top
+    void *fence = std::malloc(64 << 10);
     for (void *d : dirt) {
         std::free(d);
     }
-    XmlNode *copy = nullptr;
-    ASSERT_EQ(KRV_XML_CloneNode(doc, &copy), KRV_XML_OK);
-    std::free(fence);
-    EXPECT_EQ(Dump(copy), Dump(doc));
+    return fence;
+}
 
+// A session's memory reads as if each block had been cleared when it was
+// made: zero past every block's cursor (later records rely on that) and in
+// the padding of every record and string.
+void ExpectAsIfCleared(XmlNode *doc)
+{
     int blocks = 0;
-    for (XmlMemSession *b = copy->mem; b != nullptr; b = b->nextBlock, ++blocks) {
+    for (XmlMemSession *b = doc->mem; b != nullptr; b = b->nextBlock, ++blocks) {
         std::string rest(reinterpret_cast<const char *>(b->cursor), static_cast<size_t>(b->freeBytes));
         EXPECT_EQ(rest.find_first_not_of('\0'), std::string::npos) << "block " << blocks;
     }
@@ -1103,7 +1093,7 @@ TEST(Clone, ADocumentCopyLeavesItsSessionAsIfCleared)
         return zero;
     };
     int records = 0;
-    for (XmlNode *n = copy; n != nullptr; n = KRV_XML_Iterator(n)) {
+    for (XmlNode *n = doc; n != nullptr; n = KRV_XML_Iterator(n)) {
         EXPECT_TRUE(paddingZero(n)) << Str(n->name);
         for (XmlNode *a = n->firstAttr; a != nullptr; a = a->next, ++records) {
             EXPECT_TRUE(paddingZero(a)) << Str(a->name);
@@ -1111,8 +1101,44 @@ TEST(Clone, ADocumentCopyLeavesItsSessionAsIfCleared)
         ++records;
     }
     EXPECT_GT(records, 3000);
+}
+
+}  // namespace
+
+// Sessions clear their blocks by stores of their own, and a document's copy
+// in its own session writes its blocks without clearing them first. Both
+// must leave memory as a cleared session's, also where the heap hands them
+// dirty memory.
+TEST(Clone, ParsedAndCopiedSessionsReadAsIfCleared)
+{
+    // Long texts at the end leave rests in blocks that no later piece fills.
+    // The session stays below the heap's mmap threshold for its slabs, so
+    // that they come from the freed memory.
+    std::string text = "<root_element>";
+    for (int i = 0; i < 1000; ++i) {
+        text += "<record_item number_attr='number_" + std::to_string(i) + "' prefixed:key_name='value_" +
+                std::string(i % 13, 'x') + "'>text_of_" + std::string(i % 11, 'y') + "</record_item>";
+    }
+    for (int i = 0; i < 10; ++i) {
+        text += "<big>" + std::string(3000, 'z') + "</big>";
+    }
+    text += "</root_element>";
+    XmlNode *reference = krvtest::MustParse(text, false);
+    void *fence = DirtyFreedHeap();
+    XmlNode *doc = krvtest::MustParse(text, true);
+    std::free(fence);
+    EXPECT_EQ(Dump(doc), Dump(reference));
+    ExpectAsIfCleared(doc);
+
+    fence = DirtyFreedHeap();
+    XmlNode *copy = nullptr;
+    ASSERT_EQ(KRV_XML_CloneNode(doc, &copy), KRV_XML_OK);
+    std::free(fence);
+    EXPECT_EQ(Dump(copy), Dump(doc));
+    ExpectAsIfCleared(copy);
     KRV_XML_FreeNode(copy);
     KRV_XML_FreeNode(doc);
+    KRV_XML_FreeNode(reference);
 }
 
 // A copy is detached, in the source's regime, made of new records only, and
