@@ -1,6 +1,8 @@
 // Node records, memory sessions, allocation routing, create/set/free and the
 // library services.
+#if defined(__x86_64__)
 #include <immintrin.h>
+#endif
 
 #include <cstdlib>
 #include <cstring>
