@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "test_support.h"
+#include "xml/xml_parser_internal.h"
 
 using krvtest::Element;
 using krvtest::LinkChild;
@@ -87,13 +88,16 @@ TEST(Session, FirstFitMatchesAReferenceModel)
     // Every request must be served, 8-aligned, by exactly the block the model
     // picks, across many blocks with scattered leftovers; in the second round
     // a few requests also make blocks larger than a slab. Every piece must
-    // come zero-filled, also from memory that the first round dirtied, and no
-    // two pieces may overlap: each is filled with its own byte and all are
-    // checked at the end.
+    // come zero-filled, also from dirty memory, and no two pieces may
+    // overlap: each is filled with its own byte and all are checked at the
+    // end. Some requests are strings copied by a writer that writes its
+    // pieces whole into blocks it gets uncleared: the requests after it must
+    // still get zero memory, from the rest of such a block too.
     krvtest::LeakGuard guard;
     std::mt19937 rng(12345);
     for (int round = 0; round < 2; ++round) {
         SCOPED_TRACE(round);
+        void *fence = krvtest::DirtyFreedHeap();
         XmlMemSession *s = XML_MemSessionBegin(kSessionInitialSize);
         FirstFitModel model;
         struct Piece {
@@ -108,13 +112,26 @@ TEST(Session, FirstFitMatchesAReferenceModel)
                         : pick < 100            ? static_cast<int32_t>(1 + rng() % 6000)
                                                 : static_cast<int32_t>(1 + rng() % 200);
             int expected = model.serve(n);
-            auto *p = static_cast<uint8_t *>(XML_MemSpecialMalloc(s, n));
-            ASSERT_NE(p, nullptr);
+            uint8_t *p = nullptr;
+            if (pick % 8 == 1 && n > 1) {
+                const std::string run(static_cast<size_t>(n - 1), static_cast<char>('a' + i % 26));
+                char *copy = nullptr;
+                ASSERT_EQ(Parser_CopyBufToString(s, run.data(), static_cast<uint32_t>(n - 1), &copy), KRV_XML_OK);
+                p = reinterpret_cast<uint8_t *>(copy);
+                ASSERT_EQ(copy, run) << "request " << i;
+                n = (n + 7) & ~7;
+                for (int32_t k = static_cast<int32_t>(run.size()); k < n; ++k) {
+                    ASSERT_EQ(p[k], 0) << "padding of request " << i << ", byte " << k;
+                }
+            } else {
+                p = static_cast<uint8_t *>(XML_MemSpecialMalloc(s, n));
+                ASSERT_NE(p, nullptr);
+                for (int32_t k = 0; k < n; ++k) {
+                    ASSERT_EQ(p[k], 0) << "request " << i << ", byte " << k;
+                }
+            }
             ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 8, 0u);
             ASSERT_EQ(blockOf(s, p), expected) << "request " << i << " of " << n << " bytes";
-            for (int32_t k = 0; k < n; ++k) {
-                ASSERT_EQ(p[k], 0) << "request " << i << ", byte " << k;
-            }
             auto fill = static_cast<uint8_t>(1 + i % 255);
             std::memset(p, fill, static_cast<size_t>(n));
             pieces.push_back({p, n, fill});
@@ -126,6 +143,44 @@ TEST(Session, FirstFitMatchesAReferenceModel)
             }
         }
         XML_MemSessionEnd(s);
+        std::free(fence);
+    }
+}
+
+TEST(Session, RestsLeftByWholeWritersReadAsZero)
+{
+    // A string copy writes its piece whole into a block it gets uncleared;
+    // when a second one needs a block of its own, the first block's rest is
+    // no longer filled in order and must be zero for the requests that reach
+    // it by first fit, as must the newest block's rest.
+    struct Step {
+        bool copy;  // a string of n - 1 bytes, else a plain request of n
+        int32_t n;
+    };
+    const std::vector<std::vector<Step>> cases = {
+        {{false, 8000}, {true, 6001}, {true, 4001}, {false, 2000}},
+        {{false, 8000}, {true, 6001}, {false, 2000}},
+        {{false, 8000}, {true, 6001}, {true, 1001}, {true, 4001}, {false, 1000}, {false, 3000}},
+    };
+    for (size_t c = 0; c < cases.size(); ++c) {
+        SCOPED_TRACE(c);
+        void *fence = krvtest::DirtyFreedHeap();
+        XmlMemSession *s = XML_MemSessionBegin(kSessionInitialSize);
+        for (const Step &step : cases[c]) {
+            if (step.copy) {
+                const std::string run(static_cast<size_t>(step.n - 1), 'c');
+                char *copy = nullptr;
+                ASSERT_EQ(Parser_CopyBufToString(s, run.data(), static_cast<uint32_t>(run.size()), &copy), KRV_XML_OK);
+                EXPECT_EQ(copy, run);
+                continue;
+            }
+            const auto *p = static_cast<const char *>(XML_MemSpecialMalloc(s, step.n));
+            ASSERT_NE(p, nullptr);
+            EXPECT_EQ(std::string(p, static_cast<size_t>(step.n)).find_first_not_of('\0'), std::string::npos)
+                << "request of " << step.n;
+        }
+        XML_MemSessionEnd(s);
+        std::free(fence);
     }
 }
 

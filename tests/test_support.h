@@ -9,10 +9,13 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <string>
+#include <vector>
 
 #include "krv_xml.h"
 #include "platform/krv_platform.h"
@@ -38,6 +41,23 @@ template <class T = XmlNode>
 T *Sentinel()
 {
     return reinterpret_cast<T *>(uintptr_t{0x5EA1});
+}
+
+// Frees 4 MB of heap memory filled with 0xA5, kept from the heap's top by a
+// fence that the caller frees, so that the slabs of a session begun next
+// come from bytes that are not zero.
+inline void *DirtyFreedHeap()
+{
+    std::vector<void *> dirt;
+    for (int i = 0; i < 64; ++i) {
+        dirt.push_back(std::malloc(64 << 10));
+        std::memset(dirt.back(), 0xA5, 64 << 10);
+    }
+    void *fence = std::malloc(64 << 10);
+    for (void *d : dirt) {
+        std::free(d);
+    }
+    return fence;
 }
 
 // Fills the session's current slab with full blocks, so that the session's

@@ -1052,23 +1052,6 @@ TEST(Attributes, LongListsKeepAnsweringWhenTheIndexGetsNoMemory)
 
 namespace {
 
-// Frees 4 MB of heap memory filled with 0xA5, kept from the heap's top by a
-// fence that the caller frees, so that the slabs of a session begun next
-// come from bytes that are not zero.
-void *DirtyFreedHeap()
-{
-    std::vector<void *> dirt;
-    for (int i = 0; i < 64; ++i) {
-        dirt.push_back(std::malloc(64 << 10));
-        std::memset(dirt.back(), 0xA5, 64 << 10);
-    }
-    void *fence = std::malloc(64 << 10);
-    for (void *d : dirt) {
-        std::free(d);
-    }
-    return fence;
-}
-
 // A session's memory reads as if each block had been cleared when it was
 // made: zero past every block's cursor (later records rely on that) and in
 // the padding of every record and string.
@@ -1105,32 +1088,58 @@ void ExpectAsIfCleared(XmlNode *doc)
 
 }  // namespace
 
-// Sessions clear their blocks by stores of their own, and a document's copy
-// in its own session writes its blocks without clearing them first. Both
-// must leave memory as a cleared session's, also where the heap hands them
-// dirty memory.
+// Sessions clear the blocks they make for pieces that rely on zero memory;
+// a parse and a document's copy in its own session write what they take
+// whole, into blocks not cleared first. Both must leave memory as a cleared
+// session's, also where the heap hands them dirty memory.
 TEST(Clone, ParsedAndCopiedSessionsReadAsIfCleared)
 {
+    // Tags and texts of every kind the parser stores, of varied lengths,
+    // with pieces that rely on zero memory between pieces written whole.
     // Long texts at the end leave rests in blocks that no later piece fills.
     // The session stays below the heap's mmap threshold for its slabs, so
     // that they come from the freed memory.
     std::string text = "<root_element>";
     for (int i = 0; i < 1000; ++i) {
-        text += "<record_item number_attr='number_" + std::to_string(i) + "' prefixed:key_name='value_" +
+        const std::string n = std::to_string(i);
+        text += "<record_item number_attr='number_" + n + "' prefixed:key_name='value_" +
                 std::string(i % 13, 'x') + "'>text_of_" + std::string(i % 11, 'y') + "</record_item>";
+        text += "<p:item_" + std::string(i % 19, 'n') + " empty='' v='" + std::string(i % 41, 'v') +
+                "'>" + std::string(i % 37, 't') + "</p:item_" + std::string(i % 19, 'n') + ">";
+        if (i % 3 == 0) {
+            text += "<coded a='x&amp;" + n + "' b='" + n + "'>t &lt; " + std::string(i % 29, 'c') + "</coded>";
+        }
+        if (i % 5 == 0) {
+            text += "<c><![CDATA[raw <" + n + ">]]></c><!-- note --><two b='1' a='2'><leaf/></two>";
+        }
+        if (i % 97 == 0) {
+            text += "<wide";
+            for (int a = 0; a < 40 + i % 200; ++a) {
+                text += " a" + std::to_string(a) + "='" + std::string(a % 7, 'w') + "'";
+            }
+            text += "/>";
+        }
     }
-    for (int i = 0; i < 10; ++i) {
-        text += "<big>" + std::string(3000, 'z') + "</big>";
+    // Texts with a reference are stored by a writer that writes whole and
+    // gets its blocks uncleared, so that a block that loses its place as the
+    // last one keeps a rest that only the session can clear; the plain ones
+    // go to blocks that are cleared.
+    for (int i = 0; i < 12; ++i) {
+        text += "<big>" + (i < 6 ? std::string(5000, 'z') + "&amp;" : std::string(3000, 'z')) + "</big>";
+    }
+    for (int i = 0; i < 50; ++i) {  // the last block is filled by tags written whole
+        text += "<last_one at='" + std::string(i % 23, 'l') + "'/>";
     }
     text += "</root_element>";
     XmlNode *reference = krvtest::MustParse(text, false);
-    void *fence = DirtyFreedHeap();
+    void *fence = krvtest::DirtyFreedHeap();
     XmlNode *doc = krvtest::MustParse(text, true);
     std::free(fence);
     EXPECT_EQ(Dump(doc), Dump(reference));
+    EXPECT_EQ(krvfuzz::CheckLinks(doc), "");  // prev, lastChild: fields a dump does not show
     ExpectAsIfCleared(doc);
 
-    fence = DirtyFreedHeap();
+    fence = krvtest::DirtyFreedHeap();
     XmlNode *copy = nullptr;
     ASSERT_EQ(KRV_XML_CloneNode(doc, &copy), KRV_XML_OK);
     std::free(fence);
