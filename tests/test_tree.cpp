@@ -1088,18 +1088,17 @@ void ExpectAsIfCleared(XmlNode *doc, int minBlocks, int minRecords)
 
 }  // namespace
 
-// Sessions clear the blocks they make for pieces that rely on zero memory;
-// a parse and a document's copy in its own session write what they take
-// whole, into blocks not cleared first. Both must leave memory as a cleared
-// session's, also where the heap hands them dirty memory.
+// Sessions clear their blocks by stores of their own, and a document's copy
+// in its own session writes its blocks without clearing them first. Both
+// must leave memory as a cleared session's, also where the heap hands them
+// dirty memory.
 TEST(Clone, ParsedAndCopiedSessionsReadAsIfCleared)
 {
-    // Tags and texts of every kind the parser stores, of varied lengths.
-    // Most are read in one pass and written whole; now and then one takes
-    // the general steps, whose pieces rely on zero memory (and clear the
-    // rest of the last block first). Long texts at the end leave rests in
-    // blocks that no later piece fills. The session stays below the heap's
-    // mmap threshold for its slabs, so that they come from the freed memory.
+    // Tags and texts of every kind the parser stores, of varied lengths:
+    // most are read in one pass, now and then one takes the general steps.
+    // Long texts at the end leave rests in blocks that no later piece fills.
+    // The session stays below the heap's mmap threshold for its slabs, so
+    // that they come from the freed memory.
     std::string text = "<root_element>";
     for (int i = 0; i < 1000; ++i) {
         const std::string n = std::to_string(i);
@@ -1121,9 +1120,6 @@ TEST(Clone, ParsedAndCopiedSessionsReadAsIfCleared)
             text += "/>";
         }
     }
-    // Long texts get blocks of their own, uncleared, so that a block that
-    // loses its place as the last one keeps a rest that only the session
-    // can clear.
     for (int i = 0; i < 12; ++i) {
         text += "<big>" + (i < 6 ? std::string(5000, 'z') + "&amp;" : std::string(3000, 'z')) + "</big>";
     }
@@ -1131,7 +1127,7 @@ TEST(Clone, ParsedAndCopiedSessionsReadAsIfCleared)
         text += "<after_big at='" + std::string(i % 23, 'l') + "'/>";
     }
     text += "</root_element>";
-    // A small document of tags read in one pass only: its last block is
+    // A small document of tags read in one pass only, whose last block is
     // still being filled when the parse ends.
     std::string small = "<r>";
     for (int i = 0; i < 500; ++i) {

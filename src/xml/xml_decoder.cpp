@@ -127,26 +127,15 @@ size_t readCharRef(const char *src, uint32_t *value, const char **reason)
 }
 
 // The string buffer for a run of len bytes (0 < len <= kMaxRun), from the
-// session or the heap, stored at *out; null (noted) when memory ran out. The
-// caller writes its first len + 1 bytes; a session piece's padding past them
-// is zeroed here, as the piece may hold old bytes (xmlSessionTakeWhole).
+// session or the heap, stored at *out; null (noted) when memory ran out.
 char *newRunBuffer(XmlMemSession *session, const char *src, uint64_t len, char **out,
                    XmlParseDiag *diag)
 {
-    char *buf;
-    if (session != nullptr) {
-        // Sizes stay in 64 bits until they are known to fit a session
-        // request: len + 1 itself may not fit an int32_t.
-        uint64_t rounded = (len + 8) & ~uint64_t{7};
-        buf = rounded <= (uint64_t{1} << 30)
-                  ? static_cast<char *>(xmlSessionTakeWhole(session, static_cast<int32_t>(rounded)))
-                  : nullptr;
-        if (buf != nullptr) {
-            xmlZero8(buf + rounded - 8);
-        }
-    } else {
-        buf = static_cast<char *>(krvHeapMalloc(static_cast<size_t>(len + 1)));
-    }
+    // len + 1 may not fit an int32_t; a session refuses requests over 2^30.
+    char *buf = session == nullptr ? static_cast<char *>(krvHeapMalloc(static_cast<size_t>(len + 1)))
+                : len < (uint64_t{1} << 30)
+                    ? static_cast<char *>(xmlSessionTake(session, static_cast<int32_t>(len + 1)))
+                    : nullptr;
     *out = buf;
     if (buf == nullptr) {
         note(diag, src, "out of memory");

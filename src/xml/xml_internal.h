@@ -104,13 +104,7 @@ struct XmlMemSession {
     int32_t ordinal;           // position of this block in the chain
     // First block only: 1 once the session has grown past the caches (see
     // xmlPrefetchAhead); writers then request the memory they will fill next.
-    uint8_t prefetchAhead;
-    // First block only: 1 while the last block's bytes past its cursor are
-    // not yet zero, because a writer that writes every byte it takes is
-    // filling it (see xmlSessionTakeWhole). Takes that hand out zero memory
-    // clear that rest first; xmlSessionClearRest does.
-    uint8_t dirtyLast;
-    uint8_t unused[2];
+    int32_t prefetchAhead;
 };
 
 // Requests the cache lines a block's length past p, where a session that
@@ -171,14 +165,6 @@ inline void xmlCopyShort(char *dst, const char *src, size_t len)
     }
 }
 
-// Zeroes the 8 bytes at p: the NUL and padding of a string piece that may
-// hold old bytes, before the string is written over their start.
-inline void xmlZero8(char *p)
-{
-    const uint64_t zero = 0;
-    std::memcpy(p, &zero, 8);
-}
-
 // Writes a text of len bytes (no NUL among them) and its NUL at dst; a short
 // text takes no call whose length varies.
 inline void xmlPutText(char *dst, const char *text, size_t len)
@@ -194,32 +180,11 @@ inline void xmlPutText(char *dst, const char *text, size_t len)
 // Every session in the library starts with this many bytes.
 constexpr int32_t kSessionInitialSize = 8192;
 
-// Zeroes the last block's rest when dirtyLast says it is not zero.
-void xmlSessionClearRest(XmlMemSession *session);
-
-// The common case of a take: when the first block that still has room can
-// take `rounded` bytes (a multiple of 8, at most 2^30), it is the first fit.
-// Null when the full search is needed. This form is for a writer that writes
-// every byte it takes (see xmlSessionTakeWhole): the piece may hold old bytes.
-inline void *xmlSessionTryTakeWhole(XmlMemSession *session, int32_t rounded)
-{
-    XmlMemSession *block = session->firstNonFull;
-    if (block != nullptr && block->freeBytes >= rounded) {
-        uint8_t *p = block->cursor;
-        block->cursor += rounded;
-        block->freeBytes -= rounded;
-        return p;
-    }
-    return nullptr;
-}
-
-// The common case of XML_MemSpecialMalloc: as xmlSessionTryTakeWhole, with
-// the piece zero.
+// The common case of XML_MemSpecialMalloc: when the first block that still
+// has room can take `rounded` bytes (a multiple of 8, at most 2^30), it is
+// the first fit. Null when the full search is needed.
 inline void *xmlSessionTryTake(XmlMemSession *session, int32_t rounded)
 {
-    if (__builtin_expect(session->dirtyLast != 0, 0)) {
-        xmlSessionClearRest(session);
-    }
     XmlMemSession *block = session->firstNonFull;
     if (block != nullptr && block->freeBytes >= rounded) {
         uint8_t *p = block->cursor;
@@ -239,15 +204,16 @@ inline void *xmlSessionTake(XmlMemSession *session, int32_t n)
 
 // Takes n bytes (0 < n) as xmlSessionTake does, for a writer that writes
 // every byte of what it takes, padding included: a block that the session
-// adds here is not cleared, and its rest stays unwritten (dirtyLast) while it
-// is the last block. xmlSessionClearRest zeroes that rest, as a session's
-// memory past its cursors must be; any other take does so first, and the
-// writer calls it when it is done. Null when memory ran out.
+// adds here is not cleared, and its rest stays unwritten while it is the
+// last block. xmlSessionClearRest zeroes that rest, as a session's memory
+// past its cursors must be; the writer calls it when it is done. Null when
+// memory ran out.
 void *xmlSessionTakeWholeSlow(XmlMemSession *session, int32_t n);
+void xmlSessionClearRest(XmlMemSession *session);
 
 inline void *xmlSessionTakeWhole(XmlMemSession *session, int32_t n)
 {
-    void *p = n <= (1 << 30) ? xmlSessionTryTakeWhole(session, (n + 7) & ~7) : nullptr;
+    void *p = n <= (1 << 30) ? xmlSessionTryTake(session, (n + 7) & ~7) : nullptr;
     return p != nullptr ? p : xmlSessionTakeWholeSlow(session, n);
 }
 
@@ -436,16 +402,14 @@ void XML_InternName(XmlNode *document, XmlNode *node);
 // ----- Memory sessions -----
 
 // Growth of the chain in two steps, for a parse that writes pieces into the
-// next block before it knows whether it keeps them, and writes each of them
-// whole. xmlSessionMakeBlock makes the block that XML_MemSpecialMalloc would
-// append for a request of n bytes that no block can serve, without linking
-// it and without clearing its data (null when memory ran out; the chain is
-// unchanged either way). xmlSessionAppend links it as the last block, after
-// zeroing the rest of the old one; `whole` says that the new block's rest is
-// not zero (dirtyLast). xmlSessionSpare keeps a block made and not linked,
-// its data zeroed, for the next growth of the same capacity.
+// next block before it knows whether it keeps them. xmlSessionMakeBlock
+// makes the zero block that XML_MemSpecialMalloc would append for a request
+// of n bytes that no block can serve, without linking it (null when memory
+// ran out; the chain is unchanged either way). xmlSessionAppend links it as
+// the last block. xmlSessionSpare keeps a block made and not linked, its
+// data zero again, for the next growth of the same capacity.
 XmlMemSession *xmlSessionMakeBlock(XmlMemSession *session, int32_t n);
-void xmlSessionAppend(XmlMemSession *session, XmlMemSession *block, bool whole);
+void xmlSessionAppend(XmlMemSession *session, XmlMemSession *block);
 void xmlSessionSpare(XmlMemSession *session, XmlMemSession *block);
 
 // The largest block capacity that the session can still carve from its

@@ -37,9 +37,9 @@
 // allocated through malloc. A shared slab is cleared block by block as
 // blocks are carved, just before the caller writes them; a block larger than
 // the next shared slab gets a zero-filled slab of its own and the shared slab
-// stays in use. A writer that writes every byte it takes (a parse, a
-// document's copy; see xmlSessionTakeWhole) gets its blocks uncleared, and
-// only what a block has left is zeroed when the writer is done with it.
+// stays in use. A writer that writes every byte it takes (a document's copy,
+// see xmlSessionTakeWhole) gets its blocks uncleared and zeroes only what a
+// block has left when it is done with it.
 
 struct SessionSlab {
     SessionSlab *next;  // the previous slab of the session; blocks follow
@@ -367,9 +367,6 @@ void *takeSlow(XmlMemSession *session, int32_t n, bool whole)
     if (n <= 0 || n > kMaxRequest) {
         return nullptr;
     }
-    if (!whole && session->dirtyLast != 0) {
-        xmlSessionClearRest(session);  // the first fit may be the last block
-    }
     n = (n + 7) & ~7;  // records are carved from the same blocks as strings
     XmlMemSession *fit = findFirstFit(session, n);
     if (fit != nullptr) {
@@ -381,8 +378,11 @@ void *takeSlow(XmlMemSession *session, int32_t n, bool whole)
     if (block == nullptr) {
         return nullptr;  // a grown index is kept; the chain is unchanged
     }
+    if (whole) {
+        xmlSessionClearRest(session);
+    }
     void *p = carve(block, n);
-    xmlSessionAppend(session, block, whole);
+    xmlSessionAppend(session, block);
     return p;
 }
 
@@ -390,7 +390,7 @@ void *takeSlow(XmlMemSession *session, int32_t n, bool whole)
 
 XmlMemSession *xmlSessionMakeBlock(XmlMemSession *session, int32_t n)
 {
-    return makeBlock(session, n, false);
+    return makeBlock(session, n, true);
 }
 
 void *XML_MemSpecialMalloc(XmlMemSession *session, int32_t n)
@@ -405,19 +405,12 @@ void *xmlSessionTakeWholeSlow(XmlMemSession *session, int32_t n)
 
 void xmlSessionClearRest(XmlMemSession *session)
 {
-    if (session->dirtyLast != 0) {
-        XmlMemSession *last = session->lastBlock;
-        clearBlock(last->cursor, static_cast<size_t>(last->freeBytes));
-        session->dirtyLast = 0;
-    }
+    XmlMemSession *last = session->lastBlock;
+    std::memset(last->cursor, 0, static_cast<size_t>(last->freeBytes));
 }
 
-void xmlSessionAppend(XmlMemSession *session, XmlMemSession *block, bool whole)
+void xmlSessionAppend(XmlMemSession *session, XmlMemSession *block)
 {
-    // The old last block's rest is no longer filled in order: it must be
-    // zero like every other block's.
-    xmlSessionClearRest(session);
-    session->dirtyLast = whole ? 1 : 0;
     SessionIndex *index = session->index;  // room reserved by xmlSessionMakeBlock
     XmlMemSession *last = session->lastBlock;
     block->ordinal = last->ordinal + 1;
@@ -433,7 +426,6 @@ void xmlSessionAppend(XmlMemSession *session, XmlMemSession *block, bool whole)
 
 void xmlSessionSpare(XmlMemSession *session, XmlMemSession *block)
 {
-    clearBlock(blockData(block), static_cast<size_t>(block->capacity));
     block->cursor = blockData(block);
     block->freeBytes = block->capacity;
     session->index->spare = block;

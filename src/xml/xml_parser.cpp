@@ -1028,8 +1028,8 @@ inline size_t nameBytes(uint32_t len, int64_t colonAt)
 struct WholeTag {
     static constexpr bool kCanFail = false;
     uint8_t *m;
-    const uint8_t *limit;  // end of the block
-    // Bytes from dst, a piece just taken, to the end of the block.
+    const uint8_t *limit;  // end of the block: bytes up to it past m are zero
+    // Zero bytes from dst, a piece just taken, to the end of the block.
     int64_t room(const char *dst) const { return limit - reinterpret_cast<const uint8_t *>(dst); }
     uint8_t *take(size_t bytes)
     {
@@ -1045,7 +1045,6 @@ struct EachPiece {
     static int64_t room(const char *) { return 0; }
     // bytes: a multiple of 8. The blocks before firstNonFull are full, so
     // when it lacks room, the block after it is the first fit if it has room.
-    // The pieces are written whole (see xmlSessionTakeWhole).
     uint8_t *take(size_t bytes)
     {
         auto n = static_cast<int32_t>(bytes);
@@ -1059,19 +1058,16 @@ struct EachPiece {
             block->freeBytes -= n;
             return piece;
         }
-        return static_cast<uint8_t *>(xmlSessionTakeWholeSlow(session, n));
+        return static_cast<uint8_t *>(XML_MemSpecialMalloc(session, n));
     }
 };
 
-// Copies a plain run into a piece of its own, written whole: the piece may
-// hold old bytes (see xmlSessionTakeWhole), so its last 8 bytes, which hold
-// the NUL and the padding, are zeroed before the run is written over their
-// start. Null when no piece was had. wide: a short run may be written as one
-// 16-byte store, zero past the run. For values, and for the names of
-// elements that a tag read in one pass carves: their end tags are compared
-// with the name in the text (rawName) while the store may still be in
-// flight, and a byte load from it would wait for it. Attribute names stay
-// byte-exact: for them the wider store cost more than it saved.
+// Copies a plain run into a zero piece of its own; null when none was had.
+// wide: a short run may be written as one 16-byte store. For values, and
+// for the names of elements that a tag read in one pass carves: their end
+// tags are compared with the name in the text (rawName) while the store may
+// still be in flight, and a byte load from it would wait for it. Attribute
+// names stay byte-exact: for them the wider store cost more than it saved.
 template <class Take>
 inline __attribute__((always_inline)) char *putRun(Take &take, const char *src, uint32_t len,
                                                    bool wide = false)
@@ -1080,20 +1076,14 @@ inline __attribute__((always_inline)) char *putRun(Take &take, const char *src, 
     if (Take::kCanFail && dst == nullptr) {
         return nullptr;
     }
-    char *last8 = dst + runBytes(len) - 8;
     if (len <= 16) {
-        // The store may reach past the piece, into the block's rest or the
-        // tag's next piece, which is written after it.
+        // The pieces of a tag are written in order into zero memory, so the
+        // rest of the block past dst is zero.
         if (wide && xmlStoreShortWide(dst, src, len, take.room(dst))) {
-            if (len == 16) {
-                xmlZero8(last8);
-            }
             return dst;
         }
-        xmlZero8(last8);
         xmlCopyShort(dst, src, len);
     } else {
-        xmlZero8(last8);
         std::memcpy(dst, src, len);
     }
     return dst;
@@ -1125,8 +1115,8 @@ inline __attribute__((always_inline)) bool putName(Take &take, const char *src, 
 
 constexpr uint32_t kLongestCarved = 4096;  // longer runs take the general path
 
-// Sets kind, nameOwned and valueOwned of a carved record (ownsSession 0)
-// with one store instead of three.
+// Sets kind, nameOwned and valueOwned of a record carved from zero memory
+// (ownsSession stays 0) with one store instead of three.
 inline void setCarvedFlags(XmlNode *node, uint8_t kind, uint8_t nameOwned, uint8_t valueOwned)
 {
     static_assert(offsetof(XmlNode, ownsSession) == offsetof(XmlNode, kind) + 1 &&
@@ -1135,16 +1125,6 @@ inline void setCarvedFlags(XmlNode *node, uint8_t kind, uint8_t nameOwned, uint8
                   "the flag bytes follow kind");
     const uint8_t flags[4] = {kind, 0, nameOwned, valueOwned};
     std::memcpy(&node->kind, flags, sizeof flags);
-}
-
-// Starts an element record that a one-pass tag read carved from memory that
-// may hold old bytes: every field after `name` is zeroed, then the flags and
-// session set; the name follows.
-inline void startCarvedElement(XmlNode *n, XmlMemSession *session)
-{
-    std::memset(&n->value, 0, kElementRecordSize - offsetof(XmlNode, value));
-    setCarvedFlags(n, kKindElement, 1, 0);
-    n->mem = session;
 }
 
 // The names of one start tag's attributes as read so far, for the fast
@@ -1554,15 +1534,11 @@ inline __attribute__((always_inline)) XmlNode *putAttr(Take &take, XmlParser *p,
     if (Take::kCanFail && attr == nullptr) {
         return nullptr;
     }
-    // Written whole (see putRun): the fields from nsPrefix on are zeroed
-    // first, value is always set.
-    std::memset(&attr->nsPrefix, 0, kAttrRecordSize - offsetof(XmlNode, nsPrefix));
     setCarvedFlags(attr, kKindAttribute, 1, 1);
     attr->mem = p->session;
     if (!putName(take, name, nameLen, colonAt, attr, false)) {
         return nullptr;
     }
-    attr->value = nullptr;
     if (valueLen != 0) {
         attr->value = putRun(take, value, valueLen, true);
         if (Take::kCanFail && attr->value == nullptr) {
@@ -1598,7 +1574,8 @@ XmlNode *buildTag(XmlParser *p, Take take, const char *name, uint32_t nameLen, i
         if (Take::kCanFail && n == nullptr) {
             return nullptr;
         }
-        startCarvedElement(n, p->session);
+        n->kind = kKindElement;
+        n->mem = p->session;
     }
     if (!putName(take, name, nameLen, colonAt, n)) {
         return nullptr;
@@ -1618,8 +1595,7 @@ XmlNode *buildTag(XmlParser *p, Take take, const char *name, uint32_t nameLen, i
 XmlNode *carveTag(XmlParser *p, size_t total, const char *name, uint32_t nameLen, int64_t colonAt,
                   const FastAttr *attrs, int count)
 {
-    auto *m =
-        static_cast<uint8_t *>(xmlSessionTryTakeWhole(p->session, static_cast<int32_t>(total)));
+    auto *m = static_cast<uint8_t *>(xmlSessionTryTake(p->session, static_cast<int32_t>(total)));
     if (m != nullptr) {
         return buildTag(p, WholeTag{m, m + total}, name, nameLen, colonAt, attrs, count);
     }
@@ -1756,7 +1732,7 @@ struct SplitTag {
             b->freeBytes -= static_cast<int32_t>(bm - b->cursor);
             b->cursor = bm;
             if (made) {
-                xmlSessionAppend(session, b, true);
+                xmlSessionAppend(session, b);
             }
         }
     }
@@ -1886,7 +1862,8 @@ __attribute__((noinline)) Fast splitTag(XmlParser *p, XmlMemSession *a, uint8_t 
     if (n == nullptr) {
         n = reinterpret_cast<XmlNode *>(take.take(kElementRecordSize));
         if (n != nullptr) {
-            startCarvedElement(n, p->session);
+            setCarvedFlags(n, kKindElement, 1, 0);
+            n->mem = p->session;
             if (!putName(take, name, nameLen, colonAt, n, false)) {
                 n = nullptr;
             }
@@ -1954,7 +1931,8 @@ inline __attribute__((always_inline)) Fast directStartTag(XmlParser *p)
         xmlPrefetchAhead(start);
     }
     auto *n = reinterpret_cast<XmlNode *>(start);
-    startCarvedElement(n, p->session);
+    setCarvedFlags(n, kKindElement, 1, 0);
+    n->mem = p->session;
     WholeTag take{start + kElementRecordSize, limit};
     putName(take, name, nameLen, colonAt, n, false, true);
     bool empty = false;
@@ -2306,14 +2284,13 @@ Fast closeLeaf(XmlParser *p)
     }
     auto len = static_cast<uint32_t>(lt - t);
     if (plain) {
-        // Written whole, as the tags are.
-        auto *dst = len < kLongestCarved ? static_cast<char *>(xmlSessionTryTakeWhole(
-                                               p->session, static_cast<int32_t>(runBytes(len))))
-                                         : nullptr;
+        auto *dst = len < kLongestCarved
+                        ? static_cast<char *>(
+                              xmlSessionTryTake(p->session, static_cast<int32_t>(runBytes(len))))
+                        : nullptr;
         if (dst == nullptr) {
             return Fast::Bail;
         }
-        xmlZero8(dst + runBytes(len) - 8);
         if (len <= 16) {
             xmlCopyShort(dst, t, len);
         } else if (len <= 32) {
@@ -2497,7 +2474,6 @@ uint32_t Parser_parseDocument(XmlNode **out, XmlParser *p)
                 xmlParsedFollowers(doc) = 1;
             }
             if (session != nullptr) {
-                xmlSessionClearRest(session);  // the tags were written whole
                 xmlNoteOwner(doc);
             }
             *out = doc;

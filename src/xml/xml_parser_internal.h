@@ -118,7 +118,7 @@ inline int32_t xmlStoreRun(XmlMemSession *session, const char *src, uint64_t len
         int32_t size = static_cast<int32_t>((len + 8) & ~static_cast<uint64_t>(7));
         auto *buf = static_cast<char *>(xmlSessionTryTake(session, size));
         if (buf != nullptr) {
-            // The piece is zero, so the terminating NUL is there already.
+            // The block is zero, so the terminating NUL is there already.
             if (len <= 16) {
                 xmlCopyShort(buf, src, static_cast<size_t>(len));
             } else {
