@@ -103,14 +103,14 @@ struct XmlMemSession {
     SessionIndex *index;
     int32_t ordinal;           // position of this block in the chain
     // First block only: 1 once the session has grown past the caches (see
-    // xmlPrefetchAhead); writers then request the memory they will fill next.
+    // xmlPrefetchAhead); a document's copy then requests the memory it will
+    // fill next.
     int32_t prefetchAhead;
 };
 
 // Requests the cache lines a block's length past p, where a session that
-// fills its blocks in order will be writing soon: a large tree is written
-// to memory fetched from RAM, and asking early overlaps the fetch with the
-// work in between. The address is only a hint: a prefetch never faults.
+// fills its blocks in order will be clearing or writing soon: asking early
+// overlaps the fetch with the work in between. The address is only a hint: a prefetch never faults.
 // (On x86-64 the instruction is written out, because GCC's dead code
 // elimination drops __builtin_prefetch in the parser's tag reader.)
 inline void xmlPrefetchAhead(const void *p)

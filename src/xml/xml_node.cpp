@@ -105,9 +105,10 @@ constexpr size_t kLargestSlab = (size_t{32} << 20) - 4096;
 constexpr size_t kHeapOverhead = 32;
 
 // Past this much slab memory a session's tree no longer fits the caches,
-// and the writers that fill it ask for their memory ahead (prefetchAhead).
-// Below it the memory is usually cached already, and the requests would
-// only cost time.
+// and a document's copy asks for the memory it will fill ahead
+// (prefetchAhead). Below it the copy's memory is usually cached already, and
+// the requests would only cost time. (The parser's one-pass tag read asks at
+// every size: there the next block is cleared before it is written.)
 constexpr size_t kPrefetchFrom = size_t{16} << 20;
 
 // The next shared slab: an eighth of the slabs so far, in 64 KB steps.

@@ -1927,9 +1927,10 @@ inline __attribute__((always_inline)) Fast directStartTag(XmlParser *p)
                                  AttrRun{}, spans)
                       : Fast::Bail;
     }
-    if (p->session->prefetchAhead != 0) {
-        xmlPrefetchAhead(start);
-    }
+    // The block that follows this one in its slab is cleared next, or
+    // written by this read when the tag runs past the end: asking for its
+    // lines now overlaps their fetch with the tags before.
+    xmlPrefetchAhead(start);
     auto *n = reinterpret_cast<XmlNode *>(start);
     setCarvedFlags(n, kKindElement, 1, 0);
     n->mem = p->session;
