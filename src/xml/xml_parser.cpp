@@ -1929,8 +1929,10 @@ inline __attribute__((always_inline)) Fast directStartTag(XmlParser *p)
     }
     // The block that follows this one in its slab is cleared next, or
     // written by this read when the tag runs past the end: asking for its
-    // lines now overlaps their fetch with the tags before.
+    // lines now overlaps their fetch with the tags before. Six lines, about
+    // what a tag of a few attributes writes, keep pace with the cursor.
     xmlPrefetchAhead(start);
+    xmlPrefetchAhead(start + 192);
     auto *n = reinterpret_cast<XmlNode *>(start);
     setCarvedFlags(n, kKindElement, 1, 0);
     n->mem = p->session;
