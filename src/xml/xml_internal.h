@@ -110,7 +110,8 @@ struct XmlMemSession {
 
 // Requests the cache lines a block's length past p, where a session that
 // fills its blocks in order will be clearing or writing soon: asking early
-// overlaps the fetch with the work in between. The address is only a hint: a prefetch never faults.
+// overlaps the fetch with the work in between. The address is only a hint:
+// a prefetch never faults.
 // (On x86-64 the instruction is written out, because GCC's dead code
 // elimination drops __builtin_prefetch in the parser's tag reader.)
 inline void xmlPrefetchAhead(const void *p)
