@@ -4,7 +4,9 @@
 //   /tmp/vs_pugi FILE MODE REPS LIB    # LIB: a libkrvxml.so.2 built as bench/run builds it
 // MODE 1: session parse against load_buffer; 2 and 3: KRV_XML_Transform of a
 // heap or session document against save to a string (raw, no declaration),
-// as krvbench_peers times them. Prints the best and median of each and
+// as krvbench_peers times them; 4 and 5: KRV_XML_GetNodeByUrl in a heap or
+// session document against child() and next_sibling() by name, for the last
+// child of the root named like its first (batches of 16). Prints the best and median of each and
 // pugixml's time over ours (> 1: ours is faster) for both.
 #include <dlfcn.h>
 #include <malloc.h>
@@ -61,22 +63,36 @@ int main(int argc, char **argv)
     int mode = std::atoi(argv[2]);
     int reps = std::atoi(argv[3]);
     void *h = dlopen(argv[4], RTLD_NOW | RTLD_LOCAL);
-    if (h == nullptr || mode < 1 || mode > 3) {
-        std::fprintf(stderr, "%s\n", h == nullptr ? dlerror() : "MODE is 1, 2 or 3");
+    if (h == nullptr || mode < 1 || mode > 5) {
+        std::fprintf(stderr, "%s\n", h == nullptr ? dlerror() : "MODE is 1 to 5");
         return 2;
     }
     auto parse = reinterpret_cast<uint32_t (*)(const char *, XmlNode **)>(
-        dlsym(h, mode == 2 ? "KRV_XML_Parse" : "KRV_XML_ParseEx"));
+         dlsym(h, mode == 2 || mode == 4 ? "KRV_XML_Parse" : "KRV_XML_ParseEx"));
     auto release = reinterpret_cast<uint32_t (*)(XmlNode *)>(dlsym(h, "KRV_XML_FreeNode"));
     auto transform = reinterpret_cast<uint32_t (*)(XmlNode *, char **)>(dlsym(h, "KRV_XML_Transform"));
     auto freeMem = reinterpret_cast<void (*)(void *)>(dlsym(h, "KRV_XML_FreeMem"));
-    if (parse == nullptr || release == nullptr || transform == nullptr || freeMem == nullptr) {
+    auto byUrl = reinterpret_cast<uint32_t (*)(XmlNode *, const char *, XmlNode **)>(
+        dlsym(h, "KRV_XML_GetNodeByUrl"));
+    if (parse == nullptr || release == nullptr || transform == nullptr || freeMem == nullptr || byUrl == nullptr) {
         return 2;
     }
     XmlNode *kept = nullptr;
     pugi::xml_document theirDoc;
     if (mode != 1 && (parse(text.c_str(), &kept) != 0 || !theirDoc.load_buffer(text.data(), text.size()))) {
         return 1;
+    }
+    // The query: the root's first element child and how many of its siblings
+    // share its qualified name (names here have no dots to escape).
+    std::string url, child;
+    size_t index = 0;
+    pugi::xml_node theirRoot = theirDoc.document_element();
+    if (mode >= 4) {
+        child = theirRoot.first_child().name();
+        for (pugi::xml_node c = theirRoot.child(child.c_str()); c; c = c.next_sibling(child.c_str())) {
+            ++index;
+        }
+        url = std::string(theirRoot.name()) + "." + child + "." + std::to_string(index);
     }
     std::vector<double> ours, theirs;
     for (int r = -3; r < reps; ++r) {  // three untimed rounds first
@@ -93,6 +109,26 @@ int main(int argc, char **argv)
             bool ok = static_cast<bool>(d.load_buffer(text.data(), text.size()));
             their = msSince(t0);
             if (rc != 0 || !ok) {
+                return 1;
+            }
+        } else if (mode >= 4) {
+            XmlNode *found = nullptr;
+            uint32_t rc = 0;
+            auto t0 = std::chrono::steady_clock::now();
+            for (int i = 0; i < 16; ++i) {
+                rc |= byUrl(kept, url.c_str(), &found);
+            }
+            mine = msSince(t0) / 16;
+            pugi::xml_node n;
+            t0 = std::chrono::steady_clock::now();
+            for (int i = 0; i < 16; ++i) {
+                n = theirRoot.child(child.c_str());
+                for (size_t k = 1; k < index && n; ++k) {
+                    n = n.next_sibling(child.c_str());
+                }
+            }
+            their = msSince(t0) / 16;
+            if (rc != 0 || found == nullptr || !n) {
                 return 1;
             }
         } else {
@@ -119,7 +155,9 @@ int main(int argc, char **argv)
     std::sort(ours.begin(), ours.end());
     std::sort(theirs.begin(), theirs.end());
     size_t mid = ours.size() / 2;
-    std::printf("ours best %.4f median %.4f | pugixml best %.4f median %.4f ms | pugixml/ours best %.3f median %.3f\n",
-                ours[0], ours[mid], theirs[0], theirs[mid], theirs[0] / ours[0], theirs[mid] / ours[mid]);
+    double unit = mode >= 4 ? 1e6 : 1;  // lookups in ns
+    std::printf("ours best %.4f median %.4f | pugixml best %.4f median %.4f %s | pugixml/ours best %.3f median %.3f\n",
+                ours[0] * unit, ours[mid] * unit, theirs[0] * unit, theirs[mid] * unit, mode >= 4 ? "ns" : "ms",
+                theirs[0] / ours[0], theirs[mid] / ours[mid]);
     return 0;
 }

@@ -311,55 +311,86 @@ uint32_t KRV_XML_GetAttrValueEx(XmlNode *element, const char *prefix, const char
 
 namespace {
 
-// The path is cut up in a local copy of this size, NUL included.
+// Paths are read up to this many bytes, NUL included.
 constexpr size_t kPathArea = 512;
 // Index segments longer than this are not read as numbers.
 constexpr size_t kMaxIndexDigits = 9;
 
-namespace {
-
-// A path segment with its colon found once, so that matching it against
-// many siblings costs one or two string comparisons each.
+// One segment of a path, copied out of the caller's path with every "\."
+// read as a dot: `length` bytes, then a NUL.
 struct Segment {
     const char *text;
+    size_t length;
     bool hasColon;
+    bool isIndex;  // digits only
 };
 
-Segment makeSegment(const char *text)
+// Names shorter than this are compared in an inline loop, longer ones by
+// strcmp, whose vector compares win once the call is paid for.
+constexpr size_t kLoopedName = 8;
+
+// True when the NUL-terminated s equals t, the n bytes of a segment followed
+// by its NUL. A shorter s stops the loop at its NUL, which t does not hold
+// before n.
+inline bool sameName(const char *s, const char *t, size_t n)
 {
-    return {text, std::strchr(text, ':') != nullptr};
+    if (n >= kLoopedName) {
+        return s[0] == t[0] && std::strcmp(s, t) == 0;
+    }
+    for (size_t i = 0; i < n; ++i) {
+        if (s[i] != t[i]) {
+            return false;
+        }
+    }
+    return s[n] == '\0';
 }
 
 // A segment with a colon names prefix:name of a prefixed node; otherwise, and
 // for a node without prefix, the node's local name must equal the segment.
-bool answers(const XmlNode *node, const Segment &seg)
+// Sibling walks call this once per sibling, so prefixes and short names are
+// compared inline.
+inline bool answers(const XmlNode *node, const Segment &seg)
 {
     if (node->name == nullptr) {
         return false;
     }
     if (node->nsPrefix != nullptr && seg.hasColon) {
-        size_t plen = std::strlen(node->nsPrefix);
-        return std::strncmp(seg.text, node->nsPrefix, plen) == 0 && seg.text[plen] == ':' &&
-               std::strcmp(seg.text + plen + 1, node->name) == 0;
+        const char *prefix = node->nsPrefix;
+        size_t i = 0;
+        for (; prefix[i] != '\0'; ++i) {
+            if (i == seg.length || prefix[i] != seg.text[i]) {
+                return false;
+            }
+        }
+        return i < seg.length && seg.text[i] == ':' &&
+               sameName(node->name, seg.text + i + 1, seg.length - i - 1);
     }
-    return std::strcmp(node->name, seg.text) == 0;
+    return sameName(node->name, seg.text, seg.length);
 }
 
-}  // namespace
+// What the segment reader needs to know of a path byte.
+enum : uint8_t { kEnds = 1, kBackslash = 2, kColon = 4, kNonDigit = 8 };
 
-// KRV_XML_OK when the node answers the segment.
-uint32_t xmlCmpNode(const XmlNode *node, const char *segment)
-{
-    if (node == nullptr || segment == nullptr || node->name == nullptr) {
-        return KRV_XML_ERR_INVALID_PARAM;
+struct PathBytes {
+    uint8_t of[256];
+    constexpr PathBytes() : of()
+    {
+        for (int c = 0; c < 256; ++c) {
+            of[c] = (c >= '0' && c <= '9') ? 0 : kNonDigit;
+        }
+        of[0] |= kEnds;
+        of[static_cast<unsigned char>('.')] |= kEnds;
+        of[static_cast<unsigned char>('\\')] |= kBackslash;
+        of[static_cast<unsigned char>(':')] |= kColon;
     }
-    return answers(node, makeSegment(segment)) ? KRV_XML_OK : KRV_XML_ERR_INVALID_PARAM;
-}
+};
+constexpr PathBytes kPathBytes;
 
-// Cuts the next segment out of the local path copy at *pos: skips dots,
-// resolves "\." to "." in place and terminates the segment. Returns null when
-// only dots are left.
-char *nextSegment(char *path, size_t *pos)
+// Reads the next segment of the path at *pos: skips dots and reads "\." as a
+// dot. The segment is copied into `scratch` at its own offset, so that the
+// caller's path is only read and earlier segments stay intact. Returns false
+// when only dots are left.
+bool nextSegment(const char *path, size_t *pos, char *scratch, Segment *seg)
 {
     size_t r = *pos;
     while (path[r] == '.') {
@@ -367,30 +398,35 @@ char *nextSegment(char *path, size_t *pos)
     }
     if (path[r] == '\0') {
         *pos = r;
-        return nullptr;
+        return false;
     }
-    char *segment = path + r;
+    const size_t first = r;
+    unsigned seen = 0;
+    unsigned c;
+    // One table load per byte until a dot, the NUL or a backslash.
+    while (((c = kPathBytes.of[static_cast<unsigned char>(path[r])]) & (kEnds | kBackslash)) == 0) {
+        seen |= c;
+        ++r;
+    }
+    // The segment is copied out with a NUL for the name comparisons.
+    std::memcpy(scratch + first, path + first, r - first);
     size_t w = r;
-    while (path[r] != '\0' && path[r] != '.') {
-        if (path[r] == '\\' && path[r + 1] == '.') {
-            ++r;  // the backslash goes, the dot stays in the segment
+    if ((c & kBackslash) != 0) {
+        // Escapes: read the rest byte by byte, resolving them.
+        for (; path[r] != '\0' && path[r] != '.'; ++r) {
+            if (path[r] == '\\' && path[r + 1] == '.') {
+                ++r;  // the backslash goes, the dot stays
+            }
+            seen |= kPathBytes.of[static_cast<unsigned char>(path[r])] & ~unsigned{kEnds};
+            scratch[w++] = path[r];
         }
-        path[w++] = path[r++];
     }
-    // The writer never passes the reader, so the terminator lands on the
-    // separating dot or before it, and the rest of the path is untouched.
+    scratch[w] = '\0';
+    seg->text = scratch + first;
+    seg->length = w - first;
     *pos = path[r] == '.' ? r + 1 : r;
-    path[w] = '\0';
-    return segment;
-}
-
-bool isIndex(const char *segment)
-{
-    for (const char *p = segment; *p != '\0'; ++p) {
-        if (!isDigit(*p)) {
-            return false;
-        }
-    }
+    seg->hasColon = (seen & kColon) != 0;
+    seg->isIndex = (seen & kNonDigit) == 0;
     return true;
 }
 
@@ -413,27 +449,21 @@ uint32_t KRV_XML_GetNodeByUrl(XmlNode *start, const char *url, XmlNode **out)
         return KRV_XML_ERR_INVALID_PARAM;
     }
     // Measured without reading past the longest path accepted and its NUL.
-    size_t length = 0;
-    while (length < kPathArea && url[length] != '\0') {
-        ++length;
-    }
-    if (length >= kPathArea) {
+    if (strnlen(url, kPathArea) >= kPathArea) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    char path[kPathArea];
-    memcpy_s(path, sizeof path, url, length + 1);
-
+    char scratch[kPathArea];  // escaped segments only
     size_t pos = 0;
-    char *segment = nextSegment(path, &pos);
-    if (segment == nullptr || xmlCmpNode(start, segment) != KRV_XML_OK) {
+    Segment seg;
+    if (!nextSegment(url, &pos, scratch, &seg) || !answers(start, seg)) {
         return KRV_XML_ERR_NOT_FOUND;
     }
     XmlNode *current = start;
-    Segment lastName = {nullptr, false};  // the name segment an index counts by
-    bool afterName = false;          // the first segment does not count
-    while ((segment = nextSegment(path, &pos)) != nullptr) {
-        if (!isIndex(segment)) {
-            lastName = makeSegment(segment);
+    Segment lastName = seg;    // the name segment an index counts by
+    bool afterName = false;    // the first segment does not count
+    while (nextSegment(url, &pos, scratch, &seg)) {
+        if (!seg.isIndex) {
+            lastName = seg;
             current = firstMatch(current->firstChild, lastName);
             if (current == nullptr) {
                 return KRV_XML_ERR_NOT_FOUND;
@@ -445,13 +475,12 @@ uint32_t KRV_XML_GetNodeByUrl(XmlNode *start, const char *url, XmlNode **out)
             return KRV_XML_ERR_URL_NOT_FOUND;
         }
         afterName = false;
-        size_t digits = std::strlen(segment);
-        if (digits > kMaxIndexDigits) {
+        if (seg.length > kMaxIndexDigits) {
             return KRV_XML_ERR_NOT_FOUND;
         }
         long n = 0;
-        for (const char *p = segment; *p != '\0'; ++p) {
-            n = n * 10 + (*p - '0');
+        for (size_t i = 0; i < seg.length; ++i) {
+            n = n * 10 + (seg.text[i] - '0');
         }
         if (n == 0) {
             return KRV_XML_ERR_URL_NOT_FOUND;
