@@ -360,7 +360,8 @@ TEST(PathLookup, IndexesEscapesSeparatorsAndLimits)
     const std::string x504(504, 'x');
     const std::pair<const char *, std::string> children[] = {
         {"server1", "server"}, {"port", "port"}, {"server2", "server"}, {"version", "version.2"}, {"digits", "1a"},
-        {"backslash", "a\\b"}, {"dot", ".hidden"}, {"nameless", ""}, {"long", x504}, {"longer", x504 + "y"}};
+        {"backslash", "a\\b"}, {"dot", ".hidden"}, {"nameless", ""}, {"long", x504}, {"longer", x504 + "y"},
+        {"catalogues", "catalogues"}, {"catalogue", "catalogue"}};
     for (const auto &[label, name] : children) {
         labels[label] = LinkChild(config, Element(name.c_str()));  // "": no name
     }
@@ -375,7 +376,8 @@ TEST(PathLookup, IndexesEscapesSeparatorsAndLimits)
         {"config.server.000", "bad-url"}, {"config.server.2.2", "bad-url"}, {"config.port.2", "missing"},
         {"config.server.2.port", "missing"}, {"config.1a", "digits"}, {"config.1", "bad-url"},
         {"config.a\\b", "backslash"}, {"config.\\.hidden", "dot"}, {"config.version.2", "missing"},
-        {"config\\", "missing"}, {path511, "long"}, {path511 + "y", "invalid"},
+        {"config\\", "missing"}, {"config.9", "bad-url"}, {"config.catalogue", "catalogue"},
+        {"config.catalogues", "catalogues"}, {"config.catalogue.2", "missing"}, {path511, "long"}, {path511 + "y", "invalid"},
         {"config" + std::string(505, '.'), "config"}, {"config" + std::string(506, '.'), "invalid"}, {"", "invalid"},
     }, labels);
 
@@ -406,10 +408,13 @@ TEST(PathLookup, PrefixesInSegments)
     labels["item"] = LinkChild(root, Element("item", nullptr, nullptr, "q"));
     labels["colon"] = LinkChild(root, Element("a:b"));
     labels["plain"] = LinkChild(root, Element("plain"));
+    labels["longer"] = LinkChild(root, Element("catalogues", nullptr, nullptr, "q"));
+    labels["long"] = LinkChild(root, Element("catalogue", nullptr, nullptr, "q"));
     expectPaths(root,
                 {{"root", "root"}, {"p:root", "root"}, {"q:root", "missing"}, {"p:", "missing"},
                  {"root.item", "item"}, {"root.q:item", "item"}, {"root.p:item", "missing"}, {"root.a:b", "colon"},
-                 {"p:root.plain", "plain"}, {"root.x:plain", "missing"}},
+                 {"p:root.plain", "plain"}, {"root.x:plain", "missing"}, {"root.q:catalogue", "long"},
+                 {"root.catalogue", "long"}, {"root.q:catalogues", "longer"}},
                 labels);
     KRV_XML_FreeNode(root);
 }

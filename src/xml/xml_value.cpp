@@ -358,11 +358,11 @@ inline bool answers(const XmlNode *node, const Segment &seg)
         const char *prefix = node->nsPrefix;
         size_t i = 0;
         for (; prefix[i] != '\0'; ++i) {
-            if (i == seg.length || prefix[i] != seg.text[i]) {
+            if (prefix[i] != seg.text[i]) {  // the segment's NUL stops this too
                 return false;
             }
         }
-        return i < seg.length && seg.text[i] == ':' &&
+        return seg.text[i] == ':' &&
                sameName(node->name, seg.text + i + 1, seg.length - i - 1);
     }
     return sameName(node->name, seg.text, seg.length);
@@ -459,7 +459,7 @@ uint32_t KRV_XML_GetNodeByUrl(XmlNode *start, const char *url, XmlNode **out)
         return KRV_XML_ERR_NOT_FOUND;
     }
     XmlNode *current = start;
-    Segment lastName = seg;    // the name segment an index counts by
+    Segment lastName = {};     // the name segment an index counts by
     bool afterName = false;    // the first segment does not count
     while (nextSegment(url, &pos, scratch, &seg)) {
         if (!seg.isIndex) {
