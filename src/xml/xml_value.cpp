@@ -335,7 +335,7 @@ constexpr size_t kLoopedName = 8;
 inline bool sameName(const char *s, const char *t, size_t n)
 {
     if (n >= kLoopedName) {
-        return s[0] == t[0] && std::strcmp(s, t) == 0;
+        return std::strcmp(s, t) == 0;
     }
     for (size_t i = 0; i < n; ++i) {
         if (s[i] != t[i]) {
