@@ -730,24 +730,6 @@ inline void xmlPrefetchLinks(const XmlNode *node)
     xmlPrefetch(reinterpret_cast<const void *>(at + offsetof(XmlNode, firstChild) + sizeof(XmlNode *) - 1));
 }
 
-// A tree parsed on the heap was allocated in document order, so what lies
-// between the records of two nodes that follow each other in the walk is
-// mostly the first one's attributes and strings: when the second record is
-// near past the first, asks for every line between them. Otherwise asks for
-// a few lines past the second, as for a session tree.
-constexpr uintptr_t kNearBytes = 2048;
-
-inline void xmlPrefetchBetween(uintptr_t from, uintptr_t to)
-{
-    if (to > from && to - from <= kNearBytes) {
-        for (uintptr_t at = from + 64; at < to; at += 64) {
-            xmlPrefetch(reinterpret_cast<const void *>(at));
-        }
-    } else {
-        xmlPrefetchPast(reinterpret_cast<const void *>(to));
-    }
-}
-
 // Asks for the strings of a node whose record has arrived, and for the
 // records of its first attributes.
 inline void xmlPrefetchStrings(const XmlNode *node)
@@ -762,10 +744,9 @@ inline void xmlPrefetchStrings(const XmlNode *node)
 
 // Writes every node of top's sub-tree in document order. The records and
 // strings of a heap tree lie scattered over the heap, so a second cursor runs
-// kAhead nodes ahead of the writer and asks for each record it reaches, and
-// for what lies between it and the last one; the strings of a node are asked
-// for two nodes before it is written, and those of its first attributes just
-// before.
+// kAhead nodes ahead of the writer and asks for each record as it reaches it;
+// the strings of a node are asked for two nodes before it is written, and
+// those of its first attributes just before.
 constexpr int kPrefetchAttrs = 4;
 constexpr unsigned kAhead = 4;  // a power of two: the ring below wraps by mask
 
@@ -784,11 +765,10 @@ uint32_t xmlPrintScattered(XmlNode *top, XmlOut *out, uint32_t mode)
         // The slot just taken is refilled with the node kAhead places on.
         ring[head] = scout;
         if (scout != nullptr) {
-            const uintptr_t from = reinterpret_cast<uintptr_t>(scout);
             scout = xmlWalkNext(scout);
             xmlPrefetchLinks(scout);
             if (scout != nullptr) {
-                xmlPrefetchBetween(from, reinterpret_cast<uintptr_t>(scout));
+                xmlPrefetchPast(scout);  // the scout waits for each record it reaches
             }
         }
         head = (head + 1) & (kAhead - 1);
