@@ -1,4 +1,5 @@
-// Session clone of one parsed document with several builds, alternated in one process.
+// Session clone of one parsed document with several builds, alternated in one process
+// (KRVBENCH_HEAP set in the environment: heap documents and heap copies).
 #include <dlfcn.h>
 #include <malloc.h>
 #include <chrono>
@@ -23,7 +24,7 @@ int main(int argc, char **argv) {
     for (int i = 0; i < k; ++i) {
         void *h = dlopen(argv[3 + i], RTLD_NOW | RTLD_LOCAL);
         if (!h) { fprintf(stderr, "%s\n", dlerror()); return 1; }
-        ParseFn parse = (ParseFn)dlsym(h, "KRV_XML_ParseEx");
+        ParseFn parse = (ParseFn)dlsym(h, getenv("KRVBENCH_HEAP") ? "KRV_XML_Parse" : "KRV_XML_ParseEx");
         clone[i] = (CloneFn)dlsym(h, "KRV_XML_CloneNode");
         fr[i] = (FreeFn)dlsym(h, "KRV_XML_FreeNode");
         if (parse(s.c_str(), &doc[i])) return 1;
