@@ -377,7 +377,8 @@ TEST(PathLookup, IndexesEscapesSeparatorsAndLimits)
         {"config.server.2.port", "missing"}, {"config.1a", "digits"}, {"config.1", "bad-url"},
         {"config.a\\b", "backslash"}, {"config.\\.hidden", "dot"}, {"config.version.2", "missing"},
         {"config\\", "missing"}, {"config.9", "bad-url"}, {"config.catalogue", "catalogue"},
-        {"config.catalogues", "catalogues"}, {"config.catalogue.2", "missing"}, {path511, "long"}, {path511 + "y", "invalid"},
+        {"config.catalogues", "catalogues"}, {"config.catalogue.2", "missing"}, {path511, "long"},
+        {path511 + "y", "invalid"},
         {"config" + std::string(505, '.'), "config"}, {"config" + std::string(506, '.'), "invalid"}, {"", "invalid"},
     }, labels);
 

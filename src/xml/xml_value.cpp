@@ -452,7 +452,7 @@ uint32_t KRV_XML_GetNodeByUrl(XmlNode *start, const char *url, XmlNode **out)
     if (strnlen(url, kPathArea) >= kPathArea) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    char scratch[kPathArea];  // escaped segments only
+    char scratch[kPathArea];  // the segments, each at its offset in the path
     size_t pos = 0;
     Segment seg;
     if (!nextSegment(url, &pos, scratch, &seg) || !answers(start, seg)) {
