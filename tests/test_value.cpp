@@ -411,11 +411,13 @@ TEST(PathLookup, PrefixesInSegments)
     labels["plain"] = LinkChild(root, Element("plain"));
     labels["longer"] = LinkChild(root, Element("catalogues", nullptr, nullptr, "q"));
     labels["long"] = LinkChild(root, Element("catalogue", nullptr, nullptr, "q"));
+    labels["prefixed colon"] = LinkChild(root, Element("c:d", nullptr, nullptr, "pq"));
     expectPaths(root,
                 {{"root", "root"}, {"p:root", "root"}, {"q:root", "missing"}, {"p:", "missing"},
                  {"root.item", "item"}, {"root.q:item", "item"}, {"root.p:item", "missing"}, {"root.a:b", "colon"},
                  {"p:root.plain", "plain"}, {"root.x:plain", "missing"}, {"root.q:catalogue", "long"},
-                 {"root.catalogue", "long"}, {"root.q:catalogues", "longer"}},
+                 {"root.catalogue", "long"}, {"root.q:catalogues", "longer"}, {"root.pq:c:d", "prefixed colon"},
+                 {"root.pqzc:d", "missing"}, {"root.p::c:d", "missing"}},
                 labels);
     KRV_XML_FreeNode(root);
 }
