@@ -730,6 +730,24 @@ inline void xmlPrefetchLinks(const XmlNode *node)
     xmlPrefetch(reinterpret_cast<const void *>(at + offsetof(XmlNode, firstChild) + sizeof(XmlNode *) - 1));
 }
 
+// A heap parse lays a tree out in document order, so the lines between the
+// records of two nodes that follow each other in the walk hold the first
+// one's attributes and strings. Asking for all of them at once spares the
+// writer a round trip per attribute, which pays while the tree sits in the
+// caches. Some of those lines are never read (the words past each record,
+// malloc's headers), and a tree larger than the caches pays for them in
+// memory traffic: past kBetweenUntil bytes of output the scout goes back to
+// a few lines past each record.
+constexpr uintptr_t kNearBytes = 2048;
+constexpr size_t kBetweenUntil = size_t{1} << 20;
+
+inline void xmlPrefetchBetween(uintptr_t from, uintptr_t to)
+{
+    for (uintptr_t at = from + 64; at < to; at += 64) {
+        xmlPrefetch(reinterpret_cast<const void *>(at));
+    }
+}
+
 // Asks for the strings of a node whose record has arrived, and for the
 // records of its first attributes.
 inline void xmlPrefetchStrings(const XmlNode *node)
@@ -765,10 +783,17 @@ uint32_t xmlPrintScattered(XmlNode *top, XmlOut *out, uint32_t mode)
         // The slot just taken is refilled with the node kAhead places on.
         ring[head] = scout;
         if (scout != nullptr) {
+            const auto from = reinterpret_cast<uintptr_t>(scout);
+            const bool hasAttrs = !xmlIsAttr(scout) && scout->firstAttr != nullptr;
             scout = xmlWalkNext(scout);
             xmlPrefetchLinks(scout);
             if (scout != nullptr) {
-                xmlPrefetchPast(scout);  // the scout waits for each record it reaches
+                const auto to = reinterpret_cast<uintptr_t>(scout);
+                if (hasAttrs && out->length < kBetweenUntil && to > from && to - from <= kNearBytes) {
+                    xmlPrefetchBetween(from, to);
+                } else {
+                    xmlPrefetchPast(scout);  // the scout waits for each record it reaches
+                }
             }
         }
         head = (head + 1) & (kAhead - 1);
