@@ -421,3 +421,36 @@ TEST(PathLookup, PrefixesInSegments)
                 labels);
     KRV_XML_FreeNode(root);
 }
+
+// Index walks over runs of siblings longer than a thousand, in parsed trees
+// of both regimes (records in document order, far apart): the n-th of a name
+// among interleaved others, up to the last, and one past it.
+TEST(PathLookup, IndexesOverLongSiblingRunsInParsedTrees)
+{
+    krvtest::LeakGuard guard;
+    std::string text = "<r>";
+    const std::string pad(200, 'p');
+    for (int i = 0; i < 3000; ++i) {
+        text += std::string(i % 3 == 2 ? "<b" : "<a") + " n=\"" + std::to_string(i) + "\" pad=\"" + pad + "\"/>";
+    }
+    text += "</r>";
+    // The k-th "a" is child 3 * ((k - 1) / 2) + (k - 1) % 2; 2000 of them.
+    const std::pair<long, long> rows[] = {{1, 0}, {2, 1}, {1024, 1534}, {1025, 1536}, {1999, 2997}, {2000, 2998}};
+    for (bool session : {false, true}) {
+        XmlNode *doc = nullptr;
+        ASSERT_EQ(session ? KRV_XML_ParseEx(text.c_str(), &doc) : KRV_XML_Parse(text.c_str(), &doc), KRV_XML_OK);
+        for (const auto &[k, child] : rows) {
+            XmlNode *out = nullptr;
+            const std::string path = "r.a." + std::to_string(k);
+            ASSERT_EQ(KRV_XML_GetNodeByUrl(doc, path.c_str(), &out), KRV_XML_OK) << path;
+            EXPECT_STREQ(out->firstAttr->value, std::to_string(child).c_str()) << path << " session " << session;
+        }
+        XmlNode *out = krvtest::Sentinel();
+        EXPECT_EQ(KRV_XML_GetNodeByUrl(doc, "r.a.2001", &out), kMissing);
+        EXPECT_EQ(KRV_XML_GetNodeByUrl(doc, "r.b.1001", &out), kMissing);
+        EXPECT_EQ(out, krvtest::Sentinel());
+        EXPECT_EQ(KRV_XML_GetNodeByUrl(doc, "r.b.1000", &out), KRV_XML_OK);
+        EXPECT_STREQ(out->firstAttr->value, "2999");
+        KRV_XML_FreeNode(doc);
+    }
+}

@@ -430,10 +430,33 @@ bool nextSegment(const char *path, size_t *pos, char *scratch, Segment *seg)
     return true;
 }
 
-XmlNode *firstMatch(XmlNode *from, const Segment &segment)
+// Sibling walks over long runs. The siblings of a parsed or copied tree lie
+// in memory in document order, each with its attributes, strings and
+// children before the next; a walk that steps from record to record waits
+// for each in turn once the run has outgrown the caches. Past kLongWalk
+// steps, a step longer than kFarStep (closer records are followed by the
+// processor's own stream prefetch) asks for the memory 2, 4 and 8 KB ahead,
+// where the next siblings lie. Shorter walks ask for nothing: their records
+// are often cached from the walk before, and lines asked for in vain would
+// push them out.
+constexpr size_t kLongWalk = 1024;
+constexpr uintptr_t kFarStep = 256;
+
+// The count-th sibling (count >= 1) from `from` on that answers the segment,
+// or null.
+XmlNode *nthMatch(XmlNode *from, const Segment &segment, long count)
 {
+    uintptr_t last = 0;
+    size_t steps = 0;
     for (XmlNode *n = from; n != nullptr; n = n->next) {
-        if (answers(n, segment)) {
+        const uintptr_t at = reinterpret_cast<uintptr_t>(n);
+        if (++steps > kLongWalk && at - last >= kFarStep) {  // a step back counts as far
+            __builtin_prefetch(reinterpret_cast<const void *>(at + 2048));
+            __builtin_prefetch(reinterpret_cast<const void *>(at + 4096));
+            __builtin_prefetch(reinterpret_cast<const void *>(at + 8192));
+        }
+        last = at;
+        if (answers(n, segment) && --count == 0) {
             return n;
         }
     }
@@ -464,7 +487,7 @@ uint32_t KRV_XML_GetNodeByUrl(XmlNode *start, const char *url, XmlNode **out)
     while (nextSegment(url, &pos, scratch, &seg)) {
         if (!seg.isIndex) {
             lastName = seg;
-            current = firstMatch(current->firstChild, lastName);
+            current = nthMatch(current->firstChild, lastName, 1);
             if (current == nullptr) {
                 return KRV_XML_ERR_NOT_FOUND;
             }
@@ -486,8 +509,8 @@ uint32_t KRV_XML_GetNodeByUrl(XmlNode *start, const char *url, XmlNode **out)
             return KRV_XML_ERR_URL_NOT_FOUND;
         }
         // The current node is the first child of that name; step to the n-th.
-        for (; n > 1; --n) {
-            current = firstMatch(current->next, lastName);
+        if (n > 1) {
+            current = nthMatch(current->next, lastName, n - 1);
             if (current == nullptr) {
                 return KRV_XML_ERR_NOT_FOUND;
             }
