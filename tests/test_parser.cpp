@@ -1,5 +1,4 @@
-// Parser suite: the document driver, attributes, the entry points, the file
-// functions, failure handling and the report of where a parse stopped.
+// Parser suite: the document driver, attributes, entry points, files, failure handling and failure reports.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -16,403 +15,48 @@
 #include "test_support.h"
 #include "xml/xml_parser_internal.h"
 
-using krvtest::ParseIn;
 using krvtest::Sentinel;
 using krvtest::Str;
 
 namespace {
 
-// One line per element in document order: depth, prefix:name, value and
-// attributes. Also checks the links and regime that the dump does not show.
+// One line per element in document order: depth, prefix:name=value and attributes. Also checks what it does
+// not show: links, session and name ownership, and that a name with a colon is divided at its first one.
 std::string dump(XmlNode *doc)
 {
-    auto qname = [](const XmlNode *n) {
-        // A name with a colon is always divided at its first one.
-        EXPECT_TRUE(n->nsPrefix != nullptr || n->name == nullptr || std::strchr(n->name, ':') == nullptr);
-        return (n->nsPrefix != nullptr ? std::string(n->nsPrefix) + ":" : "") + Str(n->name) + "=" + Str(n->value);
-    };
     std::string s;
     for (XmlNode *top = doc; top != nullptr; top = top->next) {
         EXPECT_EQ(krvfuzz::CheckLinks(top), "");
     }
     for (XmlNode *n = doc; n != nullptr; n = KRV_XML_Iterator(n)) {
+        EXPECT_EQ(n->nameOwned, 1);
         int depth = 0;
-        for (const XmlNode *p = n; p->parent != nullptr; p = p->parent) {
+        for (const XmlNode *p = n->parent; p != nullptr; p = p->parent) {
             ++depth;
         }
-        s += std::to_string(depth) + " " + qname(n);
-        for (XmlNode *a = n->firstAttr; a != nullptr; a = a->next) {
-            s += " " + qname(a);
+        s += std::to_string(depth);
+        for (XmlNode *a = n; a != nullptr; a = a == n ? n->firstAttr : a->next) {  // the element, then its attributes
+            EXPECT_TRUE(a->nsPrefix != nullptr || a->name == nullptr || std::strchr(a->name, ':') == nullptr);
             EXPECT_EQ(a->mem, doc->mem);
+            s += " " + (a->nsPrefix != nullptr ? std::string(a->nsPrefix) + ":" : "") + Str(a->name) + "=" + Str(a->value);
         }
         s += ";";
-        EXPECT_TRUE(n->nameOwned == 1 && n->mem == doc->mem);
     }
     return s;
 }
 
-}  // namespace
-
-// The conformance tables: documents accepted (with their trees) and refused;
-// the reporting test below has one refusal of every reason.
-TEST(Parser, AcceptedAndRefusedDocuments)
+// count attributes " name='value'", each '#' in name and value standing for the attribute's index.
+std::string attrs(int count, const std::string &name, const std::string &value)
 {
-    struct Case {
-        const char *text, *tree;
-    } cases[] = {
-        {"<r/>", "0 r=~;"}, {"  <r></r>  ", "0 r=~;"},
-        {"<?xml version='1.0'?><!-- c --><!DOCTYPE r [<!ELEMENT r ANY>]><?pi x?><r>t</r><!-- end -->", "0 r=t;"},
-        {"<?XML version='1.0'?><r/>", "0 r=~;"}, {"<!DOCTYPE r SYSTEM \"a>b\"><r/>", "0 r=~;"},
-        {"<r><a>1</a><b x='2'/><c/></r>", "0 r=~;1 a=1;1 b=~ x=2;1 c=~;"},
-        {"<p:r><p:a>x</p:a></p:r>", "0 p:r=~;1 p:a=x;"}, {"<r>  x y  </r>", "0 r=  x y  ;"},
-        {"<r>\n  x</r>", "0 r=  x;"},
-        {"<r>\t x</r>", "0 r= x;"},  // the SPACE after the TAB is kept
-        {"<r>a &amp; b</r>", "0 r=a & b;"}, {"<r><![CDATA[<x>]]></r>", "0 r=<x>;"},
-        {"<r><![CDATA[x]]]></r>", "0 r=x];"},
-        {"<r><![CDATA[x]]]]]]]]]]]]]]]]]]>y</r>", "0 r=x]]]]]]]]]]]]]]]]y;"}, {"<r>  </r>", "0 r=  ;"},
-        // texts that are, or only begin like, one CDATA section
-        {"<r>  <![CDATA[x]]></r>", "0 r=  x;"}, {"<r><![CDATA[a]]><![CDATA[b&lt;]]></r>", "0 r=ab&lt;;"},
-        {"<r><![CDATA[]]></r>", "0 r=;"}, {"<r><![CDATA[a]]>&amp;</r>", "0 r=a&;"},
-        {"<r><!--c--></r>", "0 r=~;"}, {"<r><a></a> </r>", "0 r=~;1 a=~;"}, {"<r><a/> </r>", "0 r=~;1 a=~;"},
-        {"<r>/x</r>", "0 r=/x;"}, {"<r>]]></r>", "0 r=]]>;"}, {"<r>x<!--c--></r>", "0 r=x;"},
-        {"<r>a\r\nb </r >", "0 r=a\r\nb ;"},
-        {"<r\n  a = \"1\"\tb='x\"y' c=\"it's\" d='1 < 2' e='&lt;&#65;'\n/>", "0 r=~ a=1 b=x\"y c=it's d=1 < 2 e=<A;"},
-        {"<a x=''>t</a>", "0 a=t x=~;"}, {"<a p:x='1' q:x='2' x='3'/>", "0 a=~ p:x=1 q:x=2 x=3;"},
-        {"<a p:q:r='1' xmlns:p='urn:x' xmlns='d'/>", "0 a=~ p:q:r=1 xmlns:p=urn:x xmlns=d;"},
-        {"<p:a x='1'/>", "0 p:a=~ x=1;"}, {"<a><b><c/></b><d>1</d></a>", "0 a=~;1 b=~;2 c=~;1 d=1;"},
-        // prefixed names closed after text, a comment, children, or spaces
-        {"<p:a>x<!--c--></p:a>", "0 p:a=x;"}, {"<p:a><q:b k:x='1' y=''/></p:a >", "0 p:a=~;1 q:b=~ k:x=1 y=~;"},
-        {"<ab:c><a:bc/></ab:c>", "0 ab:c=~;1 a:bc=~;"},
-        // names ending in a byte that may start "/>", "-->" or "]]>"
-        {"<r><a- x='1'>t</a-></r>", "0 r=~;1 a-=t x=1;"}, {"<r><a/ x='1'>t</a/ ></r>", "0 r=~;1 a/=t x=1;"},
-        {"<r><a] x='1'></a]></r>", "0 r=~;1 a]=~ x=1;"},
-        // a CDATA section is a word, also where it names a later attribute
-        {"<a <![CDATA[y]]>='2' x='1'/>", "0 a=~ y=2 x=1;"}, {"<a x='1' <![CDATA[y]]>='2'/>", "0 a=~ x=1 y=2;"},
-        // an empty tag's colon counts as last against its name token, which a
-        // reference makes longer than the name
-        {"<a&#58;/>", "0 a:=~;"}, {"<b&#58;c/>", "0 b:c=~;"},
-        // attribute names like, or unlike, those of the tag before
-        {"<r><e ab='1' m:x='2'/><e ax='3' m:x='4'/><e m:xy='5' ab='6'/><e id='7'/><e idx='8'/><e id ='9'/></r>",
-         "0 r=~;1 e=~ ab=1 m:x=2;1 e=~ ax=3 m:x=4;1 e=~ m:xy=5 ab=6;1 e=~ id=7;1 e=~ idx=8;1 e=~ id=9;"},
-        {"<r><!--x--><a/><?p?><b/></r>", "0 r=~;1 a=~;1 b=~;"}, {"<r/>\n<!-- tail -->\n<?pi?>\n", "0 r=~;"},
-        {"<r>x</r>\0<junk", "0 r=x;"}, {"<r>'q' \"d\" =</r>", "0 r='q' \"d\" =;"},
-        {"<?xml version=\"1.0\"?>\n<cfg:root xmlns:cfg='urn:c' id='7'>\n"
-         "  <item n='1'>one &amp; <![CDATA[<two>]]></item>\n  <item n='2'/>\n"
-         "  <group><leaf>  x\t</leaf><empty></empty></group>\n</cfg:root>\n",
-         "0 cfg:root=~ xmlns:cfg=urn:c id=7;1 item=one & <two> n=1;1 item=~ n=2;1 group=~;2 leaf=  x\t;2 empty=~;"},
-    };
-    const char *refused[] = {
-        " \t\r\n", "<?xml version='1.0'?>", "<!-- only -->", "<!DOCTYPE r>", "<r></r>x",
-        "<r><a></a>x</r>", ">", "<r>></r>", "<abc>x</ab>", "<ab>x</abc>", "<r></R>", "<p:a></a>",
-        "<a></p:a>", "</r>", "<r></r></r>", "<r></r", "<r>x</r y>", "<r>", "<r><a/>", "<r><a></a>",
-        "<r a='1'>", "<r a='1'/", "<r>x</", "<!-- a ---><r/>", "<r/><!-- c", "<r/><!---->x",
-        "<r a='&bad;'/>", "<&lt/>", "<a:/>", "<:a></:a>", "<a:></a:>", "<r x:='1'/>", "<a x>",
-        "<a x=\"1'/>", "<a p:x='1' p:x='2'/>", "<r><a x='1' y='2' x='3'/></r>", "<a x='1' y/>",
-        "<a x='1'/ >", "<a x='1' ='2'/>", "<a x='1' '/>", "<a x='1' \"/>", "<a x='1' </a>", "</", "<r/><",
-        "<ab:c></a:bc>", "<a:bc></ab:c>", "<p:a></p:ab>", "<p:ab></p:a>", "<p:a></p>",
-        "<p:a>x<!--c--></p:b>", "<p:a><!--c--></pa>", "<r><a/ x='1'>t</a/></r>",
-        "<r><a-- x='1'>t</a--></r>", "<r><a]] x='1'></a]]></r>", "<r><ab x='1'>t</ab\0>",
-        "<r><e a='1' b='2'/><e a='1' a='2'/></r>", "<r><e ab='1'/><e ax='1' ax='2'/></r>",
-        "<a&#58; x='1'/>", "<a&#58;></a&#58;>",
-        // refusals after top-level followers were built (heap)
-        "<r/><s><t/>", "<r/><s a='1' a='2'/>", "<r><a/></r><s>x<t/></s>",
-    };
-    for (bool session : {false, true}) {
-        for (const Case &c : cases) {
-            SCOPED_TRACE(std::string(c.text) + (session ? " (session)" : " (heap)"));
-            krvtest::LeakGuard guard;
-            XmlNode *doc = nullptr;
-            ASSERT_EQ(ParseIn(session, c.text, &doc), KRV_XML_OK);
-            EXPECT_TRUE(doc->kind == KRV_XML_NODE_DOCUMENT && doc->ownsSession == 1);
-            EXPECT_EQ(doc->mem != nullptr, session);
-            EXPECT_EQ(dump(doc), c.tree);
-            KRV_XML_FreeNode(doc);
-        }
-        for (const char *text : refused) {
-            SCOPED_TRACE(std::string(text) + (session ? " (session)" : " (heap)"));
-            krvtest::LeakGuard guard;
-            XmlNode *doc = Sentinel();
-            EXPECT_EQ(ParseIn(session, text, &doc), KRV_XML_ERR_SYNTAX);
-            EXPECT_EQ(doc, nullptr);
+    std::string s;
+    for (int i = 0; i < count; ++i) {
+        s += " " + name + "='" + value + "'";
+        for (size_t at; (at = s.find('#')) != std::string::npos;) {
+            s.replace(at, 1, std::to_string(i));
         }
     }
+    return s;
 }
-
-// A text is stored in a buffer as long as its run in the input, and the
-// bytes that decoding saved are zero, on the heap as in a session: after
-// references in long runs and after a text that is one CDATA section.
-TEST(Parser, TextBuffersAreZeroPastTheirText)
-{
-    const char *texts[] = {
-        "<r><![CDATA[abc]]></r>",
-        "<r>0123456789abcde&amp;0123456789abcdef&lt;&lt;&lt;&lt;&#x20AC;&#233;</r>",
-        "<r>&quot;0123456789abcdef0123456789<![CDATA[&lt;]]>0123456789abcdef&apos;</r>",
-    };
-    for (bool session : {false, true}) {
-        for (const char *text : texts) {
-            SCOPED_TRACE(std::string(text) + (session ? " (session)" : " (heap)"));
-            std::string t = text;
-            size_t run = t.rfind('<') - t.find('>') - 1;
-            XmlNode *doc = nullptr;
-            ASSERT_EQ(ParseIn(session, text, &doc), KRV_XML_OK);
-            const char *value = doc->value;
-            ASSERT_NE(value, nullptr);
-            size_t used = std::strlen(value);
-            ASSERT_LT(used, run);
-            EXPECT_EQ(std::string(value + used, run + 1 - used), std::string(run + 1 - used, '\0'));
-            KRV_XML_FreeNode(doc);
-        }
-    }
-}
-
-namespace {
-
-// Parses text as a session, on the heap, and on the heap by the
-// token-by-token steps alone: the same result each time and, when it
-// succeeds, the same tree.
-void expectSameAsHeapAndSteps(const std::string &text)
-{
-    SCOPED_TRACE(text.substr(0, 40) + " (" + std::to_string(text.size()) + " bytes)");
-    krvtest::LeakGuard guard;
-    XmlNode *heap = nullptr;
-    XmlNode *session = nullptr;
-    uint32_t rc = KRV_XML_Parse(text.c_str(), &heap);
-    EXPECT_EQ(KRV_XML_ParseEx(text.c_str(), &session), rc);
-    krv_test::UseFastParser(false);
-    XmlNode *slow = nullptr;
-    EXPECT_EQ(KRV_XML_Parse(text.c_str(), &slow), rc);
-    krv_test::UseFastParser(true);
-    if (rc == KRV_XML_OK && session != nullptr) {
-        EXPECT_EQ(dump(session), dump(heap));
-        EXPECT_EQ(dump(slow), dump(heap));
-    }
-    KRV_XML_FreeNode(slow);
-    KRV_XML_FreeNode(heap);
-    KRV_XML_FreeNode(session);
-}
-
-}  // namespace
-
-// Session start tags that the parse begins to carve in one pass and then
-// leaves to other steps: a value to decode, a tag too large for the rest of
-// the block, a prefixed element with 40 attributes, tags wider than the
-// stack's room or than any fast read (129 attributes, read token by token).
-// The session trees equal the heap trees, and every result equals that of
-// the token-by-token steps alone.
-TEST(Parser, SessionTagsLeftHalfCarvedReadAsHeapTags)
-{
-    std::string many = "<p:e";
-    for (int i = 0; i < 40; ++i) {
-        many += " a" + std::to_string(i) + "='" + std::to_string(i) + "'";
-    }
-    many += "/>";
-    std::string big = "<e";
-    for (int i = 0; i < 30; ++i) {
-        big += " b" + std::to_string(i) + "='" + std::string(300, 'v') + "'";
-    }
-    big += "/>";
-    // The same tag running out of the block with, past that point, a value
-    // to decode, or a name that repeats one carved before it.
-    std::string bigDecoded = big.substr(0, big.size() - 2) + " z='a&lt;b'/>";
-    std::string bigRepeat = big.substr(0, big.size() - 2) + " b3='x'/>";
-    // Wide tags: names past the filter go through a table (a repeat found
-    // there, or among the first names); past its room, a table that grows
-    // and a keyed set.
-    auto wide = [](int count, const std::string &extra, int valueLen,
-                   const std::string &end = "/>") {
-        std::string tag = "<w";
-        for (int i = 0; i < count; ++i) {
-            tag += " c" + std::to_string(i) + "_x='" + std::string(valueLen, 'v') + "'";
-        }
-        return tag + extra + end;
-    };
-    const std::string texts[] = {
-        "<r>" + wide(60, "", 3) + wide(127, "", 2) + wide(129, "", 2) + wide(70, "", 200) + "</r>",
-        "<r>" + wide(60, " c0_x='1'", 3) + "</r>",
-        "<r>" + wide(60, " c42_x='1'", 3) + "</r>",
-        "<r>" + wide(40, "", 150) + wide(70, " c65_x='1'", 200) + "</r>",
-        "<r>" + wide(40, "", 150) + wide(70, " c3_x='1'", 200) + "</r>",
-        "<r>" + wide(1100, "", 1) + wide(130, "", 2, ">t</w>") + wide(600, "", 40) + "</r>",
-        "<r>" + wide(1100, " c1030_x='1'", 1) + "</r>",
-        "<r>" + wide(300, " c5_x='1'", 1) + "</r>",
-        "<r>" + wide(300, " p:c5_x='1' q:c5_x='2'", 1) + "</r>",
-        "<r>" + wide(300, " c1&#95;x='1'", 1) + "</r>",   // decodes to a repeat
-        "<r>" + wide(300, " c1&#95;y='1'", 1) + "</r>",
-        "<r>" + wide(300, " c300_x='a&lt;b' ", 1) + "</r>",
-        "<r>" + wide(700, " bad", 1) + "</r>",
-        "<r><a x='1' y='a&amp;b' z='2'/><b k='3'/></r>",
-        "<r>" + many + many + "<q:f x='1'/></r>",
-        "<r><a x='1'/>" + big + "<c y='2'/></r>",
-        "<r><a x='1'/>" + bigDecoded + "<c y='2'/></r>",
-        "<r><a x='1'/>" + bigRepeat + "</r>",
-    };
-    // The block runs out at each attribute of a tag in turn (a text before it
-    // fills the block up to a point that moves by 8 bytes from one to the next).
-    std::vector<std::string> all(std::begin(texts), std::end(texts));
-    for (int k = 0; k < 160; ++k) {
-        all.push_back("<r><a v='" + std::string(5600 + 8 * k, 'f') + "'/>" + wide(24, "", 10) +
-                      "</r>");
-    }
-    for (const std::string &text : all) {
-        expectSameAsHeapAndSteps(text);
-    }
-}
-
-// Leaves whose text and end tag a session reads along with the start tag:
-// plain texts around the limits of the short copies and of carving, texts with
-// references (one unknown), end tags that differ from the start tag's name
-// or only begin like it, texts that begin like markup, and leaves of many
-// lengths whose records fill blocks up to where some of their texts no longer
-// fit. Failures stop where the heap parse's do.
-TEST(Parser, SessionLeavesReadWithTheirStartTag)
-{
-    std::vector<std::string> texts;
-    for (size_t len : {1, 7, 8, 15, 16, 17, 24, 32, 33, 4095, 4096, 4097}) {
-        texts.push_back("<r><a>" + std::string(len, 'x') + "</a><p:b k='1'>y</p:b ></r>");
-    }
-    for (const char *leaf :
-         {"<a>x &amp; y</a>", "<a>&#x20AC;&lt;</a >", "<a>x&bogus;</a>", "<a>x&amp;</b>", "<a>x</b>",
-          "<a>x</ab>", "<ab>x</a>", "<a>x</a\n>", "<a>x</a/>", "<a>x<![CDATA[y]]></a>", "<a>>x</a>",
-          "<a>/>x</a>", "<a>x]]>y</a>", "<a>x-->y</a>", "<a>x/>y</a>", "<a>x?>y</a>", "<a>x </a>",
-          "<a>x\r\ny\t</a>", "<a:b>x</a:b>", "<a:b>x</a:c>", "<a:b>x</b>", "<a>x<b/></a>", "<a>x"}) {
-        texts.push_back(std::string("<r>") + leaf + "<c>z</c></r>");
-    }
-    std::string many = "<r>";
-    for (int i = 0; i < 400; ++i) {
-        many += "<b>" + std::string(i % 29 + 1, 't') + "</b>";
-    }
-    texts.push_back(many + "</r>");
-    for (const std::string &text : texts) {
-        expectSameAsHeapAndSteps(text);
-        KrvXmlParseInfo heap{};
-        KrvXmlParseInfo session{};
-        XmlNode *doc = nullptr;
-        uint32_t rc = KRV_XML_ParseWithInfo(text.c_str(), 0, &doc, &heap);
-        KRV_XML_FreeNode(doc);
-        EXPECT_EQ(KRV_XML_ParseWithInfo(text.c_str(), KRV_XML_PARSE_SESSION, &doc, &session), rc);
-        KRV_XML_FreeNode(doc);
-        EXPECT_EQ(session.offset, heap.offset);
-        EXPECT_STREQ(session.reason, heap.reason);
-    }
-}
-
-namespace {
-
-void checkFirstFit(bool longNames)
-{
-    std::string text = "<root>";
-    for (int i = 0; i < 600; ++i) {
-        int attrs = i % 50 == 7 ? 30 : i % 13;
-        int valueLen = i % 50 == 7 ? 300 : 1 + (i * 7) % 41;
-        text += "<e" + std::to_string(i % 5);
-        for (int a = 0; a < attrs; ++a) {
-            text += (longNames && i % 2 == 0 ? " attribute" : " a") + std::to_string(a) + "='" +
-                    std::string(valueLen + a % 3, 'v') + "'";
-        }
-        text += i % 7 != 0 ? "/>" : ">" + std::string(1 + (i * 11) % 29, 't') + "</e" +
-                                        std::to_string(i % 5) + ">";
-    }
-    text += "</root>";
-    XmlNode *doc = nullptr;
-    ASSERT_EQ(KRV_XML_ParseEx(text.c_str(), &doc), KRV_XML_OK);
-    std::vector<XmlMemSession *> blocks;
-    for (XmlMemSession *b = doc->mem; b != nullptr; b = b->nextBlock) {
-        blocks.push_back(b);
-    }
-    ASSERT_GT(blocks.size(), 20u);
-    const size_t header = (sizeof(XmlMemSession) + 7) & ~size_t{7};
-    auto blockOf = [&](const void *piece) {
-        for (size_t i = 0; i < blocks.size(); ++i) {
-            auto *data = reinterpret_cast<const uint8_t *>(blocks[i]) + header;
-            if (piece >= data && piece < data + blocks[i]->capacity) {
-                return static_cast<int>(i);
-            }
-        }
-        ADD_FAILURE() << "a piece outside the session";
-        return 0;
-    };
-    // The smallest piece found in each block.
-    std::vector<size_t> smallest(blocks.size(), SIZE_MAX);
-    auto piece = [&](const void *at, size_t bytes) {
-        if (at != nullptr) {
-            size_t &s = smallest[blockOf(at)];
-            s = std::min(s, bytes);
-        }
-    };
-    auto str = [&](const char *s) { piece(s, s == nullptr ? 0 : (std::strlen(s) + 8) & ~size_t{7}); };
-    size_t attrsSeen = 0;
-    for (XmlNode *n = doc->firstChild; n != nullptr; n = KRV_XML_Iterator(n)) {
-        piece(n, offsetof(XmlNode, nameTable));
-        str(n->name);
-        str(n->value);
-        for (XmlNode *a = n->firstAttr; a != nullptr; a = a->next, ++attrsSeen) {
-            piece(a, offsetof(XmlNode, prev));
-            str(a->name);
-            str(a->value);
-        }
-    }
-    EXPECT_GT(attrsSeen, 3000u);
-    size_t later = SIZE_MAX;
-    for (size_t i = blocks.size(); i-- > 0;) {
-        EXPECT_LT(static_cast<size_t>(blocks[i]->freeBytes), later)
-            << "block " << i << " had room for a piece carved after it";
-        later = std::min(later, smallest[i]);
-    }
-    KRV_XML_FreeNode(doc);
-}
-
-}  // namespace
-
-// A session parse carves each piece from the first block with room for it:
-// no piece lies in a later block while an earlier block still has room for
-// it. Tags of many sizes, some larger than a block, cross block ends at
-// every point; the text decodes nothing, so each string's size is known.
-TEST(Parser, SessionPiecesLandInTheFirstBlockWithRoom)
-{
-    // Short attribute names only, and long ones on every other tag: the
-    // latter leave blocks with a little room after a tag has run past them.
-    for (bool longNames : {false, true}) {
-        SCOPED_TRACE(longNames ? "long names" : "short names");
-        checkFirstFit(longNames);
-    }
-}
-
-TEST(Parser, EntryPointsTopLevelFollowersAndCallerText)
-{
-    XmlNode *keep = Sentinel();
-    for (uint32_t rc : {KRV_XML_Parse("", &keep), KRV_XML_ParseEx("", &keep), KRV_XML_Parse(nullptr, &keep),
-                        KRV_XML_ParseFile(nullptr, &keep), KRV_XML_ParseFileEx(nullptr, &keep),
-                        KRV_XML_Parse("<r/>", nullptr), KRV_XML_ParseEx("<r/>", nullptr),
-                        KRV_XML_ParseFile("x", nullptr), KRV_XML_ParseFileEx("x", nullptr)}) {
-        EXPECT_EQ(rc, KRV_XML_ERR_INVALID_PARAM);
-    }
-    EXPECT_EQ(keep, Sentinel());
-
-    // Further top-level elements: kept by the heap parse only.
-    krvtest::LeakGuard guard;
-    XmlNode *doc = nullptr;
-    ASSERT_EQ(KRV_XML_Parse("<r/><s>t</s>\n<u/>", &doc), KRV_XML_OK);
-    EXPECT_EQ(dump(doc), "0 r=~;0 s=t;0 u=~;");
-    EXPECT_TRUE(doc->next->prev == doc && doc->next->next->prev == doc->next);
-    KRV_XML_FreeNode(doc);  // releases the followers too
-    for (const char *text : {"<r/><s/>", "<r></r><!-- c --><s/>"}) {
-        doc = Sentinel();
-        EXPECT_EQ(KRV_XML_ParseEx(text, &doc), KRV_XML_ERR_SYNTAX);
-        EXPECT_EQ(doc, nullptr);
-    }
-
-    // The text is only read, and the tree does not point into it.
-    std::string text = "<r a='1'>v</r>";
-    ASSERT_EQ(KRV_XML_ParseEx(text.c_str(), &doc), KRV_XML_OK);
-    EXPECT_EQ(text, "<r a='1'>v</r>");
-    std::fill(text.begin(), text.end(), 'z');
-    EXPECT_EQ(Str(doc->name) + Str(doc->value) + Str(doc->firstAttr->value), "rv1");
-    KRV_XML_FreeNode(doc);
-}
-
-// ===== Files ===============================================================
-
-namespace {
 
 // Logging replacements for the file functions, with switchable faults.
 struct FileLog {
@@ -449,24 +93,269 @@ size_t logRead(void *buf, size_t size, size_t count, FILE *f)
 long logTell(FILE *f)
 {
     g_log.calls.push_back("tell");
-    long real = std::ftell(f);
-    return g_log.tellAnswer == -2 ? real : g_log.tellAnswer;
+    return g_log.tellAnswer == -2 ? std::ftell(f) : g_log.tellAnswer;
 }
 
 }  // namespace
 
-// Every way a load can fail releases everything and closes the file exactly
-// once; a size that cannot be used (negative, 4 GiB and more: never cut to
-// its low 32 bits) is refused before a buffer is made or a byte read.
+// Documents accepted (with their trees) and refused; the failure report test has one refusal of every reason.
+TEST(Parser, AcceptedAndRefusedDocuments)
+{
+    struct Case {
+        const char *text, *tree;
+    } cases[] = {
+        {"<r/>", "0 r=~;"}, {"  <r></r>  ", "0 r=~;"}, {"<?XML version='1.0'?><r/>", "0 r=~;"},
+        {"<?xml version='1.0'?><!-- c --><!DOCTYPE r [<!ELEMENT r ANY>]><?pi x?><r>t</r><!-- end -->", "0 r=t;"},
+        {"<!DOCTYPE r SYSTEM \"a>b\"><r/>", "0 r=~;"}, {"<r><a>1</a><b x='2'/><c/></r>", "0 r=~;1 a=1;1 b=~ x=2;1 c=~;"},
+        {"<p:r><p:a>x</p:a></p:r>", "0 p:r=~;1 p:a=x;"}, {"<r>  x y  </r>", "0 r=  x y  ;"}, {"<r>\n  x</r>", "0 r=  x;"},
+        {"<r>\t x</r>", "0 r= x;"}, {"<r>a &amp; b</r>", "0 r=a & b;"}, {"<r><![CDATA[<x>]]></r>", "0 r=<x>;"},
+        {"<r><![CDATA[x]]]></r>", "0 r=x];"}, {"<r>  </r>", "0 r=  ;"},
+        {"<r><![CDATA[x]]]]]]]]]]]]]]]]]]>y</r>", "0 r=x]]]]]]]]]]]]]]]]y;"},
+        // texts that are, or only begin like, one CDATA section
+        {"<r>  <![CDATA[x]]></r>", "0 r=  x;"}, {"<r><![CDATA[a]]><![CDATA[b&lt;]]></r>", "0 r=ab&lt;;"},
+        {"<r><![CDATA[]]></r>", "0 r=;"}, {"<r><![CDATA[a]]>&amp;</r>", "0 r=a&;"}, {"<r><!--c--></r>", "0 r=~;"},
+        {"<r><a></a> </r>", "0 r=~;1 a=~;"}, {"<r><a/> </r>", "0 r=~;1 a=~;"}, {"<r>/x</r>", "0 r=/x;"},
+        {"<r>]]></r>", "0 r=]]>;"}, {"<r>x<!--c--></r>", "0 r=x;"}, {"<r>a\r\nb </r >", "0 r=a\r\nb ;"},
+        {"<r\n  a = \"1\"\tb='x\"y' c=\"it's\" d='1 < 2' e='&lt;&#65;'\n/>", "0 r=~ a=1 b=x\"y c=it's d=1 < 2 e=<A;"},
+        {"<a x=''>t</a>", "0 a=t x=~;"}, {"<a p:x='1' q:x='2' x='3'/>", "0 a=~ p:x=1 q:x=2 x=3;"},
+        {"<a p:q:r='1' xmlns:p='urn:x' xmlns='d'/>", "0 a=~ p:q:r=1 xmlns:p=urn:x xmlns=d;"},
+        {"<p:a x='1'/>", "0 p:a=~ x=1;"}, {"<a><b><c/></b><d>1</d></a>", "0 a=~;1 b=~;2 c=~;1 d=1;"},
+        // prefixed names closed after text, a comment, children, or spaces
+        {"<p:a>x<!--c--></p:a>", "0 p:a=x;"}, {"<p:a><q:b k:x='1' y=''/></p:a >", "0 p:a=~;1 q:b=~ k:x=1 y=~;"},
+        {"<ab:c><a:bc/></ab:c>", "0 ab:c=~;1 a:bc=~;"},
+        // names ending in a byte that may start "/>", "-->" or "]]>"
+        {"<r><a- x='1'>t</a-></r>", "0 r=~;1 a-=t x=1;"}, {"<r><a/ x='1'>t</a/ ></r>", "0 r=~;1 a/=t x=1;"},
+        {"<r><a] x='1'></a]></r>", "0 r=~;1 a]=~ x=1;"},
+        // a CDATA section is a word, also where it names a later attribute
+        {"<a <![CDATA[y]]>='2' x='1'/>", "0 a=~ y=2 x=1;"}, {"<a x='1' <![CDATA[y]]>='2'/>", "0 a=~ x=1 y=2;"},
+        // an empty tag's colon counts as last against its name token, which a reference makes longer
+        {"<a&#58;/>", "0 a:=~;"}, {"<b&#58;c/>", "0 b:c=~;"},
+        // attribute names like, or unlike, those of the tag before
+        {"<r><e ab='1' m:x='2'/><e ax='3' m:x='4'/><e m:xy='5' ab='6'/><e id='7'/><e idx='8'/><e id ='9'/></r>",
+         "0 r=~;1 e=~ ab=1 m:x=2;1 e=~ ax=3 m:x=4;1 e=~ m:xy=5 ab=6;1 e=~ id=7;1 e=~ idx=8;1 e=~ id=9;"},
+        {"<r><!--x--><a/><?p?><b/></r>", "0 r=~;1 a=~;1 b=~;"}, {"<r/>\n<!-- tail -->\n<?pi?>\n", "0 r=~;"},
+        {"<r>x</r>\0<junk", "0 r=x;"}, {"<r>'q' \"d\" =</r>", "0 r='q' \"d\" =;"},
+        {"<?xml version=\"1.0\"?>\n<cfg:root xmlns:cfg='urn:c' id='7'>\n"
+         "  <item n='1'>one &amp; <![CDATA[<two>]]></item>\n  <item n='2'/>\n"
+         "  <group><leaf>  x\t</leaf><empty></empty></group>\n</cfg:root>\n",
+         "0 cfg:root=~ xmlns:cfg=urn:c id=7;1 item=one & <two> n=1;1 item=~ n=2;1 group=~;2 leaf=  x\t;2 empty=~;"},
+    };
+    const char *refused[] = {
+        " \t\r\n", "<?xml version='1.0'?>", "<!-- only -->", "<!DOCTYPE r>", "<r></r>x", "<r><a></a>x</r>", ">",
+        "<r>></r>", "<abc>x</ab>", "<ab>x</abc>", "<r></R>", "<p:a></a>", "<a></p:a>", "</r>", "<r></r></r>",
+        "<r></r", "<r>x</r y>", "<r>", "<r><a/>", "<r><a></a>", "<r a='1'>", "<r a='1'/", "<r>x</", "<!-- a ---><r/>",
+        "<r/><!-- c", "<r/><!---->x", "<r a='&bad;'/>", "<&lt/>", "<a:/>", "<:a></:a>", "<a:></a:>", "<r x:='1'/>",
+        "<a x>", "<a x=\"1'/>", "<a p:x='1' p:x='2'/>", "<r><a x='1' y='2' x='3'/></r>", "<a x='1' y/>",
+        "<a x='1'/ >", "<a x='1' ='2'/>", "<a x='1' '/>", "<a x='1' \"/>", "<a x='1' </a>", "</", "<r/><",
+        "<ab:c></a:bc>", "<a:bc></ab:c>", "<p:a></p:ab>", "<p:ab></p:a>", "<p:a></p>", "<p:a>x<!--c--></p:b>",
+        "<p:a><!--c--></pa>", "<r><a/ x='1'>t</a/></r>", "<r><a-- x='1'>t</a--></r>", "<r><a]] x='1'></a]]></r>",
+        "<r><ab x='1'>t</ab\0>", "<r><e a='1' b='2'/><e a='1' a='2'/></r>", "<r><e ab='1'/><e ax='1' ax='2'/></r>",
+        "<a&#58; x='1'/>", "<a&#58;></a&#58;>",
+        // refusals after top-level followers were built (heap)
+        "<r/><s><t/>", "<r/><s a='1' a='2'/>", "<r><a/></r><s>x<t/></s>",
+    };
+    for (bool session : {false, true}) {
+        const std::string regime = session ? " (session)" : " (heap)";
+        for (const Case &c : cases) {
+            SCOPED_TRACE(c.text + regime);
+            krvtest::LeakGuard guard;
+            XmlNode *doc = nullptr;
+            ASSERT_EQ(krvtest::ParseIn(session, c.text, &doc), KRV_XML_OK);
+            EXPECT_TRUE(doc->kind == KRV_XML_NODE_DOCUMENT && doc->ownsSession == 1 && (doc->mem != nullptr) == session);
+            EXPECT_EQ(dump(doc), c.tree);
+            KRV_XML_FreeNode(doc);
+        }
+        for (const char *text : refused) {
+            SCOPED_TRACE(text + regime);
+            krvtest::LeakGuard guard;
+            XmlNode *doc = Sentinel();
+            EXPECT_EQ(krvtest::ParseIn(session, text, &doc), KRV_XML_ERR_SYNTAX);
+            EXPECT_EQ(doc, nullptr);
+        }
+    }
+}
+
+// A text's buffer is as long as its run in the input and zero past the decoded text, on the heap and in a
+// session: after references in long runs and after a text that is one CDATA section.
+TEST(Parser, TextBuffersAreZeroPastTheirText)
+{
+    for (bool session : {false, true}) {
+        for (const std::string text :
+             {"<r><![CDATA[abc]]></r>", "<r>0123456789abcde&amp;0123456789abcdef&lt;&lt;&lt;&lt;&#x20AC;&#233;</r>",
+              "<r>&quot;0123456789abcdef0123456789<![CDATA[&lt;]]>0123456789abcdef&apos;</r>"}) {
+            SCOPED_TRACE(text + (session ? " (session)" : " (heap)"));
+            size_t run = text.rfind('<') - text.find('>') - 1;
+            XmlNode *doc = nullptr;
+            ASSERT_EQ(krvtest::ParseIn(session, text.c_str(), &doc), KRV_XML_OK);
+            ASSERT_NE(doc->value, nullptr);
+            size_t used = std::strlen(doc->value);
+            ASSERT_LT(used, run);
+            EXPECT_EQ(std::string(doc->value + used, run + 1 - used), std::string(run + 1 - used, '\0'));
+            KRV_XML_FreeNode(doc);
+        }
+    }
+}
+
+// Start tags and leaves that a session reads in one pass, or begins to and leaves to other steps, give the
+// results, trees and failure reports of the heap parse and of the token steps alone.
+TEST(Parser, SessionOnePassReadsAgreeWithHeapAndTokenSteps)
+{
+    const std::string many = "<p:e" + attrs(40, "a#", "#") + "/>", big = "<e" + attrs(30, "b#", std::string(300, 'v'));
+    // Wide tags: names past the filter go through a table (a repeat found there, or among the first names);
+    // past its room, a table that grows and a keyed set.
+    auto wide = [](int count, const std::string &extra, int valueLen, const std::string &end = "/>") {
+        return "<w" + attrs(count, "c#_x", std::string(valueLen, 'v')) + extra + end;
+    };
+    std::vector<std::string> bodies = {
+        wide(60, "", 3) + wide(127, "", 2) + wide(129, "", 2) + wide(70, "", 200), wide(60, " c0_x='1'", 3),
+        wide(60, " c42_x='1'", 3), wide(40, "", 150) + wide(70, " c65_x='1'", 200),
+        wide(40, "", 150) + wide(70, " c3_x='1'", 200),
+        wide(1100, "", 1) + wide(130, "", 2, ">t</w>") + wide(600, "", 40), wide(1100, " c1030_x='1'", 1),
+        wide(300, " c5_x='1'", 1), wide(300, " p:c5_x='1' q:c5_x='2'", 1),
+        wide(300, " c1&#95;x='1'", 1),  // decodes to a repeat
+        wide(300, " c1&#95;y='1'", 1), wide(300, " c300_x='a&lt;b' ", 1), wide(700, " bad", 1),
+        "<a x='1' y='a&amp;b' z='2'/><b k='3'/>", many + many + "<q:f x='1'/>", "<a x='1'/>" + big + "/><c y='2'/>",
+        // the same tag running out of the block with, past that point, a value to decode or a carved name
+        "<a x='1'/>" + big + " z='a&lt;b'/><c y='2'/>", "<a x='1'/>" + big + " b3='x'/>",
+    };
+    for (int k = 0; k < 160; ++k) {  // the text before the tag moves its block's end by 8 bytes each time
+        bodies.push_back("<a v='" + std::string(5600 + 8 * k, 'f') + "'/>" + wide(24, "", 10));
+    }
+    for (size_t len : {1, 7, 8, 15, 16, 17, 24, 32, 33, 4095, 4096, 4097}) {
+        bodies.push_back("<a>" + std::string(len, 'x') + "</a><p:b k='1'>y</p:b >");
+    }
+    for (const char *leaf :
+         {"<a>x &amp; y</a>", "<a>&#x20AC;&lt;</a >", "<a>x&bogus;</a>", "<a>x&amp;</b>", "<a>x</b>", "<a>x</ab>",
+          "<ab>x</a>", "<a>x</a\n>", "<a>x</a/>", "<a>x<![CDATA[y]]></a>", "<a>>x</a>", "<a>/>x</a>", "<a>x]]>y</a>",
+          "<a>x-->y</a>", "<a>x/>y</a>", "<a>x?>y</a>", "<a>x </a>", "<a>x\r\ny\t</a>", "<a:b>x</a:b>", "<a:b>x</a:c>",
+          "<a:b>x</b>", "<a>x<b/></a>", "<a>x"}) {
+        bodies.push_back(std::string(leaf) + "<c>z</c>");
+    }
+    bodies.emplace_back();
+    for (int i = 0; i < 400; ++i) {
+        bodies.back() += "<b>" + std::string(i % 29 + 1, 't') + "</b>";
+    }
+    for (const std::string &body : bodies) {
+        const std::string text = "<r>" + body + "</r>";
+        SCOPED_TRACE(text.substr(0, 40) + " (" + std::to_string(text.size()) + " bytes)");
+        krvtest::LeakGuard guard;
+        XmlNode *heap = nullptr, *session = nullptr, *slow = nullptr, *doc = nullptr;
+        uint32_t rc = KRV_XML_Parse(text.c_str(), &heap);
+        EXPECT_EQ(KRV_XML_ParseEx(text.c_str(), &session), rc);
+        krv_test::UseFastParser(false);
+        EXPECT_EQ(KRV_XML_Parse(text.c_str(), &slow), rc);
+        krv_test::UseFastParser(true);
+        if (rc == KRV_XML_OK && session != nullptr) {
+            EXPECT_EQ(dump(session), dump(heap));
+            EXPECT_EQ(dump(slow), dump(heap));
+        }
+        KrvXmlParseInfo heapInfo{}, sessionInfo{};
+        EXPECT_EQ(KRV_XML_ParseWithInfo(text.c_str(), 0, &doc, &heapInfo), rc);
+        KRV_XML_FreeNode(doc);
+        EXPECT_EQ(KRV_XML_ParseWithInfo(text.c_str(), KRV_XML_PARSE_SESSION, &doc, &sessionInfo), rc);
+        EXPECT_EQ(sessionInfo.offset, heapInfo.offset);
+        EXPECT_STREQ(sessionInfo.reason, heapInfo.reason);
+        for (XmlNode *d : {slow, heap, session, doc}) {
+            KRV_XML_FreeNode(d);
+        }
+    }
+}
+
+// A session carves each piece from the first block with room for it; tags of many sizes (nothing to decode, so
+// each string's size is known) cross block ends at every point, long names leaving blocks a little room.
+TEST(Parser, SessionPiecesLandInTheFirstBlockWithRoom)
+{
+    for (bool longNames : {false, true}) {
+        SCOPED_TRACE(longNames ? "long names" : "short names");
+        std::string text = "<root>";
+        for (int i = 0; i < 600; ++i) {
+            int attrCount = i % 50 == 7 ? 30 : i % 13, valueLen = i % 50 == 7 ? 300 : 1 + (i * 7) % 41;
+            text += "<e" + std::to_string(i % 5);
+            for (int a = 0; a < attrCount; ++a) {
+                text += (longNames && i % 2 == 0 ? " attribute" : " a") + std::to_string(a) + "='" +
+                        std::string(valueLen + a % 3, 'v') + "'";
+            }
+            text += i % 7 != 0 ? "/>" : ">" + std::string(1 + (i * 11) % 29, 't') + "</e" + std::to_string(i % 5) + ">";
+        }
+        XmlNode *doc = nullptr;
+        ASSERT_EQ(KRV_XML_ParseEx((text + "</root>").c_str(), &doc), KRV_XML_OK);
+        std::vector<XmlMemSession *> blocks;
+        for (XmlMemSession *b = doc->mem; b != nullptr; b = b->nextBlock) {
+            blocks.push_back(b);
+        }
+        ASSERT_GT(blocks.size(), 20u);
+        std::vector<size_t> smallest(blocks.size(), SIZE_MAX);
+        auto piece = [&](const void *at, size_t bytes) {  // the smallest piece found in each block
+            const size_t header = (sizeof(XmlMemSession) + 7) & ~size_t{7};
+            for (size_t i = 0; at != nullptr && i < blocks.size(); ++i) {
+                auto *data = reinterpret_cast<const uint8_t *>(blocks[i]) + header;
+                if (at >= data && at < data + blocks[i]->capacity) {
+                    smallest[i] = std::min(smallest[i], bytes);
+                    return;
+                }
+            }
+            EXPECT_EQ(at, nullptr) << "a piece outside the session";
+        };
+        auto str = [&](const char *s) { piece(s, s == nullptr ? 0 : (std::strlen(s) + 8) & ~size_t{7}); };
+        size_t attrsSeen = 0;
+        for (XmlNode *n = doc->firstChild; n != nullptr; n = KRV_XML_Iterator(n)) {
+            piece(n, offsetof(XmlNode, nameTable));
+            str(n->name);
+            str(n->value);
+            for (XmlNode *a = n->firstAttr; a != nullptr; a = a->next, ++attrsSeen) {
+                piece(a, offsetof(XmlNode, prev));
+                str(a->name);
+                str(a->value);
+            }
+        }
+        EXPECT_GT(attrsSeen, 3000u);
+        size_t later = SIZE_MAX;
+        for (size_t i = blocks.size(); i-- > 0;) {
+            EXPECT_LT(static_cast<size_t>(blocks[i]->freeBytes), later)
+                << "block " << i << " had room for a piece carved after it";
+            later = std::min(later, smallest[i]);
+        }
+        KRV_XML_FreeNode(doc);
+    }
+}
+
+TEST(Parser, EntryPointsTopLevelFollowersAndCallerText)
+{
+    XmlNode *keep = Sentinel();
+    for (uint32_t rc : {KRV_XML_Parse("", &keep), KRV_XML_ParseEx("", &keep), KRV_XML_Parse(nullptr, &keep),
+                        KRV_XML_ParseFile(nullptr, &keep), KRV_XML_ParseFileEx(nullptr, &keep),
+                        KRV_XML_Parse("<r/>", nullptr), KRV_XML_ParseEx("<r/>", nullptr),
+                        KRV_XML_ParseFile("x", nullptr), KRV_XML_ParseFileEx("x", nullptr)}) {
+        EXPECT_EQ(rc, KRV_XML_ERR_INVALID_PARAM);
+    }
+    EXPECT_EQ(keep, Sentinel());
+    // Further top-level elements are kept by the heap parse (the failure reports show a session's refusal).
+    krvtest::LeakGuard guard;
+    XmlNode *doc = nullptr;
+    ASSERT_EQ(KRV_XML_Parse("<r/><s>t</s>\n<u/>", &doc), KRV_XML_OK);
+    EXPECT_EQ(dump(doc), "0 r=~;0 s=t;0 u=~;");
+    EXPECT_TRUE(doc->next->prev == doc && doc->next->next->prev == doc->next);
+    KRV_XML_FreeNode(doc);
+    // The text is only read, and the tree does not point into it.
+    std::string text = "<r a='1'>v</r>";
+    ASSERT_EQ(KRV_XML_ParseEx(text.c_str(), &doc), KRV_XML_OK);
+    EXPECT_EQ(text, "<r a='1'>v</r>");
+    std::fill(text.begin(), text.end(), 'z');
+    EXPECT_EQ(Str(doc->name) + Str(doc->value) + Str(doc->firstAttr->value), "rv1");
+    KRV_XML_FreeNode(doc);
+}
+
+// Every way a load can fail releases everything and closes the file exactly once; a size that cannot be
+// used (negative, 4 GiB and more: never cut to its low 32 bits) is refused before a buffer or a read.
 TEST(Parser, FileLoadingCallsAndFailures)
 {
-    const std::string good = krvtest::TempFile("good.xml", "<r>x</r>");
-    const std::string empty = krvtest::TempFile("empty.xml", ""), dir = krvtest::TempFile("dir");
-    const std::string locked = krvtest::TempFile("locked.xml", "<r/>");
+    const std::string good = krvtest::TempFile("good.xml", "<r>x</r>"), empty = krvtest::TempFile("empty.xml", "");
+    const std::string locked = krvtest::TempFile("locked.xml", "<r/>"), dir = krvtest::TempFile("dir");
+    const std::string missing = krvtest::TempFile("missing.xml");
     mkdir(dir.c_str(), 0700);
     chmod(locked.c_str(), 0);
-    const std::string missing = krvtest::TempFile("missing.xml");
     const std::vector<std::string> unread = {"open rb", "seek 0 2", "tell", "close"};
+    const std::vector<std::string> read = {"open rb", "seek 0 2", "tell", "seek 0 0", "read 1 8", "close"};
     struct Case {
         const char *what;
         const std::string *path;
@@ -474,15 +363,14 @@ TEST(Parser, FileLoadingCallsAndFailures)
         uint32_t rc;
         std::vector<std::string> calls;  // empty: not compared
     } cases[] = {
-        {"good", &good, [] {}, KRV_XML_OK, {"open rb", "seek 0 2", "tell", "seek 0 0", "read 1 8", "close"}},
+        {"good", &good, [] {}, KRV_XML_OK, read},
         {"open fails", &good, [] { g_log.failOpen = true; }, KRV_XML_ERR_FILE_OPEN, {"open rb"}},
         {"missing", &missing, [] {}, KRV_XML_ERR_FILE_OPEN, {"open rb"}},
         {"directory", &dir, [] {}, KRV_XML_ERR_FILE_READ, {}},  // opens (glibc), then fails to read
         {"unreadable", &locked, [] {}, geteuid() == 0 ? KRV_XML_OK : KRV_XML_ERR_FILE_OPEN, {}},
         {"seek back fails", &good, [] { g_log.failSeekBack = true; }, KRV_XML_ERR_FILE_READ,
          {"open rb", "seek 0 2", "tell", "seek 0 0", "close"}},
-        {"short read", &good, [] { g_log.shortRead = true; }, KRV_XML_ERR_FILE_READ,
-         {"open rb", "seek 0 2", "tell", "seek 0 0", "read 1 8", "close"}},
+        {"short read", &good, [] { g_log.shortRead = true; }, KRV_XML_ERR_FILE_READ, read},
         {"negative size", &good, [] { g_log.tellAnswer = -1; }, KRV_XML_ERR_FILE_READ, unread},
         {"4 GiB", &good, [] { g_log.tellAnswer = 1L << 32; }, KRV_XML_ERR_FILE_READ, unread},
         {"4 GiB and 4 bytes", &good, [] { g_log.tellAnswer = (1L << 32) + 4; }, KRV_XML_ERR_FILE_READ, unread},
@@ -508,18 +396,17 @@ TEST(Parser, FileLoadingCallsAndFailures)
                 EXPECT_EQ(g_log.calls, c.calls);
             }
             EXPECT_EQ(g_log.opens, g_log.closes) << "a handle was left open or closed twice";
-            if (g_log.tellAnswer != -2) {  // only the parser state was allocated
-                EXPECT_EQ(krv_test::AllocationCount() - allocsBefore, 1);
-            }
+            // With a size from tell that cannot be used, only the parser state was allocated.
+            EXPECT_TRUE(g_log.tellAnswer == -2 || krv_test::AllocationCount() - allocsBefore == 1);
         }
     }
-    // Registering refuses null functions and keeps the old ones.
-    const KrvXmlFopenFn o = logOpen;
-    EXPECT_EQ(KRV_XML_RegFileFunc(nullptr, logSeek, logClose, logRead, logTell), KRV_XML_ERR_INVALID_PARAM);
-    EXPECT_EQ(KRV_XML_RegFileFunc(o, nullptr, logClose, logRead, logTell), KRV_XML_ERR_INVALID_PARAM);
-    EXPECT_EQ(KRV_XML_RegFileFunc(o, logSeek, nullptr, logRead, logTell), KRV_XML_ERR_INVALID_PARAM);
-    EXPECT_EQ(KRV_XML_RegFileFunc(o, logSeek, logClose, nullptr, logTell), KRV_XML_ERR_INVALID_PARAM);
-    EXPECT_EQ(KRV_XML_RegFileFunc(o, logSeek, logClose, logRead, nullptr), KRV_XML_ERR_INVALID_PARAM);
+    // Registering refuses any null function and keeps the old ones.
+    for (int k = 0; k < 5; ++k) {
+        EXPECT_EQ(KRV_XML_RegFileFunc(k == 0 ? nullptr : logOpen, k == 1 ? nullptr : logSeek,
+                                      k == 2 ? nullptr : logClose, k == 3 ? nullptr : logRead,
+                                      k == 4 ? nullptr : logTell),
+                  KRV_XML_ERR_INVALID_PARAM);
+    }
     g_log.calls.clear();
     EXPECT_EQ(XML_Fopen("/nonexistent/krvxml", "rb"), nullptr);
     EXPECT_EQ(g_log.calls, std::vector<std::string>{"open rb"});
@@ -531,38 +418,17 @@ TEST(Parser, FileLoadingCallsAndFailures)
     rmdir(dir.c_str());
 }
 
-// ===== Failure sweeps ======================================================
-
-// Every entry point, with every allocation failing in turn: the text has
-// enough attributes on one tag to bring in the duplicate check's hash set,
-// a short tag with a prefixed attribute, a plain tag too large for one
-// session block, a plain tag of so many attributes that their table grows
-// twice, and a text longer than a session's first block.
+// Every entry point with every allocation failing in turn; the text needs the duplicate check's hash set, tags
+// larger than a session block or running past its end, an attribute table that grows twice and a long text.
 TEST(Parser, EveryAllocationFailureReleasesEverything)
 {
-    std::string text = "<?xml version='1.0'?><!-- c --><p:r xmlns:p='u'";
-    for (int i = 0; i < 40; ++i) {
-        text += " a" + std::to_string(i) + "='v&amp;" + std::to_string(i) + "'";
-    }
-    text += "><a>text &#233;</a><b x='1' q:y='2'/><c><d/><e> </e></c><p:f><![CDATA[z]]></p:f><h";
-    for (int i = 0; i < 30; ++i) {
-        text += " h" + std::to_string(i) + "='" + std::string(300, 'v') + "'";
-    }
-    text += "/>";
-    // Plain tags of about 3 KB: some run past the end of a block and go on
-    // in the next one, made as they need it.
+    std::string text = "<?xml version='1.0'?><!-- c --><p:r xmlns:p='u'" + attrs(40, "a#", "v&amp;#") +
+                       "><a>text &#233;</a><b x='1' q:y='2'/><c><d/><e> </e></c><p:f><![CDATA[z]]></p:f><h" +
+                       attrs(30, "h#", std::string(300, 'v')) + "/>";
     for (int k = 0; k < 6; ++k) {
-        text += "<k";
-        for (int i = 0; i < 20; ++i) {
-            text += " k" + std::to_string(i) + "='" + std::string(100 + k, 'v') + "'";
-        }
-        text += "/>";
+        text += "<k" + attrs(20, "k#", std::string(100 + k, 'v')) + "/>";
     }
-    text += "<m";
-    for (int i = 0; i < 1030; ++i) {
-        text += " m" + std::to_string(i) + "=''";
-    }
-    text += "/><g>" + std::string(9000, 'g') + "</g></p:r>";
+    text += "<m" + attrs(1030, "m#", "") + "/><g>" + std::string(9000, 'g') + "</g></p:r>";
     const std::string path = krvtest::TempFile("sweep.xml", text.c_str());
     XmlNode *ref = nullptr;
     ASSERT_EQ(KRV_XML_Parse(text.c_str(), &ref), KRV_XML_OK);
@@ -571,7 +437,6 @@ TEST(Parser, EveryAllocationFailureReleasesEverything)
     KrvXmlParseInfo info{};
     for (int run = 0; run < 14; ++run) {  // four plain entry points, three reporting ones; two ways to fail
         const int mode = run % 7;
-        const auto failing = run < 7 ? krvtest::Failing::OnlyKth : krvtest::Failing::KthOnward;
         SCOPED_TRACE(run);
         long points = krvtest::SweepAllocationFailures(
             [] { return Sentinel(); },
@@ -598,13 +463,11 @@ TEST(Parser, EveryAllocationFailureReleasesEverything)
                 EXPECT_TRUE(rc == KRV_XML_ERR_NO_MEMORY || rc == KRV_XML_ERR_SYNTAX) << rc;  // as documented
                 EXPECT_EQ(doc, mode == 2 || mode == 6 ? Sentinel() : nullptr);
             },
-            failing);
+            run < 7 ? krvtest::Failing::OnlyKth : krvtest::Failing::KthOnward);
         EXPECT_GT(points, mode == 1 || mode == 3 || mode == 5 ? 2 : 100);
     }
     std::remove(path.c_str());
 }
-
-// ===== Reporting where a parse stopped =====================================
 
 TEST(Parser, InfoNamesLineColumnAndReasonOfEveryFailure)
 {
@@ -613,54 +476,43 @@ TEST(Parser, InfoNamesLineColumnAndReasonOfEveryFailure)
         uint32_t line, column;
         const char *reason;
     } cases[] = {
-        // first and last byte
-        {"x<r/>", 1, 1, "text before the root element"},
-        {"\xEF\xBB\xBF<r/>", 1, 1, "text before the root element"}, {"<r/>>", 1, 5, "unexpected '>'"},
-        // prolog
-        {"<?xml version='1.0'", 1, 1, "unterminated XML declaration"},
+        // first and last byte; prolog
+        {"x<r/>", 1, 1, "text before the root element"}, {"\xEF\xBB\xBF<r/>", 1, 1, "text before the root element"},
+        {"<r/>>", 1, 5, "unexpected '>'"}, {"<?xml version='1.0'", 1, 1, "unterminated XML declaration"},
         {"<!DOCTYPE r", 1, 1, "unterminated document type declaration"},
-        {"<!DOCTYPE r \"x>", 1, 1, "unterminated document type declaration"},
-        {"<!-- c -->\n", 2, 1, "no root element"},
+        {"<!DOCTYPE r \"x>", 1, 1, "unterminated document type declaration"}, {"<!-- c -->\n", 2, 1, "no root element"},
         // tokenizer
         {"<!-->", 1, 1, "malformed comment"}, {"<r/>\n<!-- a --->", 2, 1, "malformed comment"},
         {"<r><!-- c</r>", 1, 4, "unterminated comment"}, {"<r>x<!-- c", 1, 5, "unterminated comment"},
         {"<r/><?pi", 1, 5, "unterminated processing instruction"},
-        {"<r><![CDATA[x</r>", 1, 4, "unterminated CDATA section"},
-        {"<r>a<![CDATA[x</r>", 1, 5, "unterminated CDATA section"},
+        {"<r><![CDATA[x</r>", 1, 4, "unterminated CDATA section"}, {"<r>a<![CDATA[x</r>", 1, 5, "unterminated CDATA section"},
         // decoder
         {"<r>&bogus;</r>", 1, 4, "unknown entity"}, {"<a x='&lt'/>", 1, 7, "unknown entity"},
-        {"<r>&#X41;</r>", 1, 4, "malformed character reference"},
-        {"<r>ab&#;</r>", 1, 6, "malformed character reference"},
+        {"<r>&#X41;</r>", 1, 4, "malformed character reference"}, {"<r>ab&#;</r>", 1, 6, "malformed character reference"},
         {"<r>&#x110000;</r>", 1, 4, "character reference out of range"},
         {"<r>&#xD800;</r>", 1, 4, "character reference to a forbidden character"},
         {"<a x='<![CDATA[' ]]>'/>", 1, 7, "CDATA section runs past the end of its text"},
         // names and attributes
-        {"<:a/>", 1, 2, "colon at the start or end of a name"},
-        {"<a: x='1'/>", 1, 2, "colon at the start or end of a name"},
-        {"<a:>x</a:>", 1, 8, "colon at the start or end of a name"},
-        {"<r :x='1'/>", 1, 4, "colon at the start or end of a name"},
-        {"<a x='1'y='2'/>", 1, 9, "missing white space before an attribute"},
-        {"<a x/>", 1, 4, "attribute without value"}, {"<a x=1/>", 1, 6, "attribute value not quoted"},
-        {"<a x='1/>", 1, 6, "unterminated attribute value"},
-        {"<a x='1' x='2'/>", 1, 10, "duplicate attribute"},
-        {"<a p:x='1'\n   p:x='2'/>", 2, 4, "duplicate attribute"},
-        {"<a x='1' <b/>", 1, 10, "unexpected markup in a start tag"},
-        {"<r a='1'", 1, 9, "start tag not closed"}, {"<r", 1, 3, "start tag not closed"},
-        {"<", 1, 1, "missing element name"},
+        {"<:a/>", 1, 2, "colon at the start or end of a name"}, {"<a: x='1'/>", 1, 2, "colon at the start or end of a name"},
+        {"<a:>x</a:>", 1, 8, "colon at the start or end of a name"}, {"<r :x='1'/>", 1, 4, "colon at the start or end of a name"},
+        {"<a x='1'y='2'/>", 1, 9, "missing white space before an attribute"}, {"<a x/>", 1, 4, "attribute without value"},
+        {"<a x=1/>", 1, 6, "attribute value not quoted"}, {"<a x='1/>", 1, 6, "unterminated attribute value"},
+        {"<a x='1' x='2'/>", 1, 10, "duplicate attribute"}, {"<a p:x='1'\n   p:x='2'/>", 2, 4, "duplicate attribute"},
+        {"<a x='1' <b/>", 1, 10, "unexpected markup in a start tag"}, {"<r a='1'", 1, 9, "start tag not closed"},
+        {"<r", 1, 3, "start tag not closed"}, {"<", 1, 1, "missing element name"},
         // driver
         {"<r><a></b></r>", 1, 9, "end tag does not match the open element"},
-        {"<r>x</y>", 1, 7, "end tag does not match the open element"},
-        {"<r/></r>", 1, 5, "end tag without an open element"},
-        {"<r></r x>", 1, 8, "end tag not closed by '>'"},
-        {"<r>x</r", 1, 8, "end tag not closed by '>'"}, {"<r>x<a/></r>", 1, 5, "mixed content"},
-        {"<r><a/>x</r>", 1, 8, "mixed content"}, {"<r/>x", 1, 5, "text outside the root element"},
-        {"<r>/></r>", 1, 4, "unexpected '/>'"}, {"<r/><s/>", 1, 5, "second top-level element"},
-        {"<r><a>", 1, 7, "text ends inside an element"}, {"<r>x", 1, 5, "text ends inside an element"},
+        {"<r>x</y>", 1, 7, "end tag does not match the open element"}, {"<r/></r>", 1, 5, "end tag without an open element"},
+        {"<r></r x>", 1, 8, "end tag not closed by '>'"}, {"<r>x</r", 1, 8, "end tag not closed by '>'"},
+        {"<r>x<a/></r>", 1, 5, "mixed content"}, {"<r><a/>x</r>", 1, 8, "mixed content"},
+        {"<r/>x", 1, 5, "text outside the root element"}, {"<r>/></r>", 1, 4, "unexpected '/>'"},
+        {"<r/><s/>", 1, 5, "second top-level element"},
+        {"<r></r><!-- c --><s/>", 1, 18, "second top-level element"}, {"<r><a>", 1, 7, "text ends inside an element"},
+        {"<r>x", 1, 5, "text ends inside an element"},
         // line ends: LF and CR LF, columns in bytes
         {"<r>\n  <a>\n</b></r>", 3, 3, "end tag does not match the open element"},
         {"<r>\r\n  <a>\r\n</b></r>", 3, 3, "end tag does not match the open element"},
-        {"<r>\r\n<a/>\r\n", 3, 1, "text ends inside an element"},
-        {"<r>\r\n\xC3\xA9&x;</r>", 2, 3, "unknown entity"},
+        {"<r>\r\n<a/>\r\n", 3, 1, "text ends inside an element"}, {"<r>\r\n\xC3\xA9&x;</r>", 2, 3, "unknown entity"},
     };
     for (const Case &c : cases) {
         for (uint32_t flags : {0u, KRV_XML_PARSE_SESSION}) {
@@ -672,16 +524,14 @@ TEST(Parser, InfoNamesLineColumnAndReasonOfEveryFailure)
             KrvXmlParseInfo info{};
             XmlNode *doc = Sentinel();
             EXPECT_EQ(KRV_XML_ParseWithInfo(c.text, flags, &doc, &info), KRV_XML_ERR_SYNTAX);
-            EXPECT_EQ(doc, nullptr);
-            EXPECT_EQ(info.result, KRV_XML_ERR_SYNTAX);
+            EXPECT_TRUE(doc == nullptr && info.result == KRV_XML_ERR_SYNTAX);
             EXPECT_STREQ(info.reason, c.reason);
-            EXPECT_EQ(info.line, c.line);
-            EXPECT_EQ(info.column, c.column);
-            // The offset agrees with line and column.
-            std::string text(c.text);
+            EXPECT_TRUE(info.line == c.line && info.column == c.column) << info.line << ":" << info.column;
+            const std::string text(c.text);
             ASSERT_LE(info.offset, text.size());
             size_t lineStart = info.offset == 0 ? std::string::npos : text.rfind('\n', info.offset - 1);
-            EXPECT_EQ(info.offset - (lineStart == std::string::npos ? 0 : lineStart + 1) + 1, c.column);
+            EXPECT_EQ(info.offset - (lineStart == std::string::npos ? 0 : lineStart + 1) + 1, c.column)
+                << "the offset agrees with line and column";
         }
     }
 }
@@ -692,31 +542,24 @@ TEST(Parser, InfoOnSuccessAndOnFailuresOutsideTheText)
     KrvXmlParseInfo info{};
     XmlNode *doc = nullptr;
     ASSERT_EQ(KRV_XML_ParseWithInfo("<r>\n <a/>\n</r>\n", 0, &doc, &info), KRV_XML_OK);
-    EXPECT_EQ(info.result, KRV_XML_OK);
+    EXPECT_TRUE(info.result == KRV_XML_OK && info.offset == 15 && info.line == 4 && info.column == 1);
     EXPECT_STREQ(info.reason, "ok");
-    EXPECT_TRUE(info.offset == 15 && info.line == 4 && info.column == 1);
     KRV_XML_FreeNode(doc);
-
     doc = Sentinel();
     info = KrvXmlParseInfo{};
     EXPECT_EQ(KRV_XML_ParseWithInfo("", 0, &doc, &info), KRV_XML_ERR_INVALID_PARAM);
-    EXPECT_EQ(info.result, KRV_XML_ERR_INVALID_PARAM);
-    EXPECT_EQ(info.line, 0u);
-    EXPECT_NE(info.reason, nullptr);
+    EXPECT_TRUE(info.result == KRV_XML_ERR_INVALID_PARAM && info.line == 0 && info.reason != nullptr);
     EXPECT_EQ(KRV_XML_ParseWithInfo("<r/>", 0x2, &doc, &info), KRV_XML_ERR_INVALID_PARAM) << "unknown flag";
     EXPECT_EQ(doc, Sentinel());
-
     // Loading failures, and a refused file text reported in the file's lines.
     EXPECT_EQ(KRV_XML_ParseFileWithInfo("/nonexistent/krvxml.xml", 0, &doc, &info), KRV_XML_ERR_FILE_OPEN);
     EXPECT_EQ(doc, Sentinel());
-    EXPECT_EQ(info.result, KRV_XML_ERR_FILE_OPEN);
+    EXPECT_TRUE(info.result == KRV_XML_ERR_FILE_OPEN && info.line == 0);
     EXPECT_STREQ(info.reason, "cannot open the file");
-    EXPECT_EQ(info.line, 0u);
-    const std::string empty = krvtest::TempFile("info_empty.xml", "");
+    const std::string empty = krvtest::TempFile("info_empty.xml", ""), bad = krvtest::TempFile("info_bad.xml", "<r>\r\n</s>");
     EXPECT_EQ(KRV_XML_ParseFileWithInfo(empty.c_str(), KRV_XML_PARSE_SESSION, &doc, &info), KRV_XML_ERR_SYNTAX);
     EXPECT_EQ(doc, nullptr);
     EXPECT_STREQ(info.reason, "empty file");
-    const std::string bad = krvtest::TempFile("info_bad.xml", "<r>\r\n</s>");
     doc = Sentinel();
     EXPECT_EQ(KRV_XML_ParseFileWithInfo(bad.c_str(), 0, &doc, &info), KRV_XML_ERR_SYNTAX);
     EXPECT_EQ(doc, Sentinel());

@@ -1,5 +1,4 @@
-// Tokenizer and Decoder suites: token kinds and lengths, and the decoding of
-// names, values and texts.
+// Tokenizer and Decoder suites: token kinds and lengths, and the decoding of names, values and texts.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -13,19 +12,17 @@ TEST(Tokenizer, TokenKindsAndLengths)
     struct Case {
         const char *text;
         uint32_t result;
-        const char *token;  // expected token bytes (length tokenLen), null: none
+        const char *token;  // the token's first bytes (its length is tokenLen); null: no token
         uint32_t tokenLen;
     } cases[] = {
-        {"a=b", 1, "a", 1}, {"a-->", 1, "a", 1}, {"x/>", 1, "x", 1}, {"ab\tc", 2, "ab", 2},
-        {"a]]>", 1, "a", 1}, {"a--b", 4, "a--b", 4}, {"a-b/c]d", 7, "a-b/c]d", 7}, {"<![CDATA[a<b>c]]>d e", 18, "<![CDATA[a<b>c]]>d", 18},
+        {"a=b", 1, "a", 1}, {"a-->", 1, "a", 1}, {"x/>", 1, "x", 1}, {"ab\tc", 2, "ab", 2}, {"a]]>", 1, "a", 1},
+        {"a--b", 4, "a--b", 4}, {"a-b/c]d", 7, "a-b/c]d", 7}, {"<![CDATA[a<b>c]]>d e", 18, "<![CDATA[a<b>c]]>d", 18},
         {"<![CDATA[x]]><![CDATA[y]]>z", 27, "<![CDATA[x]]><![CDATA[y]]>z", 27},
-        {"ab<![CDATA[ ]]> c", 15, "ab<![CDATA[ ]]>", 15}, {"</x", 2, "</", 2}, {"<x", 1, "<", 1},
-        {"/>", 2, "/>", 2}, {"/x", 0, "/", 0}, {"-->", 0, "-->", 0}, {"]]>x", 0, "]]>", 0},
-        {"\"", 1, "\"", 1}, {"'", 1, "'", 1}, {"=", 1, "=", 1}, {">", 1, ">", 1},
-        {"<!-- c --> word", 4, "word", 4},
+        {"ab<![CDATA[ ]]> c", 15, "ab<![CDATA[ ]]>", 15}, {"</x", 2, "</", 2}, {"<x", 1, "<", 1}, {"/>", 2, "/>", 2},
+        {"/x", 0, "/", 0}, {"-->", 0, "-->", 0}, {"]]>x", 0, "]]>", 0}, {"\"", 1, "\"", 1}, {"'", 1, "'", 1},
+        {"=", 1, "=", 1}, {">", 1, ">", 1}, {"<!-- c --> word", 4, "word", 4},
         {"  <!-- c --> word", 1, "<", 1},  // skipping stops at the white space
-        {"  \r\n\t ", 0, nullptr, 0}, {"", 0, nullptr, 0}, {"<![CDATA[open", 0, nullptr, 0},
-        {"<!-- open", 0, nullptr, 0},
+        {"  \r\n\t ", 0, nullptr, 0}, {"", 0, nullptr, 0}, {"<![CDATA[open", 0, nullptr, 0}, {"<!-- open", 0, nullptr, 0},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.text);
@@ -34,9 +31,8 @@ TEST(Tokenizer, TokenKindsAndLengths)
         EXPECT_EQ(Parser_getNextToken(&p), c.result);
         if (c.token == nullptr) {
             EXPECT_TRUE(p.token == nullptr && p.tokenSeen == 0);
-            if (c.text[0] != '<') {  // white space only: pos ends on the NUL, no failure
-                EXPECT_TRUE(*p.pos == '\0' && p.scanFailed == 0);
-            }
+            // white space only: pos ends on the NUL, no failure
+            EXPECT_TRUE(c.text[0] == '<' || (*p.pos == '\0' && p.scanFailed == 0));
             continue;
         }
         ASSERT_NE(p.token, nullptr);
@@ -46,22 +42,16 @@ TEST(Tokenizer, TokenKindsAndLengths)
     }
 }
 
-// The end of a CDATA section is the first "]]>" from the start on, wherever
-// the text and its ']' runs fall against 16-byte blocks, and none when a NUL
-// comes first. Random texts over a small alphabet, started at every offset,
-// against strstr.
+// The end of a CDATA section is the first "]]>" (none past a NUL) wherever the text falls against 16-byte
+// blocks: random texts over a small alphabet, started at every offset, against strstr.
 TEST(Tokenizer, CdataEndIsTheFirstCloseFromTheStart)
 {
     alignas(16) char buf[160];
     const char alphabet[] = "]]]>>a";
     uint32_t seed = 12345;
-    auto next = [&seed] {
-        seed = seed * 1103515245u + 12345u;
-        return seed >> 16;
-    };
+    auto next = [&seed] { return (seed = seed * 1103515245u + 12345u) >> 16; };
     for (int round = 0; round < 4000; ++round) {
-        size_t len = next() % 80;
-        size_t at = next() % 16;
+        size_t len = next() % 80, at = next() % 16;
         std::memset(buf, 'a', sizeof buf);
         for (size_t i = 0; i < len; ++i) {
             buf[at + i] = alphabet[next() % (sizeof alphabet - 1)];
@@ -71,30 +61,27 @@ TEST(Tokenizer, CdataEndIsTheFirstCloseFromTheStart)
             buf[at + next() % len] = '\0';  // a NUL inside, before or past the close
         }
         for (size_t start = at; start <= at + len; ++start) {
-            const char *want = std::strstr(buf + start, "]]>");
-            ASSERT_EQ(xmlp::findCdataEnd(buf + start), want)
+            ASSERT_EQ(xmlp::findCdataEnd(buf + start), std::strstr(buf + start, "]]>"))
                 << "text '" << std::string(buf + at, len) << "' from " << start - at;
         }
     }
 }
 
-// ===== Decoder =============================================================
-
-// Entities, character references (UTF-8 at each length boundary) and CDATA,
-// read alike into the heap and into a session; refused runs clear the field.
+// Entities, character references (UTF-8 at each length boundary) and CDATA, read alike into the heap and
+// into a session, zero past the text; refused runs clear the field.
 TEST(Decoder, EntitiesReferencesAndCdataInBothRegimes)
 {
     struct Case {
         const char *run, *expect;
     } ok[] = {
-        {"plain", "plain"}, {"a&lt;b&gt;c", "a<b>c"}, {"&amp;amp;", "&amp;"}, {"&apos;&quot;", "'\""},
-        {"&#65;", "A"}, {"&#0065;", "A"}, {"&#x41;", "A"}, {"&#x0041;", "A"}, {"&#x6a;&#x6A;", "jj"},
+        {"plain", "plain"}, {"a&lt;b&gt;c", "a<b>c"}, {"&amp;amp;", "&amp;"}, {"&apos;&quot;", "'\""}, {"&#65;", "A"},
+        {"&#0065;", "A"}, {"&#x41;", "A"}, {"&#x0041;", "A"}, {"&#x6a;&#x6A;", "jj"}, {"&#9;&#10;&#13;", "\t\n\r"},
         // UTF-8 lengths at each boundary
         {"&#127;", "\x7f"}, {"&#128;", "\xC2\x80"}, {"&#233;", "\xC3\xA9"}, {"&#x7FF;", "\xDF\xBF"},
         {"&#x800;", "\xE0\xA0\x80"}, {"&#x20AC;", "\xE2\x82\xAC"}, {"&#xFFFD;", "\xEF\xBF\xBD"},
-        {"&#x1F600;", "\xF0\x9F\x98\x80"}, {"&#x10FFFF;", "\xF4\x8F\xBF\xBF"}, {"&#9;&#10;&#13;", "\t\n\r"},
-        {"<![CDATA[x<y&z]]>", "x<y&z"}, {"a<![CDATA[b]]>c", "abc"}, {"<![CDATA[a]]><![CDATA[&lt;]]>", "a&lt;"},
-        {"<![CDATA[]] ]]>", "]] "}, {"<![CDATA[a]]]]>", "a]]"}, {"line\r\nend", "line\r\nend"}, {"<b", "<b"},
+        {"&#x1F600;", "\xF0\x9F\x98\x80"}, {"&#x10FFFF;", "\xF4\x8F\xBF\xBF"}, {"<![CDATA[x<y&z]]>", "x<y&z"},
+        {"a<![CDATA[b]]>c", "abc"}, {"<![CDATA[a]]><![CDATA[&lt;]]>", "a&lt;"}, {"<![CDATA[]] ]]>", "]] "},
+        {"<![CDATA[a]]]]>", "a]]"}, {"line\r\nend", "line\r\nend"}, {"<b", "<b"},
         {"<![CDATA[]]>", ""},  // an empty CDATA still yields a string
         // runs longer than one wide step, with references on either side of its edge
         {"0123456789abcdef&amp;0123456789abcde&lt;", "0123456789abcdef&0123456789abcde<"},
@@ -107,29 +94,25 @@ TEST(Decoder, EntitiesReferencesAndCdataInBothRegimes)
         for (XmlMemSession *in : {static_cast<XmlMemSession *>(nullptr), session}) {
             SCOPED_TRACE(std::string(c.run) + (in != nullptr ? " (session)" : " (heap)"));
             char *out = krvtest::Sentinel<char>();
-            EXPECT_EQ(Parser_CopyBufToString(in, c.run, static_cast<uint32_t>(std::strlen(c.run)), &out), KRV_XML_OK);
+            size_t len = std::strlen(c.run), used = std::strlen(c.expect);
+            EXPECT_EQ(Parser_CopyBufToString(in, c.run, static_cast<uint32_t>(len), &out), KRV_XML_OK);
             EXPECT_EQ(krvtest::Str(out), c.expect);
-            size_t len = std::strlen(c.run);
-            size_t used = std::strlen(c.expect);
-            EXPECT_EQ(std::string(out + used, len + 1 - used), std::string(len + 1 - used, '\0'))
-                << "zero past the text";
+            EXPECT_EQ(std::string(out + used, len + 1 - used), std::string(len + 1 - used, '\0'));
             if (in == nullptr) {
                 krvHeapFree(out);
             }
         }
     }
     XML_MemSessionEnd(session);
-
-    // Refused runs; a length cuts the run short of a construct that the
-    // text itself completes.
+    // Refused runs; a length (0: the whole text) cuts a run short of a construct that the text completes.
     struct Bad {
         const char *run;
-        uint32_t len;  // 0: the whole text
+        uint32_t len;
     } bad[] = {
-        {"&#X41;", 0}, {"&#;", 0}, {"&#x;", 0}, {"&#65", 0}, {"&#6a;", 0}, {"&#xG;", 0}, {"&#0;", 0},
-        {"&#8;", 0}, {"&#31;", 0}, {"&#xD800;", 0}, {"&#xDFFF;", 0}, {"&#xFFFE;", 0}, {"&#xFFFF;", 0},
-        {"&#x110000;", 0}, {"&#99999999999;", 0}, {"&nbsp;", 0}, {"&AMP;", 0}, {"a & b", 0}, {"&", 0},
-        {"&amp", 0}, {"&lt", 0}, {"<![CDATA[open", 0}, {"a&amp;", 4}, {"&#65;", 4}, {"<![CDATA[x]]>tail", 12},
+        {"&#X41;", 0}, {"&#;", 0}, {"&#x;", 0}, {"&#65", 0}, {"&#6a;", 0}, {"&#xG;", 0}, {"&#0;", 0}, {"&#8;", 0},
+        {"&#31;", 0}, {"&#xD800;", 0}, {"&#xDFFF;", 0}, {"&#xFFFE;", 0}, {"&#xFFFF;", 0}, {"&#x110000;", 0},
+        {"&#99999999999;", 0}, {"&nbsp;", 0}, {"&AMP;", 0}, {"a & b", 0}, {"&", 0}, {"&amp", 0}, {"&lt", 0},
+        {"<![CDATA[open", 0}, {"a&amp;", 4}, {"&#65;", 4}, {"<![CDATA[x]]>tail", 12},
     };
     for (const Bad &b : bad) {
         SCOPED_TRACE(b.run);
@@ -143,26 +126,25 @@ TEST(Decoder, EntitiesReferencesAndCdataInBothRegimes)
 
 TEST(Decoder, EmptyRunsNullArgumentsHugeRunsAndAllocationFailure)
 {
+    const int32_t invalid = KRV_XML_ERR_INVALID_PARAM, syntax = KRV_XML_ERR_SYNTAX, noMemory = KRV_XML_ERR_NO_MEMORY;
     char *out = krvtest::Sentinel<char>();
     EXPECT_EQ(Parser_CopyBufToString(nullptr, "x", 0, &out), KRV_XML_OK);
     EXPECT_EQ(out, krvtest::Sentinel<char>()) << "untouched";
-    EXPECT_EQ(Parser_CopyBufToString(nullptr, nullptr, 1, &out), static_cast<int32_t>(KRV_XML_ERR_INVALID_PARAM));
-    EXPECT_EQ(Parser_CopyBufToString(nullptr, "x", 1, nullptr), static_cast<int32_t>(KRV_XML_ERR_INVALID_PARAM));
+    EXPECT_EQ(Parser_CopyBufToString(nullptr, nullptr, 1, &out), invalid);
+    EXPECT_EQ(Parser_CopyBufToString(nullptr, "x", 1, nullptr), invalid);
     // A run of 2^31 bytes is refused before anything is read or allocated.
     krvtest::LeakGuard guard;
     long before = krv_test::AllocationCount();
-    EXPECT_EQ(Parser_CopyBufToString(nullptr, "x", 0x80000000u, &out), static_cast<int32_t>(KRV_XML_ERR_SYNTAX));
+    EXPECT_EQ(Parser_CopyBufToString(nullptr, "x", 0x80000000u, &out), syntax);
     EXPECT_EQ(out, nullptr);
     EXPECT_EQ(krv_test::AllocationCount(), before);
-    // The longest run, 2^31 - 1 bytes, is more than a session can hold: it is
-    // refused for memory before a byte of it is read or written.
+    // The longest run, 2^31 - 1 bytes, is more than a session holds: refused before a byte is read or written.
     XmlMemSession *session = XML_MemSessionBegin(kSessionInitialSize);
     const int32_t freeBefore = session->freeBytes;
     out = krvtest::Sentinel<char>();
-    EXPECT_EQ(Parser_CopyBufToString(session, "x", 0x7FFFFFFFu, &out), static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY));
+    EXPECT_EQ(Parser_CopyBufToString(session, "x", 0x7FFFFFFFu, &out), noMemory);
     EXPECT_EQ(out, nullptr);
-    EXPECT_EQ(session->freeBytes, freeBefore);
-    EXPECT_EQ(session->nextBlock, nullptr);
+    EXPECT_TRUE(session->freeBytes == freeBefore && session->nextBlock == nullptr);
     XML_MemSessionEnd(session);
     // A NUL inside a run is a plain byte: copied, and the run goes on.
     ASSERT_EQ(Parser_CopyBufToString(nullptr, "a\0b&amp;", 8, &out), KRV_XML_OK);
@@ -171,38 +153,35 @@ TEST(Decoder, EmptyRunsNullArgumentsHugeRunsAndAllocationFailure)
     // A failed copy clears the field.
     out = krvtest::Sentinel<char>();
     krv_test::FailAllocationAt(1);
-    EXPECT_EQ(Parser_CopyBufToString(nullptr, "abc", 3, &out), static_cast<int32_t>(KRV_XML_ERR_NO_MEMORY));
+    EXPECT_EQ(Parser_CopyBufToString(nullptr, "abc", 3, &out), noMemory);
     krv_test::FailAllocationAt(0);
     EXPECT_EQ(out, nullptr);
 }
 
+// Names divide at their first colon, into new strings or in place (the local name moved to the front).
 TEST(Decoder, SplitNamespaceAtTheFirstColon)
 {
+    const int32_t syntax = KRV_XML_ERR_SYNTAX;
     struct Case {
         const char *name;
         int32_t rc;
         const char *prefix, *local;
     } cases[] = {
         {"x", KRV_XML_OK, nullptr, "x"}, {"p:x", KRV_XML_OK, "p", "x"}, {"p:q:r", KRV_XML_OK, "p", "q:r"},
-        {"xmlns:p", KRV_XML_OK, "xmlns", "p"}, {":x", static_cast<int32_t>(KRV_XML_ERR_SYNTAX), nullptr, nullptr},
-        {"x:", static_cast<int32_t>(KRV_XML_ERR_SYNTAX), nullptr, nullptr},
-        {"p:&bad;", static_cast<int32_t>(KRV_XML_ERR_SYNTAX), nullptr, nullptr},
+        {"xmlns:p", KRV_XML_OK, "xmlns", "p"}, {":x", syntax, nullptr, nullptr}, {"x:", syntax, nullptr, nullptr},
+        {"p:&bad;", syntax, nullptr, nullptr},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         krvtest::LeakGuard guard;
-        char *prefix = nullptr, *local = nullptr;
+        char *prefix = nullptr, *local = nullptr, buf[32], *name = buf;
         uint32_t len = static_cast<uint32_t>(std::strlen(c.name));
         EXPECT_EQ(Parser_SplitNamespace(nullptr, c.name, len, &prefix, &local, 1), c.rc);
         EXPECT_EQ(krvtest::Str(prefix) + "|" + krvtest::Str(local), krvtest::Str(c.prefix) + "|" + krvtest::Str(c.local));
         krvHeapFree(prefix);
         krvHeapFree(local);
-
-        // The in-place split moves the local name to the front of the string.
         if (c.rc == KRV_XML_OK) {
-            char buf[32];
             std::strcpy(buf, c.name);
-            char *name = buf;
             prefix = nullptr;
             EXPECT_EQ(Parser_SplitNamespace(nullptr, buf, len, &prefix, &name, 0), KRV_XML_OK);
             EXPECT_STREQ(buf, c.local);
