@@ -1,5 +1,4 @@
-// NodeStore, Session and Routing suites: records, sessions, allocation routing,
-// create/set/remove/free and the library services.
+// NodeStore, Session and Routing suites: sessions, allocation routing, create/set/remove/free, library services.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -20,9 +19,8 @@ int blockOf(XmlMemSession *session, const void *p)
 {
     int i = 0;
     for (XmlMemSession *b = session; b != nullptr; b = b->nextBlock, ++i) {
-        auto *data = reinterpret_cast<const uint8_t *>(b) + ((sizeof(XmlMemSession) + 7) & ~size_t{7});
-        auto *q = static_cast<const uint8_t *>(p);
-        if (q >= data && q < data + b->capacity) {
+        const void *data = reinterpret_cast<const uint8_t *>(b) + ((sizeof(XmlMemSession) + 7) & ~size_t{7});
+        if (p >= data && p < static_cast<const uint8_t *>(data) + b->capacity) {
             return i;
         }
     }
@@ -38,44 +36,36 @@ std::vector<int32_t> capacities(XmlMemSession *session)
     return caps;
 }
 
-// A brute-force model of first fit over the chain: the free bytes and the
-// capacity of every block, searched from the first.
+// First fit by brute force: each block's free bytes and capacity, searched from the first.
 struct FirstFitModel {
-    std::vector<int32_t> free{kSessionInitialSize};
-    std::vector<int32_t> cap{kSessionInitialSize};
+    std::vector<int32_t> free{kSessionInitialSize}, cap{kSessionInitialSize};
 
-    // The block that serves a request of n bytes, adding one when none can.
-    int serve(int32_t n)
+    int serve(int32_t n)  // the block that serves n bytes, added when none can
     {
-        int32_t rounded = (n + 7) & ~7;
-        for (size_t b = 0; b < free.size(); ++b) {
-            if (free[b] >= rounded) {
-                free[b] -= rounded;
-                return static_cast<int>(b);
+        const int32_t rounded = (n + 7) & ~7;
+        size_t b = 0;
+        while (b < free.size() && free[b] < rounded) {
+            ++b;
+        }
+        if (b == free.size()) {
+            cap.push_back(cap.back());
+            while (cap.back() < rounded) {
+                cap.back() *= 2;
             }
+            free.push_back(cap.back());
         }
-        int32_t c = cap.back();
-        while (c < rounded) {
-            c *= 2;
-        }
-        cap.push_back(c);
-        free.push_back(c - rounded);
-        return static_cast<int>(free.size() - 1);
+        free[b] -= rounded;
+        return static_cast<int>(b);
     }
 };
 
 }  // namespace
 
-// ===== Session ==============================================================
-
 TEST(Session, RefusesBadArguments)
 {
-    EXPECT_EQ(XML_MemSessionBegin(0), nullptr);
-    EXPECT_EQ(XML_MemSessionBegin(-8), nullptr);
-    EXPECT_EQ(XML_MemSessionEnd(nullptr), 0);
-    EXPECT_EQ(XML_MemSpecialMalloc(nullptr, 8), nullptr);
+    EXPECT_TRUE(XML_MemSessionBegin(0) == nullptr && XML_MemSessionBegin(-8) == nullptr);
+    EXPECT_TRUE(XML_MemSessionEnd(nullptr) == 0 && XML_MemSpecialMalloc(nullptr, 8) == nullptr);
     XmlMemSession *s = XML_MemSessionBegin(kSessionInitialSize);
-    ASSERT_NE(s, nullptr);
     for (int32_t n : {0, -1, (1 << 30) + 1}) {
         EXPECT_EQ(XML_MemSpecialMalloc(s, n), nullptr) << n;
     }
@@ -83,62 +73,47 @@ TEST(Session, RefusesBadArguments)
     EXPECT_EQ(XML_MemSessionEnd(s), 1);
 }
 
+// Requests (and decoder string copies) land 8-aligned where the model says, zeroed, never overlapping.
 TEST(Session, FirstFitMatchesAReferenceModel)
 {
-    // Every request must be served, 8-aligned, by exactly the block the model
-    // picks, across many blocks with scattered leftovers; in the second round
-    // a few requests also make blocks larger than a slab. Every piece must
-    // come zero-filled, also from dirty memory, and no two pieces may
-    // overlap: each is filled with its own byte and all are checked at the
-    // end. Some requests are strings copied by the decoder: each lands where
-    // first fit puts it, with its NUL and padding zero.
     krvtest::LeakGuard guard;
     std::mt19937 rng(12345);
     for (int round = 0; round < 2; ++round) {
         SCOPED_TRACE(round);
-        void *fence = krvtest::DirtyFreedHeap();
+        void *fence = krvtest::DirtyFreedHeap();  // zeroed from dirty memory too; round 1 makes blocks beyond a slab
         XmlMemSession *s = XML_MemSessionBegin(kSessionInitialSize);
         FirstFitModel model;
-        struct Piece {
-            uint8_t *p;
-            int32_t n;
-            uint8_t fill;
-        };
-        std::vector<Piece> pieces;
+        std::vector<std::pair<uint8_t *, int32_t>> pieces;
         for (int i = 0; i < 30000; ++i) {
             uint32_t pick = rng() % 1000;
             int32_t n = pick == 0 && round == 1 ? static_cast<int32_t>(1 + rng() % 300000)
                         : pick < 100            ? static_cast<int32_t>(1 + rng() % 6000)
                                                 : static_cast<int32_t>(1 + rng() % 200);
             int expected = model.serve(n);
+            std::string run;  // the string copied, when one is
             uint8_t *p = nullptr;
             if (pick % 8 == 1 && n > 1) {
-                const std::string run(static_cast<size_t>(n - 1), static_cast<char>('a' + i % 26));
+                run.assign(static_cast<size_t>(n - 1), static_cast<char>('a' + i % 26));
                 char *copy = nullptr;
                 ASSERT_EQ(Parser_CopyBufToString(s, run.data(), static_cast<uint32_t>(n - 1), &copy), KRV_XML_OK);
                 p = reinterpret_cast<uint8_t *>(copy);
-                ASSERT_EQ(copy, run) << "request " << i;
                 n = (n + 7) & ~7;
-                for (int32_t k = static_cast<int32_t>(run.size()); k < n; ++k) {
-                    ASSERT_EQ(p[k], 0) << "padding of request " << i << ", byte " << k;
-                }
             } else {
                 p = static_cast<uint8_t *>(XML_MemSpecialMalloc(s, n));
                 ASSERT_NE(p, nullptr);
-                for (int32_t k = 0; k < n; ++k) {
-                    ASSERT_EQ(p[k], 0) << "request " << i << ", byte " << k;
-                }
+            }
+            for (int32_t k = 0; k < n; ++k) {
+                ASSERT_EQ(p[k], static_cast<size_t>(k) < run.size() ? run[k] : 0) << "request " << i << ", byte " << k;
             }
             ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 8, 0u);
             ASSERT_EQ(blockOf(s, p), expected) << "request " << i << " of " << n << " bytes";
-            auto fill = static_cast<uint8_t>(1 + i % 255);
-            std::memset(p, fill, static_cast<size_t>(n));
-            pieces.push_back({p, n, fill});
+            std::memset(p, 1 + i % 255, static_cast<size_t>(n));
+            pieces.emplace_back(p, n);
         }
         EXPECT_EQ(capacities(s), model.cap);
-        for (const Piece &piece : pieces) {
-            for (int32_t k = 0; k < piece.n; ++k) {
-                ASSERT_EQ(piece.p[k], piece.fill) << "pieces overlap";
+        for (size_t i = 0; i < pieces.size(); ++i) {
+            for (int32_t k = 0; k < pieces[i].second; ++k) {
+                ASSERT_EQ(pieces[i].first[k], static_cast<uint8_t>(1 + i % 255)) << "pieces overlap";
             }
         }
         XML_MemSessionEnd(s);
@@ -146,20 +121,12 @@ TEST(Session, FirstFitMatchesAReferenceModel)
     }
 }
 
+// Any heap allocation of a growing chain fails once: null, the chain unchanged, and the retry fits first.
 TEST(Session, FailedGrowthLeavesTheChainAsItWas)
 {
-    // 70 full blocks need the block index, ten slabs and a larger index (not
-    // a heap block each: slabs grow geometrically); then a block larger than
-    // the next slab gets one of its own. Each of these heap allocations fails
-    // once: the request gets null, the chain stays what the served requests
-    // made, and the same request served again lands where first fit says.
     std::vector<int32_t> requests(70, 8192);
-    requests.push_back(3000000);
-    requests.push_back(8192);
-    struct Run {
-        XmlMemSession *session;
-        size_t served;
-    };
+    requests.insert(requests.end(), {3000000, 8192});
+    struct Run { XmlMemSession *session; size_t served; };
     long points = krvtest::SweepAllocationFailures(
         [] { return Run{XML_MemSessionBegin(kSessionInitialSize), 0}; },
         [&](Run &r) {
@@ -177,24 +144,18 @@ TEST(Session, FailedGrowthLeavesTheChainAsItWas)
             }
             EXPECT_EQ(capacities(r.session), model.cap) << "after " << r.served << " requests";
             if (rc != KRV_XML_OK) {
-                int32_t n = requests[r.served];
-                int expected = model.serve(n);
+                const int32_t n = requests[r.served];
+                const int expected = model.serve(n);
                 auto *p = static_cast<uint8_t *>(XML_MemSpecialMalloc(r.session, n));
                 ASSERT_NE(p, nullptr);
-                EXPECT_EQ(blockOf(r.session, p), expected);
-                EXPECT_EQ(p[0] | p[n - 1], 0);
+                EXPECT_TRUE(blockOf(r.session, p) == expected && (p[0] | p[n - 1]) == 0);
             }
             XML_MemSessionEnd(r.session);
         });
-    // The index, nine slabs of 64 KB and one of 128 KB (an eighth of the 576 KB
-    // held then), the larger index and the big block's own slab.
-    EXPECT_EQ(points, 13);
+    EXPECT_EQ(points, 13);  // index, 9 slabs of 64 KB, one of 128 KB (576 KB / 8), larger index, big block's slab
 }
 
-// ===== Routing ==============================================================
-
-// Strings and blocks go where the tree lives: into the session of a session
-// tree (never freed one by one), onto the heap otherwise.
+// Strings and blocks go where the tree lives: a session tree's session (never freed one by one), else the heap.
 TEST(Routing, AllocationsFollowTheTree)
 {
     krvtest::LeakGuard guard;
@@ -205,7 +166,6 @@ TEST(Routing, AllocationsFollowTheTree)
     char *heap = XML_Strdup(nullptr, "abc");
     ASSERT_STREQ(heap, "abc");
     XML_Free(nullptr, heap);
-
     XmlNode *doc = krvtest::Document(true);
     XmlNode *child = Element("c", doc->mem);
     EXPECT_EQ(xmlSessionOf(child), doc->mem) << "an element root carved from a session";
@@ -218,45 +178,36 @@ TEST(Routing, AllocationsFollowTheTree)
     XmlNode *heapAttr = XML_NewNode(nullptr, KRV_XML_NODE_ATTRIBUTE);
     ASSERT_EQ(XML_SetNode(nullptr, heapAttr, nullptr, "h", nullptr), KRV_XML_OK);
     ASSERT_EQ(XML_AddAttrNode(heapAttr, child), KRV_XML_OK);
-    EXPECT_EQ(xmlSessionOf(heapAttr), doc->mem);
-    EXPECT_EQ(blockOf(doc->mem, XML_Strdup(heapAttr, "carved")), 0);
+    EXPECT_TRUE(xmlSessionOf(heapAttr) == doc->mem && blockOf(doc->mem, XML_Strdup(heapAttr, "carved")) == 0);
     attr->next = nullptr;  // unlinked by hand, to be freed from the heap
     heapAttr->parent = nullptr;
     XML_FreeSingleNode(heapAttr);
-    EXPECT_EQ(xmlSessionOf(nullptr), nullptr);
     XmlNode *heapRoot = Element("h");
-    EXPECT_EQ(xmlSessionOf(heapRoot), nullptr);
+    EXPECT_TRUE(xmlSessionOf(nullptr) == nullptr && xmlSessionOf(heapRoot) == nullptr);
     doc->next = heapRoot;  // a top record with a sibling is heap-backed
     EXPECT_EQ(xmlSessionOf(child), nullptr);
     doc->next = nullptr;
     KRV_XML_FreeNode(heapRoot);
-
     long live = krv_test::LiveBlocks();
     char *s = XML_Strdup(doc, "in the session");
-    void *m = XML_Malloc(doc, 100);
-    EXPECT_EQ(blockOf(doc->mem, s), 0);
-    EXPECT_EQ(blockOf(doc->mem, m), 0);
+    EXPECT_TRUE(blockOf(doc->mem, s) == 0 && blockOf(doc->mem, XML_Malloc(doc, 100)) == 0);
     XML_Free(doc, s);  // left to the session
     EXPECT_EQ(krv_test::LiveBlocks(), live);
     EXPECT_EQ(XML_Malloc(doc, uint64_t{1} << 40), nullptr) << "no heap fallback";
     KRV_XML_FreeNode(doc);
 
-    // The other way round: a session's attribute on a heap element answers by
-    // that element, also while its session needs no walks for its own records.
-    XmlNode *parsed = nullptr;
-    ASSERT_EQ(KRV_XML_ParseEx("<r/>", &parsed), KRV_XML_OK);
+    // A session's attribute on a heap element answers by that element, also while its session needs no walks.
+    XmlNode *parsed = krvtest::MustParse("<r/>", true);
     XmlNode *heapOwner = Element("h");
     XmlNode *carvedAttr = XML_NewNode(parsed->mem, KRV_XML_NODE_ATTRIBUTE);
     ASSERT_EQ(XML_AddAttrNode(carvedAttr, heapOwner), KRV_XML_OK);
-    EXPECT_EQ(xmlTopOf(carvedAttr), heapOwner);
-    EXPECT_EQ(xmlSessionOf(carvedAttr), nullptr);
+    EXPECT_TRUE(xmlTopOf(carvedAttr) == heapOwner && xmlSessionOf(carvedAttr) == nullptr);
     heapOwner->firstAttr = nullptr;  // unlinked by hand: the record stays in its session
     KRV_XML_FreeNode(heapOwner);
     KRV_XML_FreeNode(parsed);
 }
 
-// ===== NodeStore ============================================================
-
+// Elements and documents only, non-empty strings copied; a session document ends the elements carved from it.
 TEST(NodeStore, CreateNodeKindsRegimesAndStrings)
 {
     krvtest::LeakGuard guard;
@@ -268,27 +219,21 @@ TEST(NodeStore, CreateNodeKindsRegimesAndStrings)
             EXPECT_EQ(node, krvtest::Sentinel());
             continue;
         }
-        EXPECT_EQ(node->ownsSession, kind == 12 ? 1 : 0);
-        EXPECT_EQ(node->mem, nullptr);
+        EXPECT_TRUE(node->ownsSession == (kind == 12 ? 1 : 0) && node->mem == nullptr);
         EXPECT_EQ(std::string(node->nsPrefix) + node->name + node->value, "pnv");
         KRV_XML_FreeNode(node);
     }
     EXPECT_EQ(KRV_XML_CreateNode(0, nullptr, "n", nullptr, nullptr), KRV_XML_ERR_INVALID_PARAM);
     XmlNode *bare = nullptr;
     ASSERT_EQ(KRV_XML_CreateNode(0, "", nullptr, "", &bare), KRV_XML_OK);
-    EXPECT_TRUE(bare->name == nullptr && bare->value == nullptr && bare->nsPrefix == nullptr)
-        << "empty strings are not copied";
+    EXPECT_TRUE(bare->name == nullptr && bare->value == nullptr && bare->nsPrefix == nullptr);
     KRV_XML_FreeNode(bare);
-
-    // A document made with CreateNodeEx gets a session of its own, whatever
-    // session is passed; an element carved from it is freed with it.
     XmlNode *doc = nullptr;
     long live = krv_test::LiveBlocks();
-    auto *ignored = reinterpret_cast<XmlMemSession *>(0x10);
+    auto *ignored = reinterpret_cast<XmlMemSession *>(0x10);  // a document gets a session of its own
     ASSERT_EQ(KRV_XML_CreateNodeEx(ignored, 12, "p", "doc", "v", &doc), KRV_XML_OK);
     EXPECT_TRUE(doc->mem != nullptr && doc->mem != ignored && doc->ownsSession == 1);
     EXPECT_EQ(krv_test::LiveBlocks(), live + 1) << "record and strings all in the one session block";
-    EXPECT_EQ(blockOf(doc->mem, doc->name), 0);
     XmlNode *inSession = Element("e", doc->mem, "x");
     EXPECT_EQ(inSession->ownsSession, 0);
     KRV_XML_FreeNode(inSession);  // frees nothing: it goes with the session
@@ -297,9 +242,11 @@ TEST(NodeStore, CreateNodeKindsRegimesAndStrings)
     EXPECT_EQ(krv_test::LiveBlocks(), live);
 }
 
+// Null keeps a string, empty clears it, text replaces it; replacing an interned name leaves its slot's text.
 TEST(NodeStore, SetNodeNullKeepsEmptyClearsTextReplaces)
 {
     krvtest::LeakGuard guard;
+    EXPECT_EQ(KRV_XML_SetNode(nullptr, "a", "b", "c"), KRV_XML_ERR_INVALID_PARAM);
     for (bool session : {false, true}) {
         XmlNode *node = nullptr;
         ASSERT_EQ(KRV_XML_CreateNodeEx(nullptr, session ? 12 : 0, "p", "n", "v", &node), KRV_XML_OK);
@@ -308,20 +255,18 @@ TEST(NodeStore, SetNodeNullKeepsEmptyClearsTextReplaces)
         EXPECT_EQ(node->nameOwned, 1) << "clearing keeps the flag";
         ASSERT_EQ(KRV_XML_SetNode(node, "q", "m", ""), KRV_XML_OK);
         EXPECT_EQ(krvtest::Str(node->nsPrefix) + krvtest::Str(node->name) + krvtest::Str(node->value), "qm~");
-        EXPECT_EQ(KRV_XML_SetNode(nullptr, "a", "b", "c"), KRV_XML_ERR_INVALID_PARAM);
         KRV_XML_FreeNode(node);
     }
-    // Replacing an interned name releases nothing: the slot keeps its text.
     XmlNode *doc = krvtest::Document(false, "d");
     XmlNode *child = LinkChild(doc, Element("item"));
     XML_InternName(doc, child);
     ASSERT_TRUE(child->name == doc->nameTable[0] && child->nameOwned == 0);
     ASSERT_EQ(KRV_XML_SetNode(child, nullptr, "other", nullptr), KRV_XML_OK);
-    EXPECT_STREQ(child->name, "other");
-    EXPECT_STREQ(doc->nameTable[0], "item");
+    EXPECT_EQ(std::string(child->name) + "," + doc->nameTable[0], "other,item");
     KRV_XML_FreeNode(doc);
 }
 
+// Remove unlinks children only; free unlinks a child or an attribute and releases its subtree alone.
 TEST(NodeStore, RemoveUnlinksAndFreeReleasesOnlyTheSubtree)
 {
     krvtest::LeakGuard guard;
@@ -333,23 +278,18 @@ TEST(NodeStore, RemoveUnlinksAndFreeReleasesOnlyTheSubtree)
         LinkChild(root, n);
     }
     ASSERT_EQ(KRV_XML_RemoveNode(b), KRV_XML_OK);
-    EXPECT_TRUE(a->next == c && c->prev == a);
-    EXPECT_TRUE(b->parent == nullptr && b->next == nullptr && b->prev == nullptr);
-    ASSERT_EQ(KRV_XML_RemoveNode(a), KRV_XML_OK);
-    EXPECT_EQ(root->firstChild, c);
-    ASSERT_EQ(KRV_XML_RemoveNode(c), KRV_XML_OK);
-    EXPECT_TRUE(root->firstChild == nullptr && root->lastChild == nullptr);
+    EXPECT_TRUE(a->next == c && c->prev == a && b->parent == nullptr && b->next == nullptr && b->prev == nullptr);
+    ASSERT_TRUE(KRV_XML_RemoveNode(a) == KRV_XML_OK && root->firstChild == c);
+    ASSERT_TRUE(KRV_XML_RemoveNode(c) == KRV_XML_OK && root->firstChild == nullptr && root->lastChild == nullptr);
     XmlNode *attr = XML_NewNode(nullptr, KRV_XML_NODE_ATTRIBUTE);
     ASSERT_EQ(XML_AddAttrNode(attr, root), KRV_XML_OK);
     EXPECT_EQ(KRV_XML_RemoveNode(attr), KRV_XML_ERR_INVALID_PARAM);
-
-    // Freeing a middle child (with a child and an attribute) unlinks it.
     for (XmlNode *n : {a, b, c}) {
         LinkChild(root, n);
     }
     LinkChild(b, Element("deep"));
     ASSERT_EQ(KRV_XML_AddAttr(b, "p", "x", "1"), KRV_XML_OK);
-    KRV_XML_FreeNode(b);
+    KRV_XML_FreeNode(b);  // a middle child with a child and an attribute
     EXPECT_TRUE(a->next == c && c->prev == a);
     ASSERT_EQ(KRV_XML_AddAttr(root, nullptr, "y", nullptr), KRV_XML_OK);
     ASSERT_EQ(KRV_XML_AddAttr(root, nullptr, "z", nullptr), KRV_XML_OK);
@@ -359,8 +299,7 @@ TEST(NodeStore, RemoveUnlinksAndFreeReleasesOnlyTheSubtree)
     root->firstChild = root->lastChild = nullptr;
     KRV_XML_FreeNode(root);
 
-    // A session document ends its session and visits no node: a heap child
-    // linked in by hand survives.
+    // A session document ends its session and visits no node: a heap child linked in by hand survives.
     XmlNode *doc = krvtest::Document(true);
     XmlNode *heapChild = LinkChild(doc, Element("h", nullptr, "v"));
     long live = krv_test::LiveBlocks();
@@ -370,62 +309,49 @@ TEST(NodeStore, RemoveUnlinksAndFreeReleasesOnlyTheSubtree)
     KRV_XML_FreeNode(heapChild);
 }
 
-// A heap document takes along the top-level records that its parse linked
-// after it, and only while it heads them; siblings linked to a created
-// document, or after the parsed ones were taken away, stay with the caller.
+// A heap document frees the top-level records its parse linked after it, while it heads them, and no others.
 TEST(NodeStore, HeapDocumentReleasesOnlyItsParsedFollowers)
 {
     enum Setup { Parsed, Created, FollowersTaken, LinkedBefore, LinkedAfterLast };
-    struct Case {
-        Setup setup;
-        const char *leftBehind;  // names of the top-level records that outlive the document
-    } cases[] = {
-        {Parsed, ""},
-        {Created, "e"},
-        {FollowersTaken, "s,u,e"},
-        {LinkedBefore, "c,s,u"},
-        {LinkedAfterLast, ""},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.leftBehind);
+    // The names of the top-level records that outlive the document.
+    const std::pair<Setup, const char *> cases[] = {
+        {Parsed, ""}, {Created, "e"}, {FollowersTaken, "s,u,e"}, {LinkedBefore, "c,s,u"}, {LinkedAfterLast, ""}};
+    for (const auto &[setup, leftBehind] : cases) {
+        SCOPED_TRACE(leftBehind);
         krvtest::LeakGuard guard;
         XmlNode *doc = nullptr;
-        if (c.setup == Created) {
-            ASSERT_EQ(KRV_XML_CreateNode(KRV_XML_NODE_DOCUMENT, nullptr, "r", nullptr, &doc), KRV_XML_OK);
-        } else {
-            ASSERT_EQ(KRV_XML_Parse("<r/><s/><u/>", &doc), KRV_XML_OK);
-        }
+        ASSERT_EQ(setup == Created ? KRV_XML_CreateNode(KRV_XML_NODE_DOCUMENT, nullptr, "r", nullptr, &doc)
+                                   : KRV_XML_Parse("<r/><s/><u/>", &doc),
+                  KRV_XML_OK);
         std::vector<XmlNode *> kept;
-        if (c.setup == FollowersTaken) {
+        if (setup == FollowersTaken) {
             kept = {doc->next, doc->next->next};
             ASSERT_EQ(KRV_XML_RemoveNode(kept[0]), KRV_XML_OK);
             ASSERT_EQ(KRV_XML_RemoveNode(kept[1]), KRV_XML_OK);
         }
-        XmlNode *e = Element(c.setup == LinkedBefore ? "c" : "e");
-        uint32_t rc = c.setup == LinkedBefore      ? KRV_XML_AddPrevSiblingNode(doc, e)
-                      : c.setup == LinkedAfterLast ? KRV_XML_AddNextSiblingNode(doc->next->next, e)
-                                                   : KRV_XML_AddNextSiblingNode(doc, e);
-        ASSERT_EQ(rc, KRV_XML_OK);
-        if (c.setup == Created || c.setup == FollowersTaken) {
+        XmlNode *e = Element(setup == LinkedBefore ? "c" : "e");
+        ASSERT_EQ(setup == LinkedBefore      ? KRV_XML_AddPrevSiblingNode(doc, e)
+                  : setup == LinkedAfterLast ? KRV_XML_AddNextSiblingNode(doc->next->next, e)
+                                             : KRV_XML_AddNextSiblingNode(doc, e),
+                  KRV_XML_OK);
+        if (setup == Created || setup == FollowersTaken) {
             kept.push_back(e);
-        } else if (c.setup == LinkedBefore) {
+        } else if (setup == LinkedBefore) {
             kept = {e};  // it heads s and u once the document is gone
         }
         KRV_XML_FreeNode(doc);
         std::string names;
+        std::vector<XmlNode *> left;
         for (XmlNode *k : kept) {
             for (XmlNode *n = k; n != nullptr; n = n->next) {
                 EXPECT_TRUE(n->parent == nullptr && (n == k ? n->prev == nullptr : n->prev->next == n));
                 names += (names.empty() ? "" : ",") + std::string(n->name);
+                left.push_back(n);
             }
         }
-        EXPECT_EQ(names, c.leftBehind);
-        for (XmlNode *k : kept) {
-            while (k != nullptr) {
-                XmlNode *next = k->next;
-                KRV_XML_FreeNode(k);
-                k = next;
-            }
+        EXPECT_EQ(names, leftBehind);
+        for (XmlNode *n : left) {
+            KRV_XML_FreeNode(n);
         }
     }
 }
