@@ -267,7 +267,7 @@ TEST(TypedValue, AttrWriterFailuresInEveryOrder)
     }
 }
 
-// Indexes (1-based, 9 digits, past long runs of others), escaped dots, separator runs, 511 bytes; paths only read.
+// Indexes (1-based, 9 digits), escaped dots, separator runs, 511 bytes; paths only read.
 TEST(PathLookup, IndexesEscapesSeparatorsAndLimits)
 {
     krvtest::LeakGuard guard;
