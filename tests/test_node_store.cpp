@@ -189,9 +189,15 @@ TEST(Routing, AllocationsFollowTheTree)
     doc->next = nullptr;
     KRV_XML_FreeNode(heapRoot);
     long live = krv_test::LiveBlocks();
-    char *s = XML_Strdup(doc, "in the session");
-    EXPECT_TRUE(blockOf(doc->mem, s) == 0 && blockOf(doc->mem, XML_Malloc(doc, 100)) == 0);
-    XML_Free(doc, s);  // left to the session
+    for (size_t len = 1; len <= 17; ++len) {  // a copy takes its text and NUL, rounded up to 8 bytes
+        const int32_t freeBefore = doc->mem->freeBytes;
+        char *s = XML_Strdup(doc, std::string(len, 's').c_str());
+        EXPECT_TRUE(blockOf(doc->mem, s) == 0 && s == std::string(len, 's') &&
+                    freeBefore - doc->mem->freeBytes == static_cast<int32_t>((len + 8) & ~size_t{7}))
+            << len;
+        XML_Free(doc, s);  // left to the session
+    }
+    EXPECT_EQ(blockOf(doc->mem, XML_Malloc(doc, 100)), 0);
     EXPECT_EQ(krv_test::LiveBlocks(), live);
     EXPECT_EQ(XML_Malloc(doc, uint64_t{1} << 40), nullptr) << "no heap fallback";
     KRV_XML_FreeNode(doc);

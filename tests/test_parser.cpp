@@ -488,6 +488,8 @@ TEST(Parser, InfoNamesLineColumnAndReasonOfEveryFailure)
         {"<r><![CDATA[x</r>", 1, 4, "unterminated CDATA section"}, {"<r>a<![CDATA[x</r>", 1, 5, "unterminated CDATA section"},
         // decoder
         {"<r>&bogus;</r>", 1, 4, "unknown entity"}, {"<a x='&lt'/>", 1, 7, "unknown entity"},
+        {"<r>&quote;</r>", 1, 4, "unknown entity"}, {"<a x='&aposs;'/>", 1, 7, "unknown entity"},
+        {"<r>a&ampl;</r>", 1, 5, "unknown entity"}, {"<r>&gtt;</r>", 1, 4, "unknown entity"},
         {"<r>&#X41;</r>", 1, 4, "malformed character reference"}, {"<r>ab&#;</r>", 1, 6, "malformed character reference"},
         {"<r>&#x110000;</r>", 1, 4, "character reference out of range"},
         {"<r>&#xD800;</r>", 1, 4, "character reference to a forbidden character"},
@@ -498,6 +500,7 @@ TEST(Parser, InfoNamesLineColumnAndReasonOfEveryFailure)
         {"<a x='1'y='2'/>", 1, 9, "missing white space before an attribute"}, {"<a x/>", 1, 4, "attribute without value"},
         {"<a x=1/>", 1, 6, "attribute value not quoted"}, {"<a x='1/>", 1, 6, "unterminated attribute value"},
         {"<a x='1' x='2'/>", 1, 10, "duplicate attribute"}, {"<a p:x='1'\n   p:x='2'/>", 2, 4, "duplicate attribute"},
+        {"<r><a x='1' y='2' y='3'/></r>", 1, 19, "duplicate attribute"},
         {"<a x='1' <b/>", 1, 10, "unexpected markup in a start tag"}, {"<r a='1'", 1, 9, "start tag not closed"},
         {"<r", 1, 3, "start tag not closed"}, {"<", 1, 1, "missing element name"},
         // driver

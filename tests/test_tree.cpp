@@ -839,6 +839,44 @@ TEST(Attributes, AnIndexIsGivenUpWhenItsListIsShortAgain)
     KRV_XML_FreeNode(el);
 }
 
+// Many elements of one session hold indexes at once (the session's table of them grows and is rebuilt):
+// each answers for its own list through edits.
+TEST(Attributes, ManyIndexedElementsOfOneSessionEachAnswerForTheirOwnList)
+{
+    constexpr int kElements = 40, kLength = 2 * kAttrWalk;
+    std::string text = "<r>";
+    for (int e = 0; e < kElements; ++e) {
+        text += "<e";
+        for (int i = 0; i < kLength; ++i) {
+            text += " " + nth(i) + "='" + std::to_string(e) + "'";
+        }
+        text += "/>";
+    }
+    krvtest::LeakGuard guard;
+    XmlNode *doc = krvtest::MustParse(text + "</r>", true);
+    for (XmlNode *e = doc->firstChild; e != nullptr; e = e->next) {  // an edit builds each element's index
+        ASSERT_EQ(KRV_XML_AddAttr(e, nullptr, "new", "n"), KRV_XML_OK);
+    }
+    int e = 0;
+    for (XmlNode *el = doc->firstChild; el != nullptr; el = el->next, ++e) {
+        const std::string own = std::to_string(e);
+        const char *got = nullptr;
+        EXPECT_EQ(KRV_XML_AddAttr(el, nullptr, nth(kLength - 2).c_str(), "x"), KRV_XML_ERR_ALREADY_EXISTS);
+        EXPECT_EQ(KRV_XML_SetAttr(el, nullptr, nth(kLength - 1).c_str(), ("s" + own).c_str()), KRV_XML_OK);
+        EXPECT_EQ(KRV_XML_RemoveAttr(el, nullptr, nth(1).c_str()), KRV_XML_OK);
+        EXPECT_EQ(KRV_XML_RemoveAttr(el, nullptr, nth(1).c_str()), KRV_XML_ERR_NOT_FOUND);
+        ASSERT_EQ(KRV_XML_GetAttr(el, nullptr, nth(kLength - 3).c_str(), &got), KRV_XML_OK);
+        EXPECT_EQ(Str(got), own);
+        std::string expected;
+        for (int i = 0; i < kLength; ++i) {
+            expected += i == 1 ? "" : nth(i) + "=" + (i == kLength - 1 ? "s" : "") + own + " ";
+        }
+        EXPECT_EQ(attrList(el), expected + "new=n");
+    }
+    EXPECT_EQ(e, kElements);
+    KRV_XML_FreeNode(doc);
+}
+
 // An unindexable list (a key repeated past the bound) waits before the next build, then gets one in time.
 TEST(Attributes, AListThatRefusedAnIndexWaitsBeforeTheNextTry)
 {
