@@ -79,7 +79,8 @@ TEST(Decoder, EntitiesReferencesAndCdataInBothRegimes)
         // UTF-8 lengths at each boundary
         {"&#127;", "\x7f"}, {"&#128;", "\xC2\x80"}, {"&#233;", "\xC3\xA9"}, {"&#x7FF;", "\xDF\xBF"},
         {"&#x800;", "\xE0\xA0\x80"}, {"&#x20AC;", "\xE2\x82\xAC"}, {"&#xFFFD;", "\xEF\xBF\xBD"},
-        {"&#x1F600;", "\xF0\x9F\x98\x80"}, {"&#x10FFFF;", "\xF4\x8F\xBF\xBF"}, {"<![CDATA[x<y&z]]>", "x<y&z"},
+        {"&#x10000;", "\xF0\x90\x80\x80"}, {"&#x1F600;", "\xF0\x9F\x98\x80"}, {"&#x10FFFF;", "\xF4\x8F\xBF\xBF"},
+        {"<![CDATA[x<y&z]]>", "x<y&z"},
         {"a<![CDATA[b]]>c", "abc"}, {"<![CDATA[a]]><![CDATA[&lt;]]>", "a&lt;"}, {"<![CDATA[]] ]]>", "]] "},
         {"<![CDATA[a]]]]>", "a]]"}, {"line\r\nend", "line\r\nend"}, {"<b", "<b"},
         {"<![CDATA[]]>", ""},  // an empty CDATA still yields a string
