@@ -43,9 +43,11 @@
 //
 // WideElement/regime/N: N attributes added to one element one call at a
 // time, each then read and the last first removed; parsed_regime: N
-// attributes parsed, each set, read and the last first removed. A list longer
-// than 16 attributes gets an index at its first edit, so the time per
-// attribute should not grow with N.
+// attributes parsed, each set, read and the last first removed; read_regime:
+// N attributes parsed, each read by name, then all walked by name
+// (KRV_XML_GetNextSiblingAttr). A list longer than 16 attributes gets an index
+// at its first edit or search, so the time per attribute should not grow with
+// N.
 //
 // Parse, Print, Clone, Free at 1 MB and 100 MB of the same synthetic
 // document, heap and session regimes: the time per byte should be flat.
@@ -269,14 +271,16 @@ void AddShuffledHoldingNew(benchmark::State &state, bool session)
 BENCHMARK_CAPTURE(AddShuffledHoldingNew, session, true)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(AddShuffledHoldingNew, heap, false)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
 
-void WideElement(benchmark::State &state, bool session, bool parsed)
+enum class Wide { Add, Parsed, Read };
+
+void WideElement(benchmark::State &state, bool session, Wide mode)
 {
     const auto n = static_cast<size_t>(state.range(0));
     std::vector<std::string> names(n);
     std::string text = "<r";
     for (size_t i = 0; i < n; ++i) {
         names[i] = "a" + std::to_string(i * 7919 % 1000003);
-        text += parsed ? " " + names[i] + "=\"v\"" : "";
+        text += mode != Wide::Add ? " " + names[i] + "=\"v\"" : "";
     }
     text += "/>";
     for (auto _ : state) {
@@ -287,14 +291,24 @@ void WideElement(benchmark::State &state, bool session, bool parsed)
         }
         bool ok = true;
         for (const std::string &name : names) {
-            ok = ok && (parsed ? KRV_XML_SetAttr(doc, nullptr, name.c_str(), "w")
-                               : KRV_XML_AddAttr(doc, nullptr, name.c_str(), "v")) == KRV_XML_OK;
+            if (mode != Wide::Read) {
+                ok = ok && (mode == Wide::Parsed ? KRV_XML_SetAttr(doc, nullptr, name.c_str(), "w")
+                                                 : KRV_XML_AddAttr(doc, nullptr, name.c_str(), "v")) == KRV_XML_OK;
+            }
         }
         for (const std::string &name : names) {
             const char *value = nullptr;
             ok = ok && KRV_XML_GetAttr(doc, nullptr, name.c_str(), &value) == KRV_XML_OK;
         }
-        for (auto it = names.rbegin(); it != names.rend(); ++it) {
+        if (mode == Wide::Read) {  // the by-name walk: each step searches for the attribute it stands on
+            const char *prefix = nullptr, *name = nullptr, *value = nullptr;
+            size_t seen = KRV_XML_GetFirstAttr(doc, &prefix, &name, &value) == KRV_XML_OK ? 1 : 0;
+            while (seen != 0 && KRV_XML_GetNextSiblingAttr(doc, prefix, name, &prefix, &name, &value) == KRV_XML_OK) {
+                ++seen;
+            }
+            ok = ok && seen == n;
+        }
+        for (auto it = names.rbegin(); mode != Wide::Read && it != names.rend(); ++it) {
             ok = ok && KRV_XML_RemoveAttr(doc, nullptr, it->c_str()) == KRV_XML_OK;
         }
         KRV_XML_FreeNode(doc);
@@ -305,10 +319,12 @@ void WideElement(benchmark::State &state, bool session, bool parsed)
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * n));
 }
-BENCHMARK_CAPTURE(WideElement, session, true, false)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(WideElement, heap, false, false)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(WideElement, parsed_session, true, true)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(WideElement, parsed_heap, false, true)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(WideElement, session, true, Wide::Add)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(WideElement, heap, false, Wide::Add)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(WideElement, parsed_session, true, Wide::Parsed)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(WideElement, parsed_heap, false, Wide::Parsed)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(WideElement, read_session, true, Wide::Read)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(WideElement, read_heap, false, Wide::Read)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 // The side tree of every level of an N-deep chain taken out through the C++
 // layer into one reused handle, which releases the one taken before. The

@@ -346,16 +346,16 @@ KRV_XML_API uint32_t KRV_XML_AddPrevSiblingNode(XmlNode *sibling, XmlNode *node)
  * tree headed by a document, the attribute's name moves into the document's
  * name table as for inserted nodes.
  *
- * Cost: the first of these calls (or of KRV_XML_SetAttrValueEx, or of
- * KRV_XML_FreeNode on an attribute) that meets a list longer than 16
- * attributes gives the element a hash index of it; from then on each call,
- * and each search by KRV_XML_GetAttr, KRV_XML_GetNextSiblingAttr and
- * KRV_XML_GetAttrValueEx, costs O(1) on average however long the list is.
- * Searches alone never build one, so that threads may read one tree at the
- * same time; on a parsed list they walk it until an edit has met it. The
- * index takes 48 to 192 bytes of heap per attribute in the list, is given up
- * when the list is down to 8 attributes, and goes with the element, or with
- * its session. */
+ * Cost: the first of these calls (or of KRV_XML_SetAttrValueEx, of
+ * KRV_XML_FreeNode on an attribute, or of a search by KRV_XML_GetAttr,
+ * KRV_XML_GetNextSiblingAttr or KRV_XML_GetAttrValueEx) that meets a list
+ * longer than 16 attributes gives the element a hash index of it; from then
+ * on each of these calls costs O(1) on average however long the list is, so
+ * reading every attribute of a parsed list by name costs O(n), not O(n^2).
+ * Without memory for the index a call walks the list, with the same result.
+ * The index takes 48 to 192 bytes of heap per attribute in the list, is given
+ * up when the list is down to 8 attributes, and goes with the element, or
+ * with its session. */
 
 /* Appends a new attribute prefix:name with a copy of value (null or "": no
  * value) to the element's attribute list.

@@ -2,14 +2,13 @@
 //
 // An attribute list is singly linked and keeps no tail, so finding a name,
 // the end of the list or an attribute's predecessor walks the list: an
-// element given n attributes one call at a time would cost O(n^2). Once an
-// append, or an edit's search, meets a list longer than kAttrWalk
-// attributes, the element gets a hash index of its attributes, keyed by
-// prefix and name, that also holds each attribute's predecessor and the
-// list's last attribute. Searches, appends and removals walk the first
-// kAttrWalk attributes as before and then ask the index, so short lists never
-// touch it and long ones cost O(1) per call. Searches that only read never
-// build one: readers of a tree may run at the same time.
+// element given n attributes one call at a time, or read by name one
+// attribute after another, would cost O(n^2). Once an append or a search
+// meets a list longer than kAttrWalk attributes, the element gets a hash
+// index of its attributes, keyed by prefix and name, that also holds each
+// attribute's predecessor and the list's last attribute. Searches, appends
+// and removals walk the first kAttrWalk attributes as before and then ask the
+// index, so short lists never touch it and long ones cost O(1) per call.
 //
 // The index is exact whenever it exists: every function that links, unlinks
 // or renames an attribute of an indexed element keeps it so. A rename may
@@ -17,10 +16,10 @@
 // that grows along the list, and a search answers with the earliest, as a
 // walk would. A failed growth drops the index, as do a chain of records
 // linked at once and more than kMaxRepeats repeated keys; the next append or
-// edit that meets the long list builds it again, when it can. Losing it
+// search that meets the long list builds it again, when it can. Losing it
 // changes no result, only the cost. A list that refused a build (a chain, or
-// repeated keys) is not tried again before as many edits as it had
-// attributes have met it, so the failed builds add O(1) per edit to walks
+// repeated keys) is not tried again before as many calls as it had
+// attributes have met it, so the failed builds add O(1) per call to walks
 // that cost O(n).
 //
 // Heap elements and documents hold their index in a hidden word past their
@@ -50,7 +49,7 @@ constexpr size_t kFirstSlots = 64;
 }  // namespace
 
 // With `slots` null, a record that stands for no index: the list refused a
-// build, and `count` edits are left before the next try.
+// build, and `count` calls are left before the next try.
 struct AttrIndex {
     XmlNode *tail;  // the list's last attribute
     size_t count;   // entries in use
@@ -420,8 +419,8 @@ AttrIndex *xmlAttrIndexMake(XmlNode *element)
     bool refused = false;
     AttrIndex *index = build(element, &length, &refused);
     if (index == nullptr && refused) {
-        // Wait as many edits as the list is long; without memory to note
-        // that, the next edit tries again.
+        // Wait as many calls as the list is long; without memory to note
+        // that, the next call tries again.
         if (waiting == nullptr) {
             waiting = static_cast<AttrIndex *>(krvHeapCalloc(1, sizeof(AttrIndex)));
         }

@@ -330,11 +330,9 @@ void xmlUnlink(XmlNode *node);
 
 // First attribute of the element that matches prefix and name, or null.
 // Prefix null matches only attributes without prefix; likewise the name.
-// Reads never build an index of a long list, so that readers of one tree may
-// run at once; the ForEdit form, for functions that change the tree, builds
-// one when it walks past kAttrWalk attributes.
+// A search that walks past kAttrWalk attributes gives a long list an index
+// (when memory allows), so that later searches of it cost O(1).
 XmlNode *xmlGetAttr(XmlNode *element, const char *prefix, const char *name);
-XmlNode *xmlGetAttrForEdit(XmlNode *element, const char *prefix, const char *name);
 
 // ----- The index of long attribute lists (xml_attrs.cpp) -----
 //
@@ -359,7 +357,7 @@ bool xmlAttrIndexPrev(const AttrIndex *index, const XmlNode *attr, XmlNode **pre
 void xmlAttrIndexAppended(XmlNode *element, XmlNode *attr, XmlNode *prev, size_t length);
 // Builds an index of element's list, which has none, and returns it; null
 // when memory ran out, the list cannot be indexed, or it refused a build too
-// few edits ago (see xml_attrs.cpp).
+// few calls ago (see xml_attrs.cpp).
 AttrIndex *xmlAttrIndexMake(XmlNode *element);
 // attr, after prev in element's list, is about to be unlinked.
 void xmlAttrIndexCut(XmlNode *element, XmlNode *attr, XmlNode *prev);

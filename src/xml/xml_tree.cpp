@@ -28,17 +28,17 @@ void readAttr(const XmlNode *attr, const char **prefix, const char **name, const
 }
 
 // The index of element's long list, for a search that has walked kAttrWalk
-// attributes: the one it has, or for an edit one built now; null to walk on.
-const AttrIndex *indexForSearch(XmlNode *element, bool edit)
+// attributes: the one it has, or one built now; null to walk on.
+const AttrIndex *indexForSearch(XmlNode *element)
 {
     const AttrIndex *index = xmlAttrIndexOf(element);
-    return index != nullptr || !edit ? index : xmlAttrIndexMake(element);
+    return index != nullptr ? index : xmlAttrIndexMake(element);
 }
 
 // The first attribute of element with prefix and name, or null; with
 // `before`, its predecessor (null for the first) is written there. Past the
 // first kAttrWalk attributes, the index of a long list answers.
-XmlNode *findAttr(XmlNode *element, const char *prefix, const char *name, XmlNode **before, bool edit)
+XmlNode *findAttr(XmlNode *element, const char *prefix, const char *name, XmlNode **before)
 {
     XmlNode *prev = nullptr;
     size_t walked = 0;
@@ -50,7 +50,7 @@ XmlNode *findAttr(XmlNode *element, const char *prefix, const char *name, XmlNod
             return a;
         }
         if (++walked == kAttrWalk && a->next != nullptr) {
-            if (const AttrIndex *index = indexForSearch(element, edit)) {
+            if (const AttrIndex *index = indexForSearch(element)) {
                 XmlNode *found = xmlAttrIndexFind(index, prefix, name);
                 if (found != nullptr && before != nullptr) {
                     xmlAttrIndexPrev(index, found, before);
@@ -66,12 +66,7 @@ XmlNode *findAttr(XmlNode *element, const char *prefix, const char *name, XmlNod
 
 XmlNode *xmlGetAttr(XmlNode *element, const char *prefix, const char *name)
 {
-    return findAttr(element, prefix, name, nullptr, false);
-}
-
-XmlNode *xmlGetAttrForEdit(XmlNode *element, const char *prefix, const char *name)
-{
-    return findAttr(element, prefix, name, nullptr, true);
+    return findAttr(element, prefix, name, nullptr);
 }
 
 bool xmlAttrBefore(XmlNode *element, const XmlNode *attr, XmlNode **before)
@@ -84,7 +79,7 @@ bool xmlAttrBefore(XmlNode *element, const XmlNode *attr, XmlNode **before)
             return true;
         }
         if (++walked == kAttrWalk && a->next != nullptr) {
-            if (const AttrIndex *index = indexForSearch(element, true)) {
+            if (const AttrIndex *index = indexForSearch(element)) {
                 return xmlAttrIndexPrev(index, attr, before);
             }
         }
@@ -524,7 +519,7 @@ uint32_t KRV_XML_SetAttr(XmlNode *element, const char *prefix, const char *name,
     if (!isElementShaped(element) || name == nullptr) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    XmlNode *attr = xmlGetAttrForEdit(element, prefixOrNull(prefix), name);
+    XmlNode *attr = xmlGetAttr(element, prefixOrNull(prefix), name);
     if (attr == nullptr) {
         return KRV_XML_ERR_NOT_FOUND;
     }
@@ -555,7 +550,7 @@ uint32_t KRV_XML_RemoveAttr(XmlNode *element, const char *prefix, const char *na
         return KRV_XML_ERR_INVALID_PARAM;
     }
     XmlNode *before = nullptr;
-    XmlNode *attr = findAttr(element, prefixOrNull(prefix), name, &before, true);
+    XmlNode *attr = findAttr(element, prefixOrNull(prefix), name, &before);
     if (attr == nullptr) {
         return KRV_XML_ERR_NOT_FOUND;
     }

@@ -286,7 +286,7 @@ uint32_t KRV_XML_SetAttrValueEx(XmlNode *element, const char *prefix, const char
         xmlIsAttr(element)) {
         return KRV_XML_ERR_INVALID_PARAM;
     }
-    XmlNode *attr = xmlGetAttrForEdit(element, prefix, name);
+    XmlNode *attr = xmlGetAttr(element, prefix, name);
     if (attr != nullptr) {
         return xmlSetValueEx(attr, type, value);
     }
