@@ -916,7 +916,7 @@ TEST(Attributes, AListThatRefusedAnIndexWaitsBeforeTheNextTry)
     }
 }
 
-// Without memory for the index (its build, growth or session table) appends succeed and every search answers.
+// Without memory for the index (its build, growth or session table) appends and searches succeed and answer.
 TEST(Attributes, LongListsKeepAnsweringWhenTheIndexGetsNoMemory)
 {
     // Every attribute answers; a new one is refused twice, one in the middle is removed and added again.
@@ -958,6 +958,29 @@ TEST(Attributes, LongListsKeepAnsweringWhenTheIndexGetsNoMemory)
                 Failing::OnlyKth, true);
             EXPECT_GE(points, 1) << "the index's own allocations are among those failed";
         }
+    }
+    // A search past the 16th attribute of a parsed list builds its index: it answers whether or not that gets memory.
+    std::string text = "<e";
+    for (int i = 0; i < 40; ++i) {
+        text += " " + nth(i) + "='v'";
+    }
+    for (bool session : {false, true}) {
+        SCOPED_TRACE(std::string(session ? "session" : "heap") + ", searching a parsed list");
+        long points = krvtest::SweepAllocationFailures(
+            [&] { return krvtest::MustParse(text + "/>", session); },
+            [&](XmlNode *el) {
+                const char *prefix = "?", *name = "?", *value = "?";
+                uint32_t rc = KRV_XML_GetNextSiblingAttr(el, nullptr, nth(30).c_str(), &prefix, &name, &value);
+                EXPECT_TRUE(prefix == nullptr && Str(name) == nth(31) && Str(value) == "v");
+                return rc;
+            },
+            [&](uint32_t rc, XmlNode *el) {
+                EXPECT_EQ(rc, KRV_XML_OK);
+                answersAll(el, 40);
+                KRV_XML_FreeNode(el);
+            },
+            Failing::OnlyKth, true);
+        EXPECT_GE(points, 1) << "the index's own allocations are among those failed";
     }
 }
 
