@@ -661,11 +661,17 @@ TEST(Attributes, BothWalksVisitEveryAttributeInOrder)
     for (uint32_t rc : {KRV_XML_GetFirstAttr(nullptr, &p, &n, &v), KRV_XML_GetFirstAttr(el, nullptr, &n, &v),
                         KRV_XML_GetFirstAttr(el, &p, nullptr, &v), KRV_XML_GetFirstAttr(el, &p, &n, nullptr),
                         KRV_XML_GetFirstAttr(attr, &p, &n, &v), KRV_XML_GetFirstAttrEx(el, nullptr, &n, &v, &cursor),
+                        KRV_XML_GetFirstAttrEx(el, &p, nullptr, &v, &cursor),
+                        KRV_XML_GetFirstAttrEx(el, &p, &n, nullptr, &cursor),
                         KRV_XML_GetNextSiblingAttr(el, "p", nullptr, &p, &n, &v),
+                        KRV_XML_GetNextSiblingAttr(el, "p", "a", nullptr, &n, &v),
+                        KRV_XML_GetNextSiblingAttr(el, "p", "a", &p, nullptr, &v),
                         KRV_XML_GetNextSiblingAttr(el, "p", "a", &p, &n, nullptr),
                         KRV_XML_GetNextSiblingAttr(attr, "p", "a", &p, &n, &v),
                         KRV_XML_GetNextSiblingAttrEx(el, &p, &n, &v, nullptr),
+                        KRV_XML_GetNextSiblingAttrEx(el, nullptr, &n, &v, &cursor),
                         KRV_XML_GetNextSiblingAttrEx(el, &p, nullptr, &v, &cursor),
+                        KRV_XML_GetNextSiblingAttrEx(el, &p, &n, nullptr, &cursor),
                         KRV_XML_GetNextSiblingAttrEx(attr, &p, &n, &v, &cursor)}) {
         EXPECT_EQ(rc, KRV_XML_ERR_INVALID_PARAM);
     }
