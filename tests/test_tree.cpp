@@ -203,6 +203,7 @@ TEST(Tree, RefusedInsertionsLeaveBothTreesUnchanged)
         {"node is an attribute", true, heap, attr}, {"node is an attribute", false, hChild, attr},
         {"parent is an attribute", true, attr, loneHeap}, {"sibling is an attribute", false, attr, loneHeap},
         {"node is a session document", true, heap, otherDoc}, {"node is a session document", false, dChild, otherDoc},
+        {"node is a session document, under a loose element of its session", true, loneSession, doc},
         {"node is a heap document", false, hChild, heapDoc}, {"into itself", true, loneHeap, loneHeap},
         {"sibling is node", false, loneHeap, loneHeap}, {"under its own descendant", true, hGrand, heap},
         {"beside its own descendant", false, hGrand, heap}, {"heap node into a session tree", true, dChild, loneHeap},
