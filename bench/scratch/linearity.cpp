@@ -1,8 +1,9 @@
-// Per-call cost of API patterns at N and at 10N: each child of one element with N children, or
-// each attribute of one parsed element with N attributes, in both regimes. A ratio near 1 is
-// linear (cache misses at the larger size account for up to about 2.5). Not here: a path lookup
-// of the k-th child of a name, linear per call by design (it allocates nothing, so it walks the
-// siblings before that child).
+// Per-call cost of API patterns at N and at 10N: each child of one element with N children, each
+// attribute of one parsed element with N attributes, or each level of a chain N deep, in both
+// regimes. A ratio near 1 is linear (cache misses at the larger size account for up to about 3).
+// Not here: a path lookup of the k-th child of a name, linear per call by design (it allocates
+// nothing, so it walks the siblings before that child), and prints of each level of a chain,
+// whose texts are as long as the sub-trees below them.
 //   linearity N [PATTERN]
 #include <chrono>
 #include <cstdio>
@@ -27,6 +28,31 @@ struct Ctx {
             v.push_back(c);
         }
         return v;
+    }
+    std::vector<XmlNode *> levels() const  // of a chain, top down
+    {
+        std::vector<XmlNode *> v;
+        for (XmlNode *c = el->firstChild; c != nullptr; c = c->firstChild) {
+            v.push_back(c);
+        }
+        return v;
+    }
+    long down(const std::function<bool(XmlNode *)> &f) const
+    {
+        long ok = 0;
+        for (XmlNode *c : levels()) {
+            ok += f(c) ? 1 : 0;
+        }
+        return ok;
+    }
+    long up(const std::function<bool(XmlNode *)> &f) const
+    {
+        std::vector<XmlNode *> v = levels();
+        long ok = 0;
+        for (auto it = v.rbegin(); it != v.rend(); ++it) {
+            ok += f(*it) ? 1 : 0;
+        }
+        return ok;
     }
     long each(const std::function<bool(XmlNode *)> &f) const
     {
@@ -62,16 +88,28 @@ std::string nm(int i)
     return "a" + std::to_string(i);
 }
 
-// <d><e>...</e><o/></d>: N children <c k="i">v</c>, or N attributes ai="i" on e.
-XmlNode *wide(int n, bool session, bool attrs)
+enum class Shape { Children, Attrs, Chain };
+
+// <d><e>...</e><o/></d>: N children <c k="i">v</c>, N attributes ai="i" on e, or a chain of N
+// elements <c k="i"> below e with v in the last.
+XmlNode *wide(int n, bool session, Shape shape)
 {
     std::string t = "<d><e";
-    for (int i = 0; i < n && attrs; ++i) {
+    for (int i = 0; i < n && shape == Shape::Attrs; ++i) {
         t += " " + nm(i) + "='" + std::to_string(i) + "'";
     }
     t += ">";
-    for (int i = 0; i < n && !attrs; ++i) {
+    for (int i = 0; i < n && shape == Shape::Children; ++i) {
         t += "<c k='" + std::to_string(i) + "'>v</c>";
+    }
+    for (int i = 0; i < n && shape == Shape::Chain; ++i) {
+        t += "<c k='" + std::to_string(i) + "'>";
+    }
+    if (shape == Shape::Chain) {
+        t += "v";
+        for (int i = 0; i < n; ++i) {
+            t += "</c>";
+        }
     }
     t += "</e><o/></d>";
     XmlNode *doc = nullptr;
@@ -102,107 +140,139 @@ bool copied(uint32_t (*clone)(XmlNode *, XmlNode **), XmlNode *n)
 
 struct Pattern {
     const char *name;
-    bool attrs;
+    Shape shape;
     std::function<long(const Ctx &)> run;
 };
 
 const Pattern kPatterns[] = {
     // each child of the wide element
-    {"set_value", false, [](const Ctx &x) {
+    {"set_value", Shape::Children, [](const Ctx &x) {
          int32_t v = 5;
          return x.each([&](XmlNode *c) { return KRV_XML_SetNodeValueEx(c, KRV_XML_VALUE_INT32, &v) == 0; });
      }},
-    {"rename", false, [](const Ctx &x) {
+    {"rename", Shape::Children, [](const Ctx &x) {
          int i = 0;
          return x.each([&](XmlNode *c) { return KRV_XML_SetNode(c, nullptr, nm(i++).c_str(), "w") == 0; });
      }},
-    {"clone_self", false, [](const Ctx &x) { return x.each([](XmlNode *c) { return copied(KRV_XML_CloneNodeSelf, c); }); }},
-    {"clone", false, [](const Ctx &x) { return x.each([](XmlNode *c) { return copied(KRV_XML_CloneNode, c); }); }},
-    {"transform", false, [](const Ctx &x) { return x.each([](XmlNode *c) { return printed(KRV_XML_Transform, c); }); }},
-    {"head_tail", false, [](const Ctx &x) {
+    {"clone_self", Shape::Children, [](const Ctx &x) { return x.each([](XmlNode *c) { return copied(KRV_XML_CloneNodeSelf, c); }); }},
+    {"clone", Shape::Children, [](const Ctx &x) { return x.each([](XmlNode *c) { return copied(KRV_XML_CloneNode, c); }); }},
+    {"transform", Shape::Children, [](const Ctx &x) { return x.each([](XmlNode *c) { return printed(KRV_XML_Transform, c); }); }},
+    {"head_tail", Shape::Children, [](const Ctx &x) {
          return x.each([](XmlNode *c) {
              return printed(KRV_XML_TransformHead, c) && printed(KRV_XML_TransformTail, c);
          });
      }},
-    {"remove_free", false, [](const Ctx &x) {
+    {"remove_free", Shape::Children, [](const Ctx &x) {
          return x.each([](XmlNode *c) { return KRV_XML_RemoveNode(c) == 0 && freed(c); });
      }},
-    {"free_first_on", false, [](const Ctx &x) { return x.each(freed); }},
-    {"free_last_on", false, [](const Ctx &x) {
+    {"free_first_on", Shape::Children, [](const Ctx &x) { return x.each(freed); }},
+    {"free_last_on", Shape::Children, [](const Ctx &x) {
          std::vector<XmlNode *> v = x.kids();
          return x.times([&](int i) { return freed(v[v.size() - 1 - static_cast<size_t>(i)]); });
      }},
-    {"move_to_other", false, [](const Ctx &x) {
+    {"move_to_other", Shape::Children, [](const Ctx &x) {
          return x.each([&](XmlNode *c) { return KRV_XML_RemoveNode(c) == 0 && KRV_XML_AppendChildNode(x.other(), c) == 0; });
      }},
-    {"move_to_front", false, [](const Ctx &x) {
+    {"move_to_front", Shape::Children, [](const Ctx &x) {
          return x.each([&](XmlNode *c) { return KRV_XML_RemoveNode(c) == 0 && KRV_XML_AddFirstChildNode(x.el, c) == 0; });
      }},
-    {"append_below", false, [](const Ctx &x) {
+    {"append_below", Shape::Children, [](const Ctx &x) {
          return x.each([&](XmlNode *c) { return KRV_XML_AppendChildNode(c, x.made()) == 0; });
      }},
-    {"add_attr", false, [](const Ctx &x) {
+    {"add_attr", Shape::Children, [](const Ctx &x) {
          return x.each([](XmlNode *c) { return KRV_XML_AddAttr(c, nullptr, "z", "1") == 0; });
      }},
-    {"set_attr_value", false, [](const Ctx &x) {
+    {"set_attr_value", Shape::Children, [](const Ctx &x) {
          uint8_t v = 3;
          return x.each([&](XmlNode *c) { return KRV_XML_SetAttrValueEx(c, nullptr, "k", KRV_XML_VALUE_UINT8, &v) == 0; });
      }},
-    {"free_attr", false, [](const Ctx &x) { return x.each([](XmlNode *c) { return freed(c->firstAttr); }); }},
-    {"url_from_child", false, [](const Ctx &x) {
+    {"free_attr", Shape::Children, [](const Ctx &x) { return x.each([](XmlNode *c) { return freed(c->firstAttr); }); }},
+    {"url_from_child", Shape::Children, [](const Ctx &x) {
          return x.each([](XmlNode *c) {
              XmlNode *out = nullptr;
              return KRV_XML_GetNodeByUrl(c, "c", &out) == 0;
          });
      }},
-    {"parent", false, [](const Ctx &x) { return x.each([&](XmlNode *c) { return KRV_XML_GetNodeParent(c) == x.el; }); }},
+    {"parent", Shape::Children, [](const Ctx &x) { return x.each([&](XmlNode *c) { return KRV_XML_GetNodeParent(c) == x.el; }); }},
     // N new nodes
-    {"add_before_last", false, [](const Ctx &x) {
+    {"add_before_last", Shape::Children, [](const Ctx &x) {
          XmlNode *last = x.el->lastChild;
          return x.times([&](int) { return KRV_XML_AddPrevSiblingNode(last, x.made()) == 0; });
      }},
-    {"add_after_first", false, [](const Ctx &x) {
+    {"add_after_first", Shape::Children, [](const Ctx &x) {
          XmlNode *first = x.el->firstChild;
          return x.times([&](int) { return KRV_XML_AddNextSiblingNode(first, x.made()) == 0; });
      }},
-    {"add_first", false, [](const Ctx &x) {
+    {"add_first", Shape::Children, [](const Ctx &x) {
          return x.times([&](int) { return KRV_XML_AddFirstChildNode(x.el, x.made()) == 0; });
      }},
-    {"loose_then_free", false, [](const Ctx &x) {
+    {"loose_then_free", Shape::Children, [](const Ctx &x) {
          std::vector<XmlNode *> v;
          x.times([&](int) { return (v.push_back(x.made()), true); });
          return x.times([&](int i) { return freed(v[static_cast<size_t>(i)]); });
      }},
-    {"loose_then_link", false, [](const Ctx &x) {
+    {"loose_then_link", Shape::Children, [](const Ctx &x) {
          std::vector<XmlNode *> v;
          x.times([&](int) { return (v.push_back(x.made()), true); });
          return x.times([&](int i) { return KRV_XML_AppendChildNode(x.other(), v[static_cast<size_t>(i)]) == 0; });
      }},
     // each attribute of the wide element, by name
-    {"attr_remove_first_on", true, [](const Ctx &x) {
+    {"attr_remove_first_on", Shape::Attrs, [](const Ctx &x) {
          return x.times([&](int i) { return KRV_XML_RemoveAttr(x.el, nullptr, nm(i).c_str()) == 0; });
      }},
-    {"attr_remove_last_on", true, [](const Ctx &x) {
+    {"attr_remove_last_on", Shape::Attrs, [](const Ctx &x) {
          return x.times([&](int i) { return KRV_XML_RemoveAttr(x.el, nullptr, nm(x.n - 1 - i).c_str()) == 0; });
      }},
-    {"attr_free_first_on", true, [](const Ctx &x) { return x.times([&](int) { return freed(x.el->firstAttr); }); }},
-    {"attr_set", true, [](const Ctx &x) {
+    {"attr_free_first_on", Shape::Attrs, [](const Ctx &x) { return x.times([&](int) { return freed(x.el->firstAttr); }); }},
+    {"attr_set", Shape::Attrs, [](const Ctx &x) {
          return x.times([&](int i) { return KRV_XML_SetAttr(x.el, nullptr, nm(i).c_str(), "w") == 0; });
      }},
-    {"attr_get_value", true, [](const Ctx &x) {
+    {"attr_get_value", Shape::Attrs, [](const Ctx &x) {
          return x.times([&](int i) {
              int32_t v = -1;
              return KRV_XML_GetAttrValueEx(x.el, nullptr, nm(i).c_str(), KRV_XML_VALUE_INT32, &v) == 0 && v == i;
          });
      }},
-    {"attr_next_by_name", true, [](const Ctx &x) {
+    {"attr_next_by_name", Shape::Attrs, [](const Ctx &x) {
          return x.times([&](int i) {
              const char *p = nullptr, *name = nullptr, *v = nullptr;
              return i == x.n - 1 || KRV_XML_GetNextSiblingAttr(x.el, nullptr, nm(i).c_str(), &p, &name, &v) == 0;
          });
      }},
-    {"attr_add", true, [](const Ctx &x) {
+    {"attr_add", Shape::Attrs, [](const Ctx &x) {
          return x.times([&](int i) { return KRV_XML_AddAttr(x.el, nullptr, ("z" + std::to_string(i)).c_str(), "1") == 0; });
+     }},
+    // each level of a chain
+    {"chain_free_bottom_up", Shape::Chain, [](const Ctx &x) { return x.up(freed); }},
+    {"chain_remove_bottom_up", Shape::Chain, [](const Ctx &x) {
+         return x.up([](XmlNode *c) { return KRV_XML_RemoveNode(c) == 0 && freed(c); });
+     }},
+    {"chain_set_value_up", Shape::Chain, [](const Ctx &x) {
+         int32_t v = 5;
+         return x.up([&](XmlNode *c) { return KRV_XML_SetNodeValueEx(c, KRV_XML_VALUE_INT32, &v) == 0; });
+     }},
+    {"chain_rename_down", Shape::Chain, [](const Ctx &x) {
+         int i = 0;
+         return x.down([&](XmlNode *c) { return KRV_XML_SetNode(c, nullptr, nm(i++).c_str(), nullptr) == 0; });
+     }},
+    {"chain_add_attr_up", Shape::Chain, [](const Ctx &x) {
+         return x.up([](XmlNode *c) { return KRV_XML_AddAttr(c, nullptr, "z", "1") == 0; });
+     }},
+    {"chain_free_attr_up", Shape::Chain, [](const Ctx &x) { return x.up([](XmlNode *c) { return freed(c->firstAttr); }); }},
+    {"chain_clone_self_up", Shape::Chain, [](const Ctx &x) {
+         return x.up([](XmlNode *c) { return copied(KRV_XML_CloneNodeSelf, c); });
+     }},
+    {"chain_url_down", Shape::Chain, [](const Ctx &x) {
+         return x.down([](XmlNode *c) {
+             XmlNode *out = nullptr;
+             return KRV_XML_GetNodeByUrl(c, "c", &out) == 0;
+         });
+     }},
+    {"chain_parent_up", Shape::Chain, [](const Ctx &x) {
+         return x.up([](XmlNode *c) { return KRV_XML_GetNodeParent(c) != nullptr; });
+     }},
+    {"chain_append_leaf_up", Shape::Chain, [](const Ctx &x) {
+         return x.up([&](XmlNode *c) { return KRV_XML_AppendChildNode(c, x.made()) == 0; });
      }},
 };
 
@@ -220,7 +290,7 @@ int main(int argc, char **argv)
             double ns[2];
             bool counted = true;
             for (int k = 0; k < 2; ++k) {
-                Ctx x{wide(k == 0 ? n : 10 * n, session, p.attrs), nullptr, session, k == 0 ? n : 10 * n};
+                Ctx x{wide(k == 0 ? n : 10 * n, session, p.shape), nullptr, session, k == 0 ? n : 10 * n};
                 if (x.doc == nullptr) {
                     return 1;
                 }
