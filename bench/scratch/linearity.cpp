@@ -18,7 +18,7 @@
 namespace {
 
 struct Ctx {
-    XmlNode *doc, *el;  // el: the wide element (children or attributes)
+    XmlNode *doc, *el;  // el: the element with the children, the attributes or the chain below it
     bool session;
     int n;
     std::vector<XmlNode *> kids() const
@@ -146,134 +146,155 @@ struct Pattern {
 
 const Pattern kPatterns[] = {
     // each child of the wide element
-    {"set_value", Shape::Children, [](const Ctx &x) {
+    {"set_value", Shape::Children,
+     [](const Ctx &x) {
          int32_t v = 5;
          return x.each([&](XmlNode *c) { return KRV_XML_SetNodeValueEx(c, KRV_XML_VALUE_INT32, &v) == 0; });
      }},
-    {"rename", Shape::Children, [](const Ctx &x) {
+    {"rename", Shape::Children,
+     [](const Ctx &x) {
          int i = 0;
          return x.each([&](XmlNode *c) { return KRV_XML_SetNode(c, nullptr, nm(i++).c_str(), "w") == 0; });
      }},
-    {"clone_self", Shape::Children, [](const Ctx &x) { return x.each([](XmlNode *c) { return copied(KRV_XML_CloneNodeSelf, c); }); }},
-    {"clone", Shape::Children, [](const Ctx &x) { return x.each([](XmlNode *c) { return copied(KRV_XML_CloneNode, c); }); }},
-    {"transform", Shape::Children, [](const Ctx &x) { return x.each([](XmlNode *c) { return printed(KRV_XML_Transform, c); }); }},
-    {"head_tail", Shape::Children, [](const Ctx &x) {
-         return x.each([](XmlNode *c) {
-             return printed(KRV_XML_TransformHead, c) && printed(KRV_XML_TransformTail, c);
-         });
+    {"clone_self", Shape::Children,
+     [](const Ctx &x) { return x.each([](XmlNode *c) { return copied(KRV_XML_CloneNodeSelf, c); }); }},
+    {"clone", Shape::Children,
+     [](const Ctx &x) { return x.each([](XmlNode *c) { return copied(KRV_XML_CloneNode, c); }); }},
+    {"transform", Shape::Children,
+     [](const Ctx &x) { return x.each([](XmlNode *c) { return printed(KRV_XML_Transform, c); }); }},
+    {"head_tail", Shape::Children,
+     [](const Ctx &x) {
+         return x.each(
+             [](XmlNode *c) { return printed(KRV_XML_TransformHead, c) && printed(KRV_XML_TransformTail, c); });
      }},
-    {"remove_free", Shape::Children, [](const Ctx &x) {
-         return x.each([](XmlNode *c) { return KRV_XML_RemoveNode(c) == 0 && freed(c); });
-     }},
+    {"remove_free", Shape::Children,
+     [](const Ctx &x) { return x.each([](XmlNode *c) { return KRV_XML_RemoveNode(c) == 0 && freed(c); }); }},
     {"free_first_on", Shape::Children, [](const Ctx &x) { return x.each(freed); }},
-    {"free_last_on", Shape::Children, [](const Ctx &x) {
+    {"free_last_on", Shape::Children,
+     [](const Ctx &x) {
          std::vector<XmlNode *> v = x.kids();
          return x.times([&](int i) { return freed(v[v.size() - 1 - static_cast<size_t>(i)]); });
      }},
-    {"move_to_other", Shape::Children, [](const Ctx &x) {
-         return x.each([&](XmlNode *c) { return KRV_XML_RemoveNode(c) == 0 && KRV_XML_AppendChildNode(x.other(), c) == 0; });
+    {"move_to_other", Shape::Children,
+     [](const Ctx &x) {
+         return x.each(
+             [&](XmlNode *c) { return KRV_XML_RemoveNode(c) == 0 && KRV_XML_AppendChildNode(x.other(), c) == 0; });
      }},
-    {"move_to_front", Shape::Children, [](const Ctx &x) {
-         return x.each([&](XmlNode *c) { return KRV_XML_RemoveNode(c) == 0 && KRV_XML_AddFirstChildNode(x.el, c) == 0; });
+    {"move_to_front", Shape::Children,
+     [](const Ctx &x) {
+         return x.each(
+             [&](XmlNode *c) { return KRV_XML_RemoveNode(c) == 0 && KRV_XML_AddFirstChildNode(x.el, c) == 0; });
      }},
-    {"append_below", Shape::Children, [](const Ctx &x) {
-         return x.each([&](XmlNode *c) { return KRV_XML_AppendChildNode(c, x.made()) == 0; });
-     }},
-    {"add_attr", Shape::Children, [](const Ctx &x) {
-         return x.each([](XmlNode *c) { return KRV_XML_AddAttr(c, nullptr, "z", "1") == 0; });
-     }},
-    {"set_attr_value", Shape::Children, [](const Ctx &x) {
+    {"append_below", Shape::Children,
+     [](const Ctx &x) { return x.each([&](XmlNode *c) { return KRV_XML_AppendChildNode(c, x.made()) == 0; }); }},
+    {"add_attr", Shape::Children,
+     [](const Ctx &x) { return x.each([](XmlNode *c) { return KRV_XML_AddAttr(c, nullptr, "z", "1") == 0; }); }},
+    {"set_attr_value", Shape::Children,
+     [](const Ctx &x) {
          uint8_t v = 3;
-         return x.each([&](XmlNode *c) { return KRV_XML_SetAttrValueEx(c, nullptr, "k", KRV_XML_VALUE_UINT8, &v) == 0; });
+         return x.each(
+             [&](XmlNode *c) { return KRV_XML_SetAttrValueEx(c, nullptr, "k", KRV_XML_VALUE_UINT8, &v) == 0; });
      }},
     {"free_attr", Shape::Children, [](const Ctx &x) { return x.each([](XmlNode *c) { return freed(c->firstAttr); }); }},
-    {"url_from_child", Shape::Children, [](const Ctx &x) {
+    {"url_from_child", Shape::Children,
+     [](const Ctx &x) {
          return x.each([](XmlNode *c) {
              XmlNode *out = nullptr;
              return KRV_XML_GetNodeByUrl(c, "c", &out) == 0;
          });
      }},
-    {"parent", Shape::Children, [](const Ctx &x) { return x.each([&](XmlNode *c) { return KRV_XML_GetNodeParent(c) == x.el; }); }},
+    {"parent", Shape::Children,
+     [](const Ctx &x) { return x.each([&](XmlNode *c) { return KRV_XML_GetNodeParent(c) == x.el; }); }},
     // N new nodes
-    {"add_before_last", Shape::Children, [](const Ctx &x) {
+    {"add_before_last", Shape::Children,
+     [](const Ctx &x) {
          XmlNode *last = x.el->lastChild;
          return x.times([&](int) { return KRV_XML_AddPrevSiblingNode(last, x.made()) == 0; });
      }},
-    {"add_after_first", Shape::Children, [](const Ctx &x) {
+    {"add_after_first", Shape::Children,
+     [](const Ctx &x) {
          XmlNode *first = x.el->firstChild;
          return x.times([&](int) { return KRV_XML_AddNextSiblingNode(first, x.made()) == 0; });
      }},
-    {"add_first", Shape::Children, [](const Ctx &x) {
-         return x.times([&](int) { return KRV_XML_AddFirstChildNode(x.el, x.made()) == 0; });
-     }},
-    {"loose_then_free", Shape::Children, [](const Ctx &x) {
+    {"add_first", Shape::Children,
+     [](const Ctx &x) { return x.times([&](int) { return KRV_XML_AddFirstChildNode(x.el, x.made()) == 0; }); }},
+    {"loose_then_free", Shape::Children,
+     [](const Ctx &x) {
          std::vector<XmlNode *> v;
          x.times([&](int) { return (v.push_back(x.made()), true); });
          return x.times([&](int i) { return freed(v[static_cast<size_t>(i)]); });
      }},
-    {"loose_then_link", Shape::Children, [](const Ctx &x) {
+    {"loose_then_link", Shape::Children,
+     [](const Ctx &x) {
          std::vector<XmlNode *> v;
          x.times([&](int) { return (v.push_back(x.made()), true); });
          return x.times([&](int i) { return KRV_XML_AppendChildNode(x.other(), v[static_cast<size_t>(i)]) == 0; });
      }},
     // each attribute of the wide element, by name
-    {"attr_remove_first_on", Shape::Attrs, [](const Ctx &x) {
+    {"attr_remove_first_on", Shape::Attrs,
+     [](const Ctx &x) {
          return x.times([&](int i) { return KRV_XML_RemoveAttr(x.el, nullptr, nm(i).c_str()) == 0; });
      }},
-    {"attr_remove_last_on", Shape::Attrs, [](const Ctx &x) {
+    {"attr_remove_last_on", Shape::Attrs,
+     [](const Ctx &x) {
          return x.times([&](int i) { return KRV_XML_RemoveAttr(x.el, nullptr, nm(x.n - 1 - i).c_str()) == 0; });
      }},
-    {"attr_free_first_on", Shape::Attrs, [](const Ctx &x) { return x.times([&](int) { return freed(x.el->firstAttr); }); }},
-    {"attr_set", Shape::Attrs, [](const Ctx &x) {
+    {"attr_free_first_on", Shape::Attrs,
+     [](const Ctx &x) { return x.times([&](int) { return freed(x.el->firstAttr); }); }},
+    {"attr_set", Shape::Attrs,
+     [](const Ctx &x) {
          return x.times([&](int i) { return KRV_XML_SetAttr(x.el, nullptr, nm(i).c_str(), "w") == 0; });
      }},
-    {"attr_get_value", Shape::Attrs, [](const Ctx &x) {
+    {"attr_get_value", Shape::Attrs,
+     [](const Ctx &x) {
          return x.times([&](int i) {
              int32_t v = -1;
              return KRV_XML_GetAttrValueEx(x.el, nullptr, nm(i).c_str(), KRV_XML_VALUE_INT32, &v) == 0 && v == i;
          });
      }},
-    {"attr_next_by_name", Shape::Attrs, [](const Ctx &x) {
+    {"attr_next_by_name", Shape::Attrs,
+     [](const Ctx &x) {
          return x.times([&](int i) {
              const char *p = nullptr, *name = nullptr, *v = nullptr;
              return i == x.n - 1 || KRV_XML_GetNextSiblingAttr(x.el, nullptr, nm(i).c_str(), &p, &name, &v) == 0;
          });
      }},
-    {"attr_add", Shape::Attrs, [](const Ctx &x) {
-         return x.times([&](int i) { return KRV_XML_AddAttr(x.el, nullptr, ("z" + std::to_string(i)).c_str(), "1") == 0; });
+    {"attr_add", Shape::Attrs,
+     [](const Ctx &x) {
+         return x.times(
+             [&](int i) { return KRV_XML_AddAttr(x.el, nullptr, ("z" + std::to_string(i)).c_str(), "1") == 0; });
      }},
     // each level of a chain
     {"chain_free_bottom_up", Shape::Chain, [](const Ctx &x) { return x.up(freed); }},
-    {"chain_remove_bottom_up", Shape::Chain, [](const Ctx &x) {
-         return x.up([](XmlNode *c) { return KRV_XML_RemoveNode(c) == 0 && freed(c); });
-     }},
-    {"chain_set_value_up", Shape::Chain, [](const Ctx &x) {
+    {"chain_remove_bottom_up", Shape::Chain,
+     [](const Ctx &x) { return x.up([](XmlNode *c) { return KRV_XML_RemoveNode(c) == 0 && freed(c); }); }},
+    {"chain_set_value_up", Shape::Chain,
+     [](const Ctx &x) {
          int32_t v = 5;
          return x.up([&](XmlNode *c) { return KRV_XML_SetNodeValueEx(c, KRV_XML_VALUE_INT32, &v) == 0; });
      }},
-    {"chain_rename_down", Shape::Chain, [](const Ctx &x) {
+    {"chain_rename_down", Shape::Chain,
+     [](const Ctx &x) {
          int i = 0;
          return x.down([&](XmlNode *c) { return KRV_XML_SetNode(c, nullptr, nm(i++).c_str(), nullptr) == 0; });
      }},
-    {"chain_add_attr_up", Shape::Chain, [](const Ctx &x) {
-         return x.up([](XmlNode *c) { return KRV_XML_AddAttr(c, nullptr, "z", "1") == 0; });
-     }},
-    {"chain_free_attr_up", Shape::Chain, [](const Ctx &x) { return x.up([](XmlNode *c) { return freed(c->firstAttr); }); }},
-    {"chain_clone_self_up", Shape::Chain, [](const Ctx &x) {
-         return x.up([](XmlNode *c) { return copied(KRV_XML_CloneNodeSelf, c); });
-     }},
-    {"chain_url_down", Shape::Chain, [](const Ctx &x) {
+    {"chain_add_attr_up", Shape::Chain,
+     [](const Ctx &x) { return x.up([](XmlNode *c) { return KRV_XML_AddAttr(c, nullptr, "z", "1") == 0; }); }},
+    {"chain_free_attr_up", Shape::Chain,
+     [](const Ctx &x) { return x.up([](XmlNode *c) { return freed(c->firstAttr); }); }},
+    {"chain_clone_self_up", Shape::Chain,
+     [](const Ctx &x) { return x.up([](XmlNode *c) { return copied(KRV_XML_CloneNodeSelf, c); }); }},
+    {"chain_url_down", Shape::Chain,
+     [](const Ctx &x) {
          return x.down([](XmlNode *c) {
              XmlNode *out = nullptr;
              return KRV_XML_GetNodeByUrl(c, "c", &out) == 0;
          });
      }},
-    {"chain_parent_up", Shape::Chain, [](const Ctx &x) {
-         return x.up([](XmlNode *c) { return KRV_XML_GetNodeParent(c) != nullptr; });
-     }},
-    {"chain_append_leaf_up", Shape::Chain, [](const Ctx &x) {
-         return x.up([&](XmlNode *c) { return KRV_XML_AppendChildNode(c, x.made()) == 0; });
-     }},
+    {"chain_parent_up", Shape::Chain,
+     [](const Ctx &x) { return x.up([](XmlNode *c) { return KRV_XML_GetNodeParent(c) != nullptr; }); }},
+    {"chain_append_leaf_up", Shape::Chain,
+     [](const Ctx &x) { return x.up([&](XmlNode *c) { return KRV_XML_AppendChildNode(c, x.made()) == 0; }); }},
 };
 
 }  // namespace
