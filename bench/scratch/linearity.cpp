@@ -21,46 +21,31 @@ struct Ctx {
     XmlNode *doc, *el;  // el: the element with the children, the attributes or the chain below it
     bool session;
     int n;
-    std::vector<XmlNode *> kids() const
+    // From el's first child along `step`: its children (next) or the levels of a chain (firstChild).
+    std::vector<XmlNode *> walk(XmlNode *XmlNode::*step) const
     {
         std::vector<XmlNode *> v;
-        for (XmlNode *c = el->firstChild; c != nullptr; c = c->next) {
+        for (XmlNode *c = el->firstChild; c != nullptr; c = c->*step) {
             v.push_back(c);
         }
         return v;
     }
-    std::vector<XmlNode *> levels() const  // of a chain, top down
-    {
-        std::vector<XmlNode *> v;
-        for (XmlNode *c = el->firstChild; c != nullptr; c = c->firstChild) {
-            v.push_back(c);
-        }
-        return v;
-    }
-    long down(const std::function<bool(XmlNode *)> &f) const
+    std::vector<XmlNode *> kids() const { return walk(&XmlNode::next); }
+    std::vector<XmlNode *> levels() const { return walk(&XmlNode::firstChild); }  // top down
+    static long over(const std::vector<XmlNode *> &nodes, const std::function<bool(XmlNode *)> &f)
     {
         long ok = 0;
-        for (XmlNode *c : levels()) {
+        for (XmlNode *c : nodes) {
             ok += f(c) ? 1 : 0;
         }
         return ok;
     }
+    long each(const std::function<bool(XmlNode *)> &f) const { return over(kids(), f); }
+    long down(const std::function<bool(XmlNode *)> &f) const { return over(levels(), f); }
     long up(const std::function<bool(XmlNode *)> &f) const
     {
         std::vector<XmlNode *> v = levels();
-        long ok = 0;
-        for (auto it = v.rbegin(); it != v.rend(); ++it) {
-            ok += f(*it) ? 1 : 0;
-        }
-        return ok;
-    }
-    long each(const std::function<bool(XmlNode *)> &f) const
-    {
-        long ok = 0;
-        for (XmlNode *c : kids()) {
-            ok += f(c) ? 1 : 0;
-        }
-        return ok;
+        return over(std::vector<XmlNode *>(v.rbegin(), v.rend()), f);
     }
     long times(const std::function<bool(int)> &f) const
     {
