@@ -290,11 +290,9 @@ void WideElement(benchmark::State &state, bool session, Wide mode)
             return;
         }
         bool ok = true;
-        for (const std::string &name : names) {
-            if (mode != Wide::Read) {
-                ok = ok && (mode == Wide::Parsed ? KRV_XML_SetAttr(doc, nullptr, name.c_str(), "w")
-                                                 : KRV_XML_AddAttr(doc, nullptr, name.c_str(), "v")) == KRV_XML_OK;
-            }
+        for (size_t i = 0; mode != Wide::Read && i < n; ++i) {
+            ok = ok && (mode == Wide::Parsed ? KRV_XML_SetAttr(doc, nullptr, names[i].c_str(), "w")
+                                             : KRV_XML_AddAttr(doc, nullptr, names[i].c_str(), "v")) == KRV_XML_OK;
         }
         for (const std::string &name : names) {
             const char *value = nullptr;

@@ -107,6 +107,12 @@ bool freed(XmlNode *n)
     return true;
 }
 
+bool valueSet(XmlNode *n)
+{
+    const int32_t v = 5;
+    return KRV_XML_SetNodeValueEx(n, KRV_XML_VALUE_INT32, &v) == KRV_XML_OK;
+}
+
 bool printed(uint32_t (*transform)(XmlNode *, char **), XmlNode *n)
 {
     char *s = nullptr;
@@ -131,11 +137,7 @@ struct Pattern {
 
 const Pattern kPatterns[] = {
     // each child of the wide element
-    {"set_value", Shape::Children,
-     [](const Ctx &x) {
-         int32_t v = 5;
-         return x.each([&](XmlNode *c) { return KRV_XML_SetNodeValueEx(c, KRV_XML_VALUE_INT32, &v) == 0; });
-     }},
+    {"set_value", Shape::Children, [](const Ctx &x) { return x.each(valueSet); }},
     {"rename", Shape::Children,
      [](const Ctx &x) {
          int i = 0;
@@ -253,11 +255,7 @@ const Pattern kPatterns[] = {
     {"chain_free_bottom_up", Shape::Chain, [](const Ctx &x) { return x.up(freed); }},
     {"chain_remove_bottom_up", Shape::Chain,
      [](const Ctx &x) { return x.up([](XmlNode *c) { return KRV_XML_RemoveNode(c) == 0 && freed(c); }); }},
-    {"chain_set_value_up", Shape::Chain,
-     [](const Ctx &x) {
-         int32_t v = 5;
-         return x.up([&](XmlNode *c) { return KRV_XML_SetNodeValueEx(c, KRV_XML_VALUE_INT32, &v) == 0; });
-     }},
+    {"chain_set_value_up", Shape::Chain, [](const Ctx &x) { return x.up(valueSet); }},
     {"chain_rename_down", Shape::Chain,
      [](const Ctx &x) {
          int i = 0;
