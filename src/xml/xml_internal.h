@@ -102,10 +102,6 @@ struct XmlMemSession {
     XmlMemSession *firstNonFull;
     SessionIndex *index;
     int32_t ordinal;           // position of this block in the chain
-    // First block only: 1 once the session has grown past the caches (see
-    // xmlPrefetchAhead); a document's copy then requests the memory it will
-    // fill next.
-    int32_t prefetchAhead;
 };
 
 // Requests the cache lines a block's length past p, where a session that

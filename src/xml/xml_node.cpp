@@ -104,13 +104,6 @@ constexpr size_t kLargestSlab = (size_t{32} << 20) - 4096;
 // header does not push a page-backed slab onto one more page.
 constexpr size_t kHeapOverhead = 32;
 
-// Past this much slab memory a session's tree no longer fits the caches,
-// and a document's copy asks for the memory it will fill ahead
-// (prefetchAhead). Below it the copy's memory is usually cached already, and
-// the requests would only cost time. (The parser's one-pass tag read asks at
-// every size: there the next block is cleared before it is written.)
-constexpr size_t kPrefetchFrom = size_t{16} << 20;
-
 // The next shared slab: an eighth of the slabs so far, in 64 KB steps.
 size_t nextSlabFor(size_t total)
 {
@@ -353,9 +346,7 @@ XmlMemSession *makeBlock(XmlMemSession *session, int32_t n, bool clear)
         index->spare = nullptr;
         return spare;
     }
-    XmlMemSession *block = slabBlock(index, capacity, clear);
-    session->prefetchAhead = index->slabTotal >= kPrefetchFrom ? 1 : 0;
-    return block;
+    return slabBlock(index, capacity, clear);
 }
 
 // A request of n bytes (n > 0) that the first non-full block cannot serve.

@@ -746,9 +746,6 @@ uint32_t xmlClone(const XmlNode *source, XmlNode *copy)
         if (c == nullptr) {
             return KRV_XML_ERR_NO_MEMORY;
         }
-        if (target.session != nullptr && target.session->prefetchAhead != 0) {
-            xmlPrefetchAhead(c);  // the copy's blocks are filled in order
-        }
         xmlPrefetchPast(cur);  // the next source records
         c->parent = dest;
         c->prev = dest->lastChild;
