@@ -129,6 +129,13 @@ bool copied(uint32_t (*clone)(XmlNode *, XmlNode **), XmlNode *n)
     return ok;
 }
 
+// A path lookup of the first child named "c" below n.
+bool childFound(XmlNode *n)
+{
+    XmlNode *out = nullptr;
+    return KRV_XML_GetNodeByUrl(n, "c", &out) == KRV_XML_OK;
+}
+
 struct Pattern {
     const char *name;
     Shape shape;
@@ -183,13 +190,7 @@ const Pattern kPatterns[] = {
              [&](XmlNode *c) { return KRV_XML_SetAttrValueEx(c, nullptr, "k", KRV_XML_VALUE_UINT8, &v) == 0; });
      }},
     {"free_attr", Shape::Children, [](const Ctx &x) { return x.each([](XmlNode *c) { return freed(c->firstAttr); }); }},
-    {"url_from_child", Shape::Children,
-     [](const Ctx &x) {
-         return x.each([](XmlNode *c) {
-             XmlNode *out = nullptr;
-             return KRV_XML_GetNodeByUrl(c, "c", &out) == 0;
-         });
-     }},
+    {"url_from_child", Shape::Children, [](const Ctx &x) { return x.each(childFound); }},
     {"parent", Shape::Children,
      [](const Ctx &x) { return x.each([&](XmlNode *c) { return KRV_XML_GetNodeParent(c) == x.el; }); }},
     // N new nodes
@@ -267,13 +268,7 @@ const Pattern kPatterns[] = {
      [](const Ctx &x) { return x.up([](XmlNode *c) { return freed(c->firstAttr); }); }},
     {"chain_clone_self_up", Shape::Chain,
      [](const Ctx &x) { return x.up([](XmlNode *c) { return copied(KRV_XML_CloneNodeSelf, c); }); }},
-    {"chain_url_down", Shape::Chain,
-     [](const Ctx &x) {
-         return x.down([](XmlNode *c) {
-             XmlNode *out = nullptr;
-             return KRV_XML_GetNodeByUrl(c, "c", &out) == 0;
-         });
-     }},
+    {"chain_url_down", Shape::Chain, [](const Ctx &x) { return x.down(childFound); }},
     {"chain_parent_up", Shape::Chain,
      [](const Ctx &x) { return x.up([](XmlNode *c) { return KRV_XML_GetNodeParent(c) != nullptr; }); }},
     {"chain_append_leaf_up", Shape::Chain,
