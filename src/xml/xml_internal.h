@@ -136,6 +136,23 @@ inline void xmlPrefetchPast(const void *record)
     __builtin_prefetch(reinterpret_cast<const void *>(at + 768));
 }
 
+// Requests two lines 4 KB below a record that a climb to its ancestors has
+// reached. A parse or a copy makes a parent before its children, so the
+// records of a deep chain lie one after the other at rising addresses and a
+// climb reads them downwards, one level in about a hundred bytes. Asked this
+// far ahead, the levels a few dozen steps up arrive while the climb works on
+// the ones in between. Only a hint, like the above.
+inline void xmlPrefetchBelow(const void *record)
+{
+    const uintptr_t at = reinterpret_cast<uintptr_t>(record) - 4096;
+#if defined(__x86_64__)
+    __asm__ volatile("prefetcht0 (%0)\n\tprefetcht0 -64(%0)" : : "r"(at));
+#else
+    __builtin_prefetch(reinterpret_cast<const void *>(at));
+    __builtin_prefetch(reinterpret_cast<const void *>(at - 64));
+#endif
+}
+
 // Copies len bytes, len at most 16, without a library call: two overlapping
 // loads cover every length of a size class.
 inline void xmlCopyShort(char *dst, const char *src, size_t len)

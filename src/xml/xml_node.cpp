@@ -876,6 +876,10 @@ void mergeFreedBlocks()
 // caches is not released at the pace of one memory round trip per block.
 constexpr uintptr_t kReleaseAhead = 8192;
 
+// Below this depth a release climbs through records it walked just before,
+// still in the caches.
+constexpr size_t kDeepRelease = 16;
+
 // The blocks of a heap tree, handed to the heap in batches, each batch last
 // first. Trees are built front to back, so a batch goes back highest address
 // first and glibc's fast lists hold each size in address order, which makes
@@ -995,6 +999,9 @@ void XML_FreeNode(XmlNode *node)
             --depth;
             cur = parent;
             parent = cur->parent;
+            if (depth > kDeepRelease) {
+                xmlPrefetchBelow(parent);  // a deep chain: its upper levels lie below
+            }
             chainEnds = false;
         }
     }

@@ -2154,6 +2154,7 @@ Fast fastEndTag(XmlParser *p)
         }
         cur = cur->parent;
     }
+    xmlPrefetchBelow(cur);  // end tags in a row close the levels below it in turn
     const char *nameEnd = nullptr;
     int64_t colonAt = kColonUnknown;
     const char *gt = endTagCloses(p, cur, name, &nameEnd, &colonAt);
