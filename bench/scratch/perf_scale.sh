@@ -3,7 +3,8 @@
 #   bench/scratch/perf_scale.sh parse|clone [LIBDIR]
 # perf (cpu-clock) samples of runs with few and with many repetitions, per
 # file; the difference is warm work only (the first, cold pass cancels out).
-# Prints ms per input MB by function at 100 MB and at 1 MB. Needs
+# Prints ms per input MB by function at 100 MB and at 1 MB. KRV_MODE=0 times
+# the heap parse (and its release) instead of the session parse. Needs
 # /tmp/parse_median and /tmp/clone_median (see README).
 set -e
 export GLIBC_TUNABLES=glibc.malloc.trim_threshold=4000000000:glibc.malloc.mmap_threshold=4000000000
@@ -11,7 +12,7 @@ corpus="$(cd "$(dirname "$0")/../corpus" && pwd)"
 op=$1
 [ -n "$2" ] && export LD_LIBRARY_PATH=$2
 run() {  # file reps out
-  if [ "$op" = clone ]; then set -- /tmp/clone_median "$1" "$2" "$3"; else set -- /tmp/parse_median "$1" 1 "$2" "$3"; fi
+  if [ "$op" = clone ]; then set -- /tmp/clone_median "$1" "$2" "$3"; else set -- /tmp/parse_median "$1" "${KRV_MODE:-1}" "$2" "$3"; fi
   out=${@: -1}
   perf record -q -e cpu-clock -o /tmp/perf_scale.data "${@:1:$#-1}" >/dev/null 2>&1
   perf report -i /tmp/perf_scale.data --no-children --sort sym -F sample,sym 2>/dev/null |
