@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <random>
@@ -93,12 +94,13 @@ TEST(Transform, WholeHeadAndTailOfEveryShape)
 }
 
 // A random element of bare tags, as its whole text: a leaf or one to three children, now and then below a chain
-// deeper than a walk looks ahead.
-std::string grow(std::mt19937 &rng, int &budget)
+// deeper than a walk looks ahead; below a chain of at least minChain more levels when that is given.
+std::string grow(std::mt19937 &rng, int &budget, unsigned minChain = 0)
 {
     static const char *const kNames[] = {"a", "bb", "p:c", "deep"};
     std::vector<std::string> chain{kNames[rng() % 4]};
-    for (unsigned n = rng() % 4 == 0 ? 17 + rng() % 24 : 0; n > 0 && budget > 0; --n, --budget) {
+    const unsigned length = rng() % 4 == 0 ? 17 + rng() % 24 : 0;
+    for (unsigned n = std::max(minChain, length); n > 0 && budget > 0; --n, --budget) {
         chain.push_back(kNames[rng() % 4]);
     }
     std::string text;
@@ -132,7 +134,9 @@ void headAndTail(const std::string &whole, std::string *t)
     }
 }
 
-// Random trees with siblings at every level, printed from the document and from its first child.
+// Random trees with siblings at every level, printed from the document and from its first child. Every other
+// tree begins with a chain deeper than the printer's probe for deep trees, which then climbs once per run of
+// end tags.
 TEST(Transform, DeepChainsWithSiblingsAtEveryLevel)
 {
     krvtest::LeakGuard guard;
@@ -140,7 +144,7 @@ TEST(Transform, DeepChainsWithSiblingsAtEveryLevel)
     for (int round = 0; round < 40; ++round) {
         int budget = 400;
         std::string texts[6];  // whole, head and tail of the document, then of its first child, which has a sibling
-        texts[0] = "<r>\n" + (texts[3] = grow(rng, budget));
+        texts[0] = "<r>\n" + (texts[3] = grow(rng, budget, round % 2 == 0 ? 80 : 0));
         for (int kids = 1; kids < 2 || (budget > 0 && rng() % 3 != 0); ++kids) {
             texts[0] += grow(rng, budget);
         }

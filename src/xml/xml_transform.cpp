@@ -216,6 +216,7 @@ struct XmlOut {
     char *data;
     size_t length;
     size_t capacity;
+    const XmlNode *stop;  // where the last run of end tags of a deep tree stopped
 };
 
 // Resizes the block to `capacity` usable bytes, carrying the content over;
@@ -621,8 +622,11 @@ uint32_t xmlPrintAttrList(XmlNode *attr, XmlOut *out)
 // The end tags written after the leaf `node`: in the tail mode the leaf's own
 // and, in both modes, those of the ancestors whose last child the previous
 // one is. Climbs iteratively; stops at the top node, whose parent is null for
-// the length of a transform.
-bool xmlCloseRun(const XmlNode *node, XmlOut *out, uint32_t mode)
+// the length of a transform. The printing of a deep tree (kDeep) asks for
+// the levels below each one it reaches, and notes in out->stop the last
+// record it closed, where the walk goes on.
+template <bool kDeep = false>
+inline __attribute__((always_inline)) bool xmlCloseRun(const XmlNode *node, XmlOut *out, uint32_t mode)
 {
     const XmlNode *parent = node->parent;
     if (parent == nullptr || node->firstChild != nullptr || parent->lastChild != node) {
@@ -634,7 +638,13 @@ bool xmlCloseRun(const XmlNode *node, XmlOut *out, uint32_t mode)
             return false;
         }
         const XmlNode *up = close->parent;
+        if constexpr (kDeep) {
+            xmlPrefetchBelow(up);
+        }
         if (up == nullptr || up->lastChild != close) {
+            if constexpr (kDeep) {
+                out->stop = close;
+            }
             return true;
         }
         close = up;
@@ -643,7 +653,8 @@ bool xmlCloseRun(const XmlNode *node, XmlOut *out, uint32_t mode)
 
 // Writes one node in the given mode (0 whole, 1 head, 2 tail). Children are
 // not descended into: the caller's walk brings them. An attribute node writes
-// itself and the rest of its list.
+// itself and the rest of its list. kDeep: as for xmlCloseRun.
+template <bool kDeep = false>
 uint32_t xmlPrintDomTreeRecursive(XmlNode *node, XmlOut *out, uint32_t mode)
 {
     if (node == nullptr) {
@@ -659,7 +670,7 @@ uint32_t xmlPrintDomTreeRecursive(XmlNode *node, XmlOut *out, uint32_t mode)
         return KRV_XML_OK;
     }
     if (mode == kModeTail) {
-        return xmlCloseRun(node, out, mode) ? KRV_XML_OK : KRV_XML_ERR_NO_MEMORY;
+        return xmlCloseRun<kDeep>(node, out, mode) ? KRV_XML_OK : KRV_XML_ERR_NO_MEMORY;
     }
     // "<" and the name; at least two more bytes always follow (">\n" at the
     // least), so this room never reaches past the finished text.
@@ -689,7 +700,7 @@ uint32_t xmlPrintDomTreeRecursive(XmlNode *node, XmlOut *out, uint32_t mode)
         ok = xmlOutLit(out, "/>\n");
     }
     if (ok && mode != kModeHead) {
-        ok = xmlCloseRun(node, out, mode);
+        ok = xmlCloseRun<kDeep>(node, out, mode);
     }
     return ok ? KRV_XML_OK : KRV_XML_ERR_NO_MEMORY;
 }
@@ -697,7 +708,9 @@ uint32_t xmlPrintDomTreeRecursive(XmlNode *node, XmlOut *out, uint32_t mode)
 // The node after `node` in the order of KRV_XML_Iterator (whose steps are
 // repeated here, without a call per node): the first child, else the next
 // sibling of the node or of its nearest ancestor that has one. An attribute
-// node ends the walk, as it ends the iterator's.
+// node ends the walk, as it ends the iterator's. kDeep: the climb asks for
+// the levels below each one it reaches.
+template <bool kDeep = false>
 inline XmlNode *xmlWalkNext(XmlNode *node)
 {
     if (xmlIsAttr(node)) {
@@ -708,6 +721,9 @@ inline XmlNode *xmlWalkNext(XmlNode *node)
     }
     while (node != nullptr && node->next == nullptr) {
         node = node->parent;
+        if constexpr (kDeep) {
+            xmlPrefetchBelow(node);
+        }
     }
     return node != nullptr ? node->next : nullptr;
 }
@@ -768,6 +784,7 @@ inline void xmlPrefetchStrings(const XmlNode *node)
 constexpr int kPrefetchAttrs = 4;
 constexpr unsigned kAhead = 4;  // a power of two: the ring below wraps by mask
 
+template <bool kDeep>
 uint32_t xmlPrintScattered(XmlNode *top, XmlOut *out, uint32_t mode)
 {
     XmlNode *ring[kAhead] = {};
@@ -775,7 +792,7 @@ uint32_t xmlPrintScattered(XmlNode *top, XmlOut *out, uint32_t mode)
     XmlNode *scout = top;
     for (unsigned i = 0; i < kAhead && scout != nullptr; ++i) {
         ring[i] = scout;
-        scout = xmlWalkNext(scout);
+        scout = xmlWalkNext<kDeep>(scout);
         xmlPrefetchLinks(scout);
     }
     while (ring[head] != nullptr) {
@@ -785,7 +802,7 @@ uint32_t xmlPrintScattered(XmlNode *top, XmlOut *out, uint32_t mode)
         if (scout != nullptr) {
             const auto from = reinterpret_cast<uintptr_t>(scout);
             const bool hasAttrs = !xmlIsAttr(scout) && scout->firstAttr != nullptr;
-            scout = xmlWalkNext(scout);
+            scout = xmlWalkNext<kDeep>(scout);
             xmlPrefetchLinks(scout);
             if (scout != nullptr) {
                 const auto to = reinterpret_cast<uintptr_t>(scout);
@@ -813,7 +830,7 @@ uint32_t xmlPrintScattered(XmlNode *top, XmlOut *out, uint32_t mode)
                 xmlPrefetch(a->next);
             }
         }
-        uint32_t rc = xmlPrintDomTreeRecursive(node, out, mode);
+        uint32_t rc = xmlPrintDomTreeRecursive<kDeep>(node, out, mode);  // the scout walks on by itself
         if (rc != KRV_XML_OK) {
             return rc;
         }
@@ -823,22 +840,58 @@ uint32_t xmlPrintScattered(XmlNode *top, XmlOut *out, uint32_t mode)
 
 // As xmlPrintScattered, without the scout: the records and strings of a
 // session tree were carved one after the other in document order, so asking
-// for the lines past each record is enough.
+// for the lines past each record is enough. A deep tree is climbed once: the
+// walk goes on from the record where the run of end tags stopped.
+template <bool kDeep>
 uint32_t xmlPrintCompact(XmlNode *top, XmlOut *out, uint32_t mode)
 {
-    for (XmlNode *node = top; node != nullptr; node = xmlWalkNext(node)) {
+    for (XmlNode *node = top; node != nullptr;) {
         xmlPrefetchPast(node);
-        uint32_t rc = xmlPrintDomTreeRecursive(node, out, mode);
+        if constexpr (kDeep) {
+            out->stop = nullptr;
+        }
+        uint32_t rc = xmlPrintDomTreeRecursive<kDeep>(node, out, mode);
         if (rc != KRV_XML_OK) {
             return rc;
         }
+        if constexpr (kDeep) {
+            // The stop is the top (whose parent is null for the walk) or has
+            // a next sibling; links that say otherwise get the full climb.
+            const XmlNode *stop = out->stop;
+            if (stop != nullptr && (stop->next != nullptr || stop->parent == nullptr)) {
+                node = stop->next;
+                continue;
+            }
+        }
+        node = xmlWalkNext<kDeep>(node);
     }
     return KRV_XML_OK;
 }
 
+// Whether the first line of descent from top is more than kDeepProbe levels
+// deep: the printing of such a tree takes the walk of kDeep, which trees of
+// ordinary depth do without.
+constexpr unsigned kDeepProbe = 64;
+
+bool xmlLooksDeep(const XmlNode *top)
+{
+    const XmlNode *node = top;
+    for (unsigned level = 0; level < kDeepProbe; ++level) {
+        if (xmlIsAttr(node) || node->firstChild == nullptr) {
+            return false;
+        }
+        node = node->firstChild;
+    }
+    return true;
+}
+
 uint32_t xmlPrintSubTree(XmlNode *top, XmlOut *out, uint32_t mode)
 {
-    return top->mem != nullptr ? xmlPrintCompact(top, out, mode) : xmlPrintScattered(top, out, mode);
+    const bool deep = xmlLooksDeep(top);
+    if (top->mem != nullptr) {
+        return deep ? xmlPrintCompact<true>(top, out, mode) : xmlPrintCompact<false>(top, out, mode);
+    }
+    return deep ? xmlPrintScattered<true>(top, out, mode) : xmlPrintScattered<false>(top, out, mode);
 }
 
 // Builds the text of top's sub-tree in the given mode. The top node's links
@@ -854,7 +907,7 @@ uint32_t xmlBuildText(XmlNode *top, uint32_t mode, char **text, size_t *length)
     top->next = nullptr;
     top->prev = nullptr;
 
-    XmlOut out{nullptr, 0, 0};
+    XmlOut out{nullptr, 0, 0, nullptr};
     uint32_t rc = xmlPrintSubTree(top, &out, mode);
 
     top->parent = parent;
