@@ -136,6 +136,17 @@ inline void xmlPrefetchPast(const void *record)
     __builtin_prefetch(reinterpret_cast<const void *>(at + 768));
 }
 
+// The same for a walk that stops longer at each record than the lines just
+// past it take to arrive, as a copy does: it asks 2 KB further on, so that
+// the loads of a large tree overlap more of the work.
+inline void xmlPrefetchFarPast(const void *record)
+{
+    const uintptr_t at = reinterpret_cast<uintptr_t>(record) + 2048;
+    __builtin_prefetch(reinterpret_cast<const void *>(at));
+    __builtin_prefetch(reinterpret_cast<const void *>(at + 256));
+    __builtin_prefetch(reinterpret_cast<const void *>(at + 512));
+}
+
 // Requests two lines 4 KB below a record that a climb to its ancestors has
 // reached. A parse or a copy makes a parent before its children, so the
 // records of a deep chain lie one after the other at rising addresses and a

@@ -595,6 +595,11 @@ XmlNode *newWholeRecord(XmlMemSession *session, int32_t kind)
     } else {
         std::memset(raw, 0, kElementRecordSize);
     }
+    // The copy fills its blocks in order: the lines 2 KB on are the ones it
+    // writes a few dozen records later. Asked for now, they are in the cache
+    // by then instead of each write waiting for its line.
+    __builtin_prefetch(static_cast<char *>(raw) + 2048);
+    __builtin_prefetch(static_cast<char *>(raw) + 2048 + 64);
     auto *node = static_cast<XmlNode *>(raw);
     node->kind = kind == kKindAttribute ? kKindAttribute : kKindElement;  // as xmlNewRecord
     node->mem = session;
@@ -746,7 +751,7 @@ uint32_t xmlClone(const XmlNode *source, XmlNode *copy)
         if (c == nullptr) {
             return KRV_XML_ERR_NO_MEMORY;
         }
-        xmlPrefetchPast(cur);  // the next source records
+        xmlPrefetchFarPast(cur);  // the next source records
         c->parent = dest;
         c->prev = dest->lastChild;
         if (dest->lastChild != nullptr) {
