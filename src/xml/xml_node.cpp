@@ -146,8 +146,7 @@ __attribute__((target("avx2"))) void clearAvx2(uint8_t *p, size_t n)
 void clearBlock(uint8_t *p, size_t n)
 {
 #if defined(__x86_64__)
-    __builtin_cpu_init();  // at once when done; needed if called before constructors ran
-    if (n >= 64 && __builtin_cpu_supports("avx2") && !__builtin_cpu_is("intel")) {
+    if (n >= 64 && !xmlOnIntel() && __builtin_cpu_supports("avx2")) {  // xmlOnIntel inits the model
         clearAvx2(p, n);
         return;
     }
