@@ -71,8 +71,8 @@ struct Cell {
     double parse = NAN, print = NAN, clone = NAN, free = NAN, lookupNs = NAN;
     // Medians of the same repetitions, shown beside the scaling lines: the
     // best of many 1 ms runs may fall wholly between two disturbances of the
-    // machine, which no 100 ms run can, so the medians tell whether a ratio
-    // of best runs is the machine's or the library's.
+    // machine, which no 100 ms run can, so the ratio of the medians shows
+    // whether a ratio of best runs leans on one lucky short run.
     double parseMedian = NAN, printMedian = NAN, cloneMedian = NAN, freeMedian = NAN;
     int64_t treeBytes = -1, treeBlocks = -1, parsePeak = -1;
     int64_t outBytes = -1;
