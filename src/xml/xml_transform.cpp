@@ -619,12 +619,19 @@ uint32_t xmlPrintAttrList(XmlNode *attr, XmlOut *out)
     return KRV_XML_OK;
 }
 
+// Levels past which a tree counts as deep: a first descent that goes further
+// picks the deep walk (xmlLooksDeep), and a climb of either walk that goes
+// further asks below from there on, so that a deep chain met later than the
+// first descent is climbed at the deep walk's pace too.
+constexpr unsigned kDeepProbe = 64;
+
 // The end tags written after the leaf `node`: in the tail mode the leaf's own
 // and, in both modes, those of the ancestors whose last child the previous
 // one is. Climbs iteratively; stops at the top node, whose parent is null for
 // the length of a transform. The printing of a deep tree (kDeep) asks for
 // the levels below each one it reaches, and notes in out->stop the last
-// record it closed, where the walk goes on.
+// record it closed, where the walk goes on; other prints ask below only
+// past kDeepProbe levels of one run.
 template <bool kDeep = false>
 inline __attribute__((always_inline)) bool xmlCloseRun(const XmlNode *node, XmlOut *out, uint32_t mode)
 {
@@ -633,12 +640,12 @@ inline __attribute__((always_inline)) bool xmlCloseRun(const XmlNode *node, XmlO
         return true;
     }
     const XmlNode *close = mode == kModeTail ? node : parent;
-    for (;;) {
+    for (unsigned level = 0;; ++level) {
         if (!xmlOutEndTag(out, xmlQNameOf(close))) {
             return false;
         }
         const XmlNode *up = close->parent;
-        if constexpr (kDeep) {
+        if (kDeep || level >= kDeepProbe) {
             xmlPrefetchBelow(up);
         }
         if (up == nullptr || up->lastChild != close) {
@@ -708,8 +715,9 @@ uint32_t xmlPrintDomTreeRecursive(XmlNode *node, XmlOut *out, uint32_t mode)
 // The node after `node` in the order of KRV_XML_Iterator (whose steps are
 // repeated here, without a call per node): the first child, else the next
 // sibling of the node or of its nearest ancestor that has one. An attribute
-// node ends the walk, as it ends the iterator's. kDeep: the climb asks for
-// the levels below each one it reaches.
+// node ends the walk, as it ends the iterator's. The climb asks for the
+// levels below each one it reaches: always with kDeep, else past kDeepProbe
+// levels.
 template <bool kDeep = false>
 inline XmlNode *xmlWalkNext(XmlNode *node)
 {
@@ -719,9 +727,9 @@ inline XmlNode *xmlWalkNext(XmlNode *node)
     if (node->firstChild != nullptr) {
         return node->firstChild;
     }
-    while (node != nullptr && node->next == nullptr) {
+    for (unsigned level = 0; node != nullptr && node->next == nullptr; ++level) {
         node = node->parent;
-        if constexpr (kDeep) {
+        if (kDeep || level >= kDeepProbe) {
             xmlPrefetchBelow(node);
         }
     }
@@ -873,8 +881,6 @@ uint32_t xmlPrintCompact(XmlNode *top, XmlOut *out, uint32_t mode)
 // Whether the first line of descent from top is more than kDeepProbe levels
 // deep: the printing of such a tree takes the walk of kDeep, which trees of
 // ordinary depth do without.
-constexpr unsigned kDeepProbe = 64;
-
 bool xmlLooksDeep(const XmlNode *top)
 {
     const XmlNode *node = top;
