@@ -136,10 +136,15 @@ void headAndTail(const std::string &whole, std::string *t)
 
 // Random trees with siblings at every level, printed from the document and from its first child. Every other
 // tree begins with a chain deeper than the printer's probe for deep trees, which then climbs once per run of
-// end tags.
+// end tags. Heap requests over 1 MB are refused meanwhile (the texts are a few KB), so that a walk that goes
+// round in circles ends in a refusal instead of filling the memory.
 TEST(Transform, DeepChainsWithSiblingsAtEveryLevel)
 {
     krvtest::LeakGuard guard;
+    struct SizeCap {
+        SizeCap() { krv_test::RefuseAllocationsOver(size_t{1} << 20); }
+        ~SizeCap() { krv_test::RefuseAllocationsOver(0); }
+    } cap;
     std::mt19937 rng(20261126);
     for (int round = 0; round < 40; ++round) {
         int budget = 400;
