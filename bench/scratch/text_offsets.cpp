@@ -3,16 +3,16 @@
 // release) REPS times: best and median parse per offset, ms. Shows whether a
 // parse's pace follows where the text lies or the machine's spells.
 //   text_offsets FILE REPS [STEP]
-#include <malloc.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "krv_xml.h"
+#include "scratch_file.h"
 
 static double now()
 {
@@ -25,21 +25,13 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "usage: %s FILE REPS [STEP]\n", argv[0]);
         return 2;
     }
-    mallopt(M_MMAP_MAX, 0);
-    mallopt(M_TRIM_THRESHOLD, INT32_MAX);
-    FILE *f = std::fopen(argv[1], "rb");
-    if (f == nullptr) {
+    scratchKeepHeap();
+    std::string text;
+    if (!scratchReadFile(argv[1], text)) {
         return 2;
     }
-    std::fseek(f, 0, SEEK_END);
-    const long n = std::ftell(f);
-    std::fseek(f, 0, SEEK_SET);
-    std::vector<char> text(static_cast<size_t>(n) + 1, '\0');
-    if (std::fread(text.data(), 1, static_cast<size_t>(n), f) != static_cast<size_t>(n)) {
-        return 2;
-    }
-    std::fclose(f);
-    char *buffer = static_cast<char *>(aligned_alloc(4096, static_cast<size_t>(n) + 8192));
+    const size_t n = text.size();
+    char *buffer = static_cast<char *>(aligned_alloc(4096, (n + 8192 + 4095) / 4096 * 4096));
     const int reps = std::atoi(argv[2]);
     const int step = argc > 3 ? std::atoi(argv[3]) : 256;
     if (buffer == nullptr || reps < 1 || step < 1) {
@@ -47,7 +39,7 @@ int main(int argc, char **argv)
     }
     for (int offset = 0; offset < 4096; offset += step) {
         char *at = buffer + offset;
-        std::memcpy(at, text.data(), text.size());
+        std::memcpy(at, text.c_str(), n + 1);
         std::vector<double> ms;
         for (int r = 0; r < reps; ++r) {
             XmlNode *doc = nullptr;

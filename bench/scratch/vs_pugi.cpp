@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "krv_xml.h"
+#include "scratch_file.h"
 
 namespace {
 
@@ -46,20 +47,11 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "usage: %s FILE MODE REPS LIB\n", argv[0]);
         return 2;
     }
-    mallopt(M_MMAP_MAX, 0);
-    mallopt(M_TRIM_THRESHOLD, INT32_MAX);
-    FILE *f = std::fopen(argv[1], "rb");
-    if (f == nullptr) {
+    scratchKeepHeap();
+    std::string text;
+    if (!scratchReadFile(argv[1], text)) {
         return 2;
     }
-    std::fseek(f, 0, SEEK_END);
-    long n = std::ftell(f);
-    std::fseek(f, 0, SEEK_SET);
-    std::string text(static_cast<size_t>(n), '\0');
-    if (std::fread(&text[0], 1, text.size(), f) != text.size()) {
-        return 2;
-    }
-    std::fclose(f);
     int mode = std::atoi(argv[2]);
     int reps = std::atoi(argv[3]);
     void *h = dlopen(argv[4], RTLD_NOW | RTLD_LOCAL);
