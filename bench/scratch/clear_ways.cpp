@@ -4,7 +4,7 @@
 // with six 8-byte stores each; at 380 MB (the size of the session tree of
 // synthetic_100MB) the caches are flushed by a 512 MB write before each pass,
 // at a few MB the pass repeats 200 times in the caches. Five rounds.
-//   g++ -O2 bench/scratch/clear_ways.cpp -o /tmp/clear_ways && /tmp/clear_ways && /tmp/clear_ways 4
+//   g++ -O2 -I src bench/scratch/clear_ways.cpp -o /tmp/clear_ways && /tmp/clear_ways && /tmp/clear_ways 4
 #include <immintrin.h>
 
 #include <chrono>
@@ -13,25 +13,17 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "xml/xml_clear.h"
+
 static double now()
 {
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-__attribute__((target("avx2"), noinline)) void clear256(uint8_t *p, size_t n)
+// The library's own clear, kept out of line so that each way is one call.
+__attribute__((noinline)) void clear256(uint8_t *p, size_t n)
 {
-    const __m256i zero = _mm256_setzero_si256();
-    _mm256_storeu_si256(reinterpret_cast<__m256i *>(p), zero);
-    _mm256_storeu_si256(reinterpret_cast<__m256i *>(p + n - 32), zero);
-    auto *q = reinterpret_cast<uint8_t *>((reinterpret_cast<uintptr_t>(p) + 32) & ~uintptr_t{31});
-    uint8_t *end = p + n - 32;
-    for (; q + 32 < end; q += 64) {
-        _mm256_store_si256(reinterpret_cast<__m256i *>(q), zero);
-        _mm256_store_si256(reinterpret_cast<__m256i *>(q + 32), zero);
-    }
-    if (q < end) {
-        _mm256_store_si256(reinterpret_cast<__m256i *>(q), zero);
-    }
+    clearAvx2(p, n);
 }
 
 __attribute__((target("avx512f"), noinline)) void clear512(uint8_t *p, size_t n)

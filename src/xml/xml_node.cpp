@@ -1,12 +1,9 @@
 // Node records, memory sessions, allocation routing, create/set/free and the
 // library services.
-#if defined(__x86_64__)
-#include <immintrin.h>
-#endif
-
 #include <cstdlib>
 #include <cstring>
 
+#include "xml/xml_clear.h"
 #include "xml/xml_internal.h"
 
 // ===== Memory sessions =====================================================
@@ -120,28 +117,6 @@ XmlMemSession *initBlock(void *at, int32_t capacity)
     return block;
 }
 
-#if defined(__x86_64__)
-// Zeroes n bytes (n >= 64) by aligned 32-byte stores, with one unaligned
-// store at each end (blocks lie back to back in a slab, so most start off a
-// 32-byte boundary). For a block glibc's memset takes `rep stosb`: on AMD's
-// cores that is the slower of the two (about 1 % of a parse of many short
-// attributes), on Intel's the faster (about 3 %), so the vendor decides.
-__attribute__((target("avx2"))) void clearAvx2(uint8_t *p, size_t n)
-{
-    const __m256i zero = _mm256_setzero_si256();
-    _mm256_storeu_si256(reinterpret_cast<__m256i *>(p), zero);
-    _mm256_storeu_si256(reinterpret_cast<__m256i *>(p + n - 32), zero);
-    uint8_t *q = reinterpret_cast<uint8_t *>((reinterpret_cast<uintptr_t>(p) + 32) & ~uintptr_t{31});
-    uint8_t *end = p + n - 32;
-    for (; q + 32 < end; q += 64) {
-        _mm256_store_si256(reinterpret_cast<__m256i *>(q), zero);
-        _mm256_store_si256(reinterpret_cast<__m256i *>(q + 32), zero);
-    }
-    if (q < end) {
-        _mm256_store_si256(reinterpret_cast<__m256i *>(q), zero);
-    }
-}
-#endif
 
 void clearBlock(uint8_t *p, size_t n)
 {
